@@ -1,0 +1,3 @@
+file(REMOVE_RECURSE
+  "libvarnix_kit.a"
+)

@@ -1,0 +1,2 @@
+# Empty dependencies file for varnix_kit.
+# This may be replaced when dependencies are built.

@@ -1,0 +1,225 @@
+#include "collector/kit.h"
+
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "context/tables.h"
+#include "core/gvar.h"
+#include "core/readcfg.h"
+
+namespace varnix::kit {
+namespace {
+
+constexpr int kCreatePerm = IPC_CREAT | IPC_EXCL | 0666;
+
+bool token(const char* cfg, const char* section, const char* key, int n, char (&out)[kCfgTokenMax + 1]) {
+    return get_nth_token_in_file_section(cfg, section, key, n, out) == 1;
+}
+
+long number(const char* cfg, const char* section, const char* key, long fallback) {
+    char t[kCfgTokenMax + 1];
+    return token(cfg, section, key, 1, t) ? std::strtol(t, nullptr, 10) : fallback;
+}
+
+void* attach_new_shm(key_t key, size_t size, int& id, const char* name) {
+    id = shmget(key, size, kCreatePerm);
+    if (id < 0) {
+        std::fprintf(stderr, "[kit] shmget %s (key 0x%x): %s\n", name, static_cast<unsigned>(key),
+                     std::strerror(errno));
+        return nullptr;
+    }
+    void* addr = shmat(id, nullptr, 0);
+    if (addr == reinterpret_cast<void*>(-1)) {
+        std::fprintf(stderr, "[kit] shmat %s: %s\n", name, std::strerror(errno));
+        return nullptr;
+    }
+    return addr;
+}
+
+int new_free_sem(key_t key, int& id) {
+    id = semget(key, 1, kCreatePerm);
+    if (id < 0 || semctl(id, 0, SETVAL, 1) < 0) {
+        std::fprintf(stderr, "[kit] semaphore (key 0x%x): %s\n", static_cast<unsigned>(key), std::strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+Keys keys_for_pid(pid_t pid) {
+    key_t base = kKeyRangeBase + static_cast<key_t>(pid % kMaxPid) * kKeysPerPid;
+    return Keys{base, base + 1, base + 2, base + 3, base + 4, base + 16};
+}
+
+pid_t owner_of_key(key_t key) {
+    if (key < kKeyRangeBase || key >= kKeyRangeBase + kMaxPid * kKeysPerPid) return -1;
+    return (key - kKeyRangeBase) / kKeysPerPid;
+}
+
+std::string config_text(const ConfigSpec& s) {
+    char buf[4096];
+    std::snprintf(buf, sizeof buf,
+                  "[COMMON]\n"
+                  "LOG_HOME = %s\n"
+                  "TONG_LOG_HOME = %s\n"
+                  "\n[TRAN_LOGF]\n"
+                  "LOG_INTERFACE = MQ\n"
+                  "TR_SECTION = A\n"
+                  "QUE_CNT = %d\n"
+                  "MAX_QUE_CNT = %d\n"
+                  "TRAN_LOG_FLAG_SET = %s\n"
+                  "FST_ERR_RC_SET = %s\n"
+                  "SVC_FILTERING = %d\n"
+                  "CALL_TRC_DEPTH = %d\n"
+                  "CALL_TRC_LIMIT = %ld\n"
+                  "DBIO_TRC_LIMIT = %ld\n"
+                  "SQL_TRC_LIMIT = %ld\n"
+                  "IDLE_THREAD_RELEASE = 30 60\n"
+                  "INFINITE_LOOP_BASE_CNT = %d\n"
+                  "WRITE_QUE_IDX_GID_RNG = %d %d\n"
+                  "\n[IPC_SHARED_MEMORY]\n"
+                  "TRAN_LOGF_QUE_INFO_SHMKEY = %d\n"
+                  "SVC_HASH_TBL_SHMKEY = %d\n"
+                  "PTRC_HASH_TBL_SHMKEY = %d\n"
+                  "\n[IPC_SEMAPHORE]\n"
+                  "SVC_HASH_TBL_SEMKEY = %d\n"
+                  "PTRC_HASH_TBL_SEMKEY = %d\n"
+                  "\n[IPC_MESSAGE_QUE]\n"
+                  "TRAN_LOGF_MSGQKEY = %d\n"
+                  "\n[DATA_SIGNATURE]\n"
+                  "DBIO_FUNC = %s\n"
+                  "\n[SERVICE_HASH]\n"
+                  "DEFAULT_TIMEOUT_SEC = %d\n",
+                  s.log_home.c_str(), s.tong_log_home.c_str(), s.que_cnt, s.max_que_cnt, s.log_flag_set.c_str(),
+                  s.fst_err_rc_set.c_str(), s.svc_filtering, s.call_trc_depth, s.call_trc_limit, s.dbio_trc_limit,
+                  s.sql_trc_limit, s.infinite_loop_base_cnt, s.gid_rng_pos, s.gid_rng_siz, s.keys.que_info,
+                  s.keys.svc_shm, s.keys.ptrc_shm, s.keys.svc_sem, s.keys.ptrc_sem, s.keys.msgq, s.dbio_func.c_str(),
+                  s.default_timeout_sec);
+    return buf;
+}
+
+bool write_file(const std::string& path, const std::string& text) {
+    std::FILE* fp = std::fopen(path.c_str(), "w");
+    if (!fp) return false;
+    bool ok = std::fwrite(text.data(), 1, text.size(), fp) == text.size();
+    return std::fclose(fp) == 0 && ok;
+}
+
+int Collector::create_que_info(const char* cfg) {
+    key_t key = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", -1));
+    void* addr = attach_new_shm(key, sizeof(TRAN_LOGF_QUE_INFO), ids_.que_info_shm, "TRAN_LOGF_QUE_INFO");
+    if (!addr) return -1;
+    que_info_ = static_cast<TRAN_LOGF_QUE_INFO*>(addr);
+    TRAN_LOGF_QUE_INFO& q = *que_info_;
+    std::memset(&q, 0, sizeof q);
+    q.qcnt = static_cast<int32_t>(number(cfg, "TRAN_LOGF", "QUE_CNT", 1));
+    q.que_mask = static_cast<uint32_t>(q.qcnt - 1);
+    q.magic_code = VARNIX_MAGIC_CODE;
+    char t[kCfgTokenMax + 1];
+    if (token(cfg, "TRAN_LOGF", "TRAN_LOG_FLAG_SET", 1, t)) q.log_flag_set = get_log_flag_set(t);
+    for (int n = 1; n <= kCfgTokenCnt && token(cfg, "TRAN_LOGF", "FST_ERR_RC_SET", n, t); ++n)
+        apply_fst_err_rc(q.fst_err_rc_set, t);
+    q.svc_filtering = static_cast<uint8_t>(number(cfg, "TRAN_LOGF", "SVC_FILTERING", 0));
+    q.call_trc_depth = static_cast<int32_t>(number(cfg, "TRAN_LOGF", "CALL_TRC_DEPTH", 0));
+    q.call_trc_limit = number(cfg, "TRAN_LOGF", "CALL_TRC_LIMIT", 0);
+    q.dbio_trc_limit = number(cfg, "TRAN_LOGF", "DBIO_TRC_LIMIT", 0);
+    q.sql_trc_limit = number(cfg, "TRAN_LOGF", "SQL_TRC_LIMIT", 0);
+    q.tong_log_flag = '0';
+    return 0;
+}
+
+int Collector::create_tables(const char* cfg) {
+    key_t svc_shm = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY", -1));
+    key_t svc_sem = static_cast<key_t>(number(cfg, "IPC_SEMAPHORE", "SVC_HASH_TBL_SEMKEY", -1));
+    key_t ptrc_shm = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "PTRC_HASH_TBL_SHMKEY", -1));
+    key_t ptrc_sem = static_cast<key_t>(number(cfg, "IPC_SEMAPHORE", "PTRC_HASH_TBL_SEMKEY", -1));
+    svc_ = static_cast<SVC_HASH_TBL*>(attach_new_shm(svc_shm, sizeof(SVC_HASH_TBL), ids_.svc_shm, "SVC_HASH_TBL"));
+    if (!svc_ || new_free_sem(svc_sem, ids_.svc_sem) < 0) return -1;
+    init_svc_hash_tbl(*svc_);
+    ptrc_ = static_cast<PTRC_HASH_TBL*>(
+        attach_new_shm(ptrc_shm, sizeof(PTRC_HASH_TBL), ids_.ptrc_shm, "PTRC_HASH_TBL"));
+    if (!ptrc_ || new_free_sem(ptrc_sem, ids_.ptrc_sem) < 0) return -1;
+    init_ptrc_hash_tbl(*ptrc_);
+    return 0;
+}
+
+int Collector::create_queues(const char* cfg) {
+    key_t base = static_cast<key_t>(number(cfg, "IPC_MESSAGE_QUE", "TRAN_LOGF_MSGQKEY", -1));
+    max_que_cnt_ = static_cast<int>(number(cfg, "TRAN_LOGF", "MAX_QUE_CNT", 0));
+    if (max_que_cnt_ < 1 || max_que_cnt_ > VARNIX_MAX_QUE_CNT) {
+        std::fprintf(stderr, "[kit] MAX_QUE_CNT %d out of range\n", max_que_cnt_);
+        return -1;
+    }
+    for (int i = 0; i < max_que_cnt_; ++i) {
+        ids_.msgq[i] = msgget(base + i, kCreatePerm);
+        if (ids_.msgq[i] < 0) {
+            std::fprintf(stderr, "[kit] msgget #%d: %s\n", i, std::strerror(errno));
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int Collector::create(const char* cfg_path) {
+    remove();
+    if (create_que_info(cfg_path) < 0 || create_tables(cfg_path) < 0 || create_queues(cfg_path) < 0) {
+        remove();
+        return -1;
+    }
+    return 0;
+}
+
+void remove_ids(const Collector::Ids& ids) {
+    for (int shm : {ids.que_info_shm, ids.svc_shm, ids.ptrc_shm})
+        if (shm >= 0) shmctl(shm, IPC_RMID, nullptr);
+    for (int sem : {ids.svc_sem, ids.ptrc_sem})
+        if (sem >= 0) semctl(sem, 0, IPC_RMID);
+    for (int q : ids.msgq)
+        if (q >= 0) msgctl(q, IPC_RMID, nullptr);
+}
+
+void Collector::remove() {
+    remove_ids(ids_);
+    for (void* addr : {static_cast<void*>(que_info_), static_cast<void*>(svc_), static_cast<void*>(ptrc_)})
+        if (addr) shmdt(addr);
+    ids_ = Ids{};
+    que_info_ = nullptr;
+    svc_ = nullptr;
+    ptrc_ = nullptr;
+    max_que_cnt_ = 0;
+}
+
+int Collector::receive(TRAN_LOG_MSG& msg, int q) const {
+    for (int i = q < 0 ? 0 : q; i < (q < 0 ? max_que_cnt_ : q + 1); ++i) {
+        if (read_msgq(ids_.msgq[i], 0, &msg, VARNIX_REC_TEXT, 1) >= 0) return i;
+    }
+    return -1;
+}
+
+int Collector::receive_wait(TRAN_LOG_MSG& msg, int timeout_ms) const {
+    const timespec step{0, 1'000'000};
+    for (int waited = 0; waited <= timeout_ms; ++waited) {
+        int q = receive(msg);
+        if (q >= 0) return q;
+        nanosleep(&step, nullptr);
+    }
+    return -1;
+}
+
+int Collector::drain() const {
+    TRAN_LOG_MSG msg;
+    int n = 0;
+    while (receive(msg) >= 0) ++n;
+    return n;
+}
+
+}  // namespace varnix::kit

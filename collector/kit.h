@@ -1,0 +1,107 @@
+// Collector kit: creates and owns what the collector agent owns (the control
+// block, the two shared tables with their semaphores and the message queues),
+// receives trace records and removes everything it created.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "varnix_collector.h"
+
+namespace varnix::kit {
+
+// IPC keys of one collector.
+struct Keys {
+    key_t que_info;
+    key_t svc_shm;
+    key_t svc_sem;
+    key_t ptrc_shm;
+    key_t ptrc_sem;
+    key_t msgq;  // base: queue i has key msgq + i
+};
+
+// The project's own key range: each process gets a block of 32 keys derived
+// from its pid, so that concurrent test and demo processes never meet.
+inline constexpr key_t kKeyRangeBase = 0x40000000;
+inline constexpr int kKeysPerPid = 32;
+inline constexpr pid_t kMaxPid = 1 << 22;
+
+Keys keys_for_pid(pid_t pid);
+// The pid whose block holds `key`, or -1 when the key is outside the range.
+pid_t owner_of_key(key_t key);
+
+// Settings of a configuration file, as the kit writes them.
+struct ConfigSpec {
+    Keys keys;
+    std::string log_home;       // COMMON LOG_HOME
+    std::string tong_log_home;  // COMMON TONG_LOG_HOME
+    int que_cnt = 4;
+    int max_que_cnt = 4;
+    std::string log_flag_set = "SEVBCIXQ";
+    std::string fst_err_rc_set;  // tokens "code,verdict"
+    int svc_filtering = 0;
+    int call_trc_depth = 10;
+    long call_trc_limit = 0;
+    long dbio_trc_limit = 0;
+    long sql_trc_limit = 0;
+    int infinite_loop_base_cnt = 1000;
+    int default_timeout_sec = 60;
+    int gid_rng_pos = 0;
+    int gid_rng_siz = 30;
+    std::string dbio_func = "0 DBIO_";
+};
+
+std::string config_text(const ConfigSpec& spec);
+bool write_file(const std::string& path, const std::string& text);
+
+class Collector {
+public:
+    Collector() = default;
+    ~Collector() { remove(); }
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
+
+    // Creates every object the configuration file names; 0, or -1 with a
+    // message on standard error (objects created so far are removed).
+    int create(const char* cfg_path);
+    // Removes every object this collector created.  Safe to call again.
+    void remove();
+
+    TRAN_LOGF_QUE_INFO* que_info() const { return que_info_; }
+    PTRC_HASH_TBL* ptrc() const { return ptrc_; }
+    SVC_HASH_TBL* svc() const { return svc_; }
+    int max_que_cnt() const { return max_que_cnt_; }
+    int msgq_id(int q) const { return ids_.msgq[q]; }
+
+    // One record from queue q, or from the first non-empty queue when q < 0,
+    // without waiting: the queue number, or -1 when there is none.
+    int receive(TRAN_LOG_MSG& msg, int q = -1) const;
+    // Waits up to timeout_ms for a record.
+    int receive_wait(TRAN_LOG_MSG& msg, int timeout_ms) const;
+    // Discards every waiting record; the number discarded.
+    int drain() const;
+
+    // The ids, for a crash handler that must remove them without the kit.
+    struct Ids {
+        int que_info_shm = -1, svc_shm = -1, svc_sem = -1, ptrc_shm = -1, ptrc_sem = -1;
+        int msgq[VARNIX_MAX_QUE_CNT] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+    };
+    const Ids& ids() const { return ids_; }
+
+private:
+    int create_que_info(const char* cfg);
+    int create_tables(const char* cfg);
+    int create_queues(const char* cfg);
+
+    Ids ids_;
+    TRAN_LOGF_QUE_INFO* que_info_ = nullptr;
+    PTRC_HASH_TBL* ptrc_ = nullptr;
+    SVC_HASH_TBL* svc_ = nullptr;
+    int max_que_cnt_ = 0;
+};
+
+// Removes the ids of a crashed or finished collector (async-signal-safe).
+void remove_ids(const Collector::Ids& ids);
+
+}  // namespace varnix::kit

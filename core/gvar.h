@@ -1,0 +1,77 @@
+// The process block: everything the library knows about its process, the
+// attachments to the collector's IPC objects and the thread-context table.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <span>
+
+#include "context/mtr_cxt.h"
+#include "varnix_collector.h"
+
+namespace varnix {
+
+struct Gvar {
+    // Fields of the attached TRAN_LOGF_QUE_INFO block.
+    int32_t* qcnt;
+    uint32_t* que_mask;
+    uint32_t* magic_code;
+    uint8_t* log_flag_set;
+    int8_t* fst_err_rc_set;
+    int32_t* call_trc_depth;
+    int64_t* call_trc_limit;
+    int64_t* dbio_trc_limit;
+    int64_t* sql_trc_limit;
+    char* tong_log_flag;
+    uint32_t* msgq_fail_cnt;
+    uint8_t* svc_filtering;
+
+    int32_t svc_hash_shmid;
+    int32_t svc_hash_semid;
+    int32_t ptrc_hash_shmid;
+    int32_t ptrc_hash_semid;
+    TRAN_LOGF_QUE_INFO* que_info;
+    int32_t msgq_id[VARNIX_MAX_QUE_CNT];
+    int32_t que_info_shmid;
+    SVC_HASH_TBL* svc_hash_tbl;
+    PTRC_HASH_TBL* ptrc_hash_tbl;
+    std::atomic<int32_t> init_mark;  // 1111 ready, 2222 failed, 0 down
+    std::atomic<int32_t> svctimeout_mark;
+
+    char host_name[65];
+    char log_interface[3];
+    char tr_section[2];
+    char proc_nm[31];
+    char cont_nm[31];
+    int32_t pid;
+    char db_user[11];
+    char db_sid[11];
+    char dbio_func_nm[11];
+    int32_t dbio_func_no;
+    MTR_TID_IDX mtr_tid_idx[kMtrBuckets];
+    int32_t idle_thread_release[2];
+    int32_t infinite_loop_base_cnt;
+    int32_t default_timeout_sec;
+};
+
+extern Gvar gvar;
+extern int32_t write_qidx_idx_gid_rng_pos;
+extern int32_t write_qidx_idx_gid_rng_siz;
+
+// Reads a field of shared memory that another process may be writing.
+template <typename T>
+T shm_load(const T* field) {
+    return __atomic_load_n(field, __ATOMIC_RELAXED);
+}
+
+int tran_init();
+// 0 when an API producing records of `log_type` may proceed; else 99, 100, 101,
+// 103 or 126.
+int check_gvar(char log_type);
+void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid);
+// The verdict of the return-code table for a finished call level.
+int is_err_rc(CALL_LVL* lvl);
+// Applies one "code,verdict" specification to a return-code table.
+int apply_fst_err_rc(std::span<int8_t, 128> table, const char* spec);
+
+}  // namespace varnix

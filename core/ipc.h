@@ -1,0 +1,27 @@
+// Thin wrappers over System V message queues and semaphores.  The library only
+// attaches to objects the collector created (no create flag).  Every call
+// returns -1 with errno set on failure unless said otherwise.
+#pragma once
+
+#include <sys/types.h>
+
+#include "varnix_collector.h"
+
+namespace varnix {
+
+inline constexpr int kIpcPerm = 0666;
+inline constexpr short kSemUndo = 4096;  // SEM_UNDO: the kernel reverts a dead holder's lock
+
+int create_msgq(key_t key);
+// msgsnd with IPC_NOWAIT: a full queue fails at once with EAGAIN.
+int send_msgq(int qid, const void* msg, int size);
+
+int create_sem(key_t key, int nsems);
+int sem_lock(int semid, int semnum, short flags);
+int sem_unlock(int semid, int semnum, short flags);
+// Waits until the semaphore is zero.  Kept inside the library: its name is
+// that of the POSIX function, which an exported symbol would replace for the
+// whole host process.
+void sem_wait(int semid, int semnum);
+
+}  // namespace varnix

@@ -1,0 +1,25 @@
+// Diagnostic log: one line per message, one file per day,
+// "<dir>/<title>-YYYY-MM-DD-log".
+#pragma once
+
+#include <span>
+#include <sys/types.h>
+
+namespace varnix {
+
+// 0 when a log file is open afterwards, -1 when none could be opened.  A
+// second call while a file is open changes nothing.
+int open_log(const char* dir, const char* title, mode_t mask);
+void close_log();
+
+// Writes "(pid) MM-DD HH:MM:SS  <message>\n"; messages are cut to 4095 bytes.
+// Messages before the first successful open_log are dropped.
+int log_printf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Reopens the file when the local day changed.
+void check_day();
+
+// "%m-%d %T  " of the local time now, into `out`.
+const char* get_cur_time(std::span<char, 32> out);
+
+}  // namespace varnix

@@ -1,0 +1,34 @@
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <cerrno>
+
+#include "core/ipc.h"
+
+namespace varnix {
+namespace {
+
+int sem_op(int semid, int semnum, short op, short flags) {
+    sembuf sb{static_cast<unsigned short>(semnum), op, flags};
+    int rc;
+    do {
+        rc = semop(semid, &sb, 1);
+    } while (rc < 0 && errno == EINTR);
+    return rc;
+}
+
+}  // namespace
+
+int create_sem(key_t key, int nsems) { return semget(key, nsems, kIpcPerm); }
+
+int sem_lock(int semid, int semnum, short flags) { return sem_op(semid, semnum, -1, flags); }
+
+int sem_unlock(int semid, int semnum, short flags) { return sem_op(semid, semnum, 1, flags); }
+
+void sem_wait(int semid, int semnum) { sem_op(semid, semnum, 0, 0); }
+
+}  // namespace varnix
+
+extern "C" int init_sem_val(int semid, int semnum, int value) {
+    return semctl(semid, semnum, SETVAL, value) < 0 ? -1 : 1;
+}

@@ -1,0 +1,374 @@
+// Process block and initialization.
+//
+// `gvar` is written by tran_init and teardown, which the process lock of
+// TRAN_INIT/TRAN_DONE serializes.  Application threads read it without a lock:
+// init_mark (acquire) tells them whether the rest is ready, and the fields of
+// the shared control block are read relaxed on every call because the
+// collector process may change them at any time.
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <span>
+
+#include "core/encoding_util.h"
+#include "core/gvar.h"
+#include "core/ipc.h"
+#include "core/log_printf.h"
+#include "core/mutex.h"
+#include "core/readcfg.h"
+#include "core/record_class.h"
+#include "core/status.h"
+#include "tong/deffered_que.h"
+#include "varnix.h"
+
+extern "C" {
+char log_home_dir[512];
+char tong_log_home_dir[512];
+int32_t jni_init_flag;
+char init_cont_nm[31];
+char init_db_user[11];
+char init_db_sid[11];
+}
+
+namespace varnix {
+
+Gvar gvar;
+int32_t write_qidx_idx_gid_rng_pos;
+int32_t write_qidx_idx_gid_rng_siz;
+
+namespace {
+
+constexpr int kGidWidth = 32;
+
+const char* cfg_path;  // TRAN_AGT_CFG_FILE of the running tran_init
+
+struct Token {
+    char text[kCfgTokenMax + 1];
+    long num() const { return std::strtol(text, nullptr, 10); }
+};
+
+// Token n of a key; a missing key is reported unless it is one of the keys
+// whose absence fails initialization silently.
+bool read_key(const char* section, const char* key, int n, Token& out, bool report = true) {
+    if (get_nth_token_in_file_section(cfg_path, section, key, n, out.text) == 1) return true;
+    if (report) log_printf("<!> tran_init fail, not found section [%s]", key);
+    return false;
+}
+
+template <size_t N>
+void copy_prefix(char (&dst)[N], const char* src, size_t max) {
+    size_t n = strnlen(src, std::min(max, N - 1));
+    std::memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+void point_at_que_info(TRAN_LOGF_QUE_INFO* q) {
+    gvar.que_info = q;
+    gvar.qcnt = &q->qcnt;
+    gvar.que_mask = &q->que_mask;
+    gvar.magic_code = &q->magic_code;
+    gvar.log_flag_set = &q->log_flag_set;
+    gvar.fst_err_rc_set = q->fst_err_rc_set;
+    gvar.call_trc_depth = &q->call_trc_depth;
+    gvar.call_trc_limit = &q->call_trc_limit;
+    gvar.dbio_trc_limit = &q->dbio_trc_limit;
+    gvar.sql_trc_limit = &q->sql_trc_limit;
+    gvar.tong_log_flag = &q->tong_log_flag;
+    gvar.msgq_fail_cnt = q->msgq_fail_cnt;
+    gvar.svc_filtering = &q->svc_filtering;
+}
+
+int attach_que_info(key_t key) {
+    int id = shmget(key, sizeof(TRAN_LOGF_QUE_INFO), kIpcPerm);
+    if (id < 0) {
+        log_printf("<!> tran_init fail, shared-memory initialize [TRAN_LOGF_QUE_INFO], errno : %d", errno);
+        return VARNIX_RC_NOT_INIT;
+    }
+    void* addr = shmat(id, nullptr, 0);
+    if (addr == reinterpret_cast<void*>(-1)) {
+        int err = errno;
+        log_printf("<!> tran_init fail, shared-memory attach [TRAN_LOGF_QUE_INFO], errno(%d) : %s", err,
+                   std::strerror(err));
+        return VARNIX_RC_NOT_INIT;
+    }
+    gvar.que_info_shmid = id;
+    point_at_que_info(static_cast<TRAN_LOGF_QUE_INFO*>(addr));
+    gvar.svctimeout_mark.store(0, std::memory_order_relaxed);
+    return kOk;
+}
+
+// A shared table with its semaphore: the keys, the diagnostics' names and
+// where the ids and the attach address go.
+struct SharedTable {
+    const char* shm_key;
+    const char* sem_key;
+    const char* name;      // for the shared-memory messages
+    const char* sem_name;  // for the semaphore message
+    size_t size;
+    int32_t* shmid;
+    int32_t* semid;
+    void** addr;
+};
+
+int attach_table(const SharedTable& t) {
+    Token shm_key{}, sem_key{};
+    if (!read_key("IPC_SHARED_MEMORY", t.shm_key, 1, shm_key, false)) return VARNIX_RC_NOT_INIT;
+    if (!read_key("IPC_SEMAPHORE", t.sem_key, 1, sem_key, false)) return VARNIX_RC_NOT_INIT;
+    int semid = create_sem(static_cast<key_t>(sem_key.num()), 1);
+    if (semid < 0) {
+        log_printf("<!> %s semaphore create error.[key:0x%x]", t.sem_name, static_cast<unsigned>(sem_key.num()));
+        return VARNIX_RC_NOT_INIT;
+    }
+    *t.semid = semid;
+    int size = static_cast<int>(t.size);
+    int shmid = shmget(static_cast<key_t>(shm_key.num()), t.size, kIpcPerm);
+    if (shmid < 0) {
+        log_printf("<!> tran_init fail, shared-memory initialize [%s] ( %d bytes)", t.name, size);
+        return VARNIX_RC_NOT_INIT;
+    }
+    void* addr = shmat(shmid, nullptr, 0);
+    if (addr == reinterpret_cast<void*>(-1)) {
+        int err = errno;
+        log_printf("<!> tran_init fail, shared-memory attach [%s]( %d bytes), errno(%d) : %s", t.name, size, err,
+                   std::strerror(err));
+        return VARNIX_RC_NOT_INIT;
+    }
+    *t.shmid = shmid;
+    *t.addr = addr;
+    return kOk;
+}
+
+int attach_queues(key_t base, int count) {
+    for (int i = 0; i < count; ++i) {
+        int id = create_msgq(base + i);
+        if (id < 0) {
+            log_printf("<!> create fail msgq#%02d", i);
+            return VARNIX_RC_NOT_INIT;
+        }
+        gvar.msgq_id[i] = id;
+    }
+    return kOk;
+}
+
+void open_diag_log(const char* agt_home, const char* value) {
+    if (value[0] == '/')
+        std::snprintf(log_home_dir, sizeof log_home_dir, "%s", value);
+    else
+        std::snprintf(log_home_dir, sizeof log_home_dir, "%s/%s", agt_home, value);
+    char dir[sizeof log_home_dir + 32];
+    std::snprintf(dir, sizeof dir, "%s/proc/%s", log_home_dir, "libvarnix");
+    open_log(dir, "libvarnix", 0);
+}
+
+// Keys 1 to 8: log homes, interface, control block, thread and loop settings,
+// number of queues.
+int read_process_keys(const char* agt_home, int& max_que_cnt) {
+    Token t{}, t2{};
+    if (!read_key("COMMON", "LOG_HOME", 1, t)) return VARNIX_RC_NOT_INIT;
+    open_diag_log(agt_home, t.text);
+    if (!read_key("COMMON", "TONG_LOG_HOME", 1, t)) return VARNIX_RC_NOT_INIT;
+    std::snprintf(tong_log_home_dir, sizeof tong_log_home_dir, t.text[0] == '/' ? "%s" : "/%s", t.text);
+    if (!read_key("TRAN_LOGF", "LOG_INTERFACE", 1, t)) return VARNIX_RC_NOT_INIT;
+    copy_prefix(gvar.log_interface, t.text, 2);
+    if (!read_key("TRAN_LOGF", "TR_SECTION", 1, t, false)) return VARNIX_RC_NOT_INIT;
+    copy_prefix(gvar.tr_section, t.text, 1);
+    if (!read_key("IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", 1, t)) return VARNIX_RC_NOT_INIT;
+    if (int rc = attach_que_info(static_cast<key_t>(t.num())); rc != kOk) return rc;
+    if (!read_key("TRAN_LOGF", "IDLE_THREAD_RELEASE", 1, t) || !read_key("TRAN_LOGF", "IDLE_THREAD_RELEASE", 2, t2))
+        return VARNIX_RC_NOT_INIT;
+    gvar.idle_thread_release[0] = static_cast<int32_t>(t.num());
+    gvar.idle_thread_release[1] = static_cast<int32_t>(t2.num());
+    if (!read_key("TRAN_LOGF", "INFINITE_LOOP_BASE_CNT", 1, t)) return VARNIX_RC_NOT_INIT;
+    gvar.infinite_loop_base_cnt = static_cast<int32_t>(t.num());
+    if (!read_key("TRAN_LOGF", "MAX_QUE_CNT", 1, t)) return VARNIX_RC_NOT_INIT;
+    max_que_cnt = static_cast<int>(t.num());
+    if (max_que_cnt < 1 || max_que_cnt > VARNIX_MAX_QUE_CNT) {
+        log_printf("<!> tran_init fail, MAX_QUE_CNT(%d) out of range (1..%d)", max_que_cnt, VARNIX_MAX_QUE_CNT);
+        return VARNIX_RC_NOT_INIT;
+    }
+    return kOk;
+}
+
+// Key 13: the GID slice that picks a record's queue.  It must lie inside the
+// 32-byte GID field, or the hash would read past the record.
+int read_gid_range() {
+    Token pos{}, siz{};
+    if (!read_key("TRAN_LOGF", "WRITE_QUE_IDX_GID_RNG", 1, pos) ||
+        !read_key("TRAN_LOGF", "WRITE_QUE_IDX_GID_RNG", 2, siz))
+        return VARNIX_RC_NOT_INIT;
+    long p = pos.num(), s = siz.num();
+    if (p < 0 || s < 0 || p + s > kGidWidth) {
+        log_printf("<!> tran_init fail, WRITE_QUE_IDX_GID_RNG out of the GID (offset : %ld, size %ld)", p, s);
+        return VARNIX_RC_NOT_INIT;
+    }
+    write_qidx_idx_gid_rng_pos = static_cast<int32_t>(p);
+    write_qidx_idx_gid_rng_siz = static_cast<int32_t>(s);
+    log_printf("(I) write_qidx_idx_gid_rng - (offset : %d, size %d, gid[%d]~gid[%d]) ", write_qidx_idx_gid_rng_pos,
+               write_qidx_idx_gid_rng_siz, write_qidx_idx_gid_rng_pos,
+               write_qidx_idx_gid_rng_pos + write_qidx_idx_gid_rng_siz - 1);
+    return kOk;
+}
+
+// Keys 15 and 16: the DBIO function signature and the abandoned-service time.
+int read_service_keys() {
+    Token no{}, nm{}, t{};
+    if (!read_key("DATA_SIGNATURE", "DBIO_FUNC", 1, no) || !read_key("DATA_SIGNATURE", "DBIO_FUNC", 2, nm))
+        return VARNIX_RC_NOT_INIT;
+    gvar.dbio_func_no = static_cast<int32_t>(no.num());
+    std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);
+    copy_prefix(gvar.dbio_func_nm, nm.text, 10);
+    if (!read_key("SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", 1, t)) return VARNIX_RC_NOT_INIT;
+    gvar.default_timeout_sec = static_cast<int32_t>(t.num());
+    return kOk;
+}
+
+int read_keys_and_attach(const char* agt_home) {
+    int max_que_cnt = 0;
+    if (int rc = read_process_keys(agt_home, max_que_cnt); rc != kOk) return rc;
+    SharedTable svc{"SVC_HASH_TBL_SHMKEY", "SVC_HASH_TBL_SEMKEY", "SVC_HASH_TBL", "svc_hash_tbl",
+                    sizeof(SVC_HASH_TBL), &gvar.svc_hash_shmid, &gvar.svc_hash_semid,
+                    reinterpret_cast<void**>(&gvar.svc_hash_tbl)};
+    if (int rc = attach_table(svc); rc != kOk) return rc;
+    SharedTable ptrc{"PTRC_HASH_TBL_SHMKEY", "PTRC_HASH_TBL_SEMKEY", "PTRC_HASH_TBL", "ptrc_hash_tbl",
+                     sizeof(PTRC_HASH_TBL), &gvar.ptrc_hash_shmid, &gvar.ptrc_hash_semid,
+                     reinterpret_cast<void**>(&gvar.ptrc_hash_tbl)};
+    if (int rc = attach_table(ptrc); rc != kOk) return rc;
+    if (int rc = read_gid_range(); rc != kOk) return rc;
+    Token msgq_key{};
+    if (!read_key("IPC_MESSAGE_QUE", "TRAN_LOGF_MSGQKEY", 1, msgq_key)) return VARNIX_RC_NOT_INIT;
+    if (int rc = attach_queues(static_cast<key_t>(msgq_key.num()), max_que_cnt); rc != kOk) return rc;
+    return read_service_keys();
+}
+
+}  // namespace
+
+int tran_init() {
+    gvar.pid = getpid();
+    set_proc_nm(gvar.proc_nm, gvar.cont_nm, gvar.pid);
+    if (gvar.init_mark.load(std::memory_order_relaxed) == kInitMarkReady) {
+        log_printf("<!> already TRAN_INIT API initialized.");
+        return VARNIX_RC_ALREADY_INIT;
+    }
+    static constexpr const char* kEnv[] = {"TRAN_HOME", "TRAN_AGT_HOME", "TRAN_AGT_CFG_FILE"};
+    for (const char* name : kEnv) {
+        if (!std::getenv(name)) {
+            log_printf("<!> please, check environment-variable (%s)", name);
+            return VARNIX_RC_NO_ENV;
+        }
+    }
+    cfg_path = std::getenv("TRAN_AGT_CFG_FILE");
+    gvar.dbio_func_no = -1;
+    // Queues that are not attached must refuse records, never reach a
+    // stranger's queue: id 0 is a valid id.
+    for (int32_t& id : gvar.msgq_id) id = -1;
+    if (int rc = read_keys_and_attach(std::getenv("TRAN_AGT_HOME")); rc != kOk) return rc;
+    if (gethostname(gvar.host_name, sizeof gvar.host_name) != 0) {
+        log_printf("<!> tran_init fail, gethostname() error");
+        return VARNIX_RC_NOT_INIT;
+    }
+    gvar.host_name[sizeof gvar.host_name - 1] = '\0';
+    if (create_deffered_que(0) == 0) {
+        log_printf("<!> tran_init fail, create tong log deffered que create fail.");
+        return VARNIX_RC_NOT_INIT;
+    }
+    return kOk;
+}
+
+int check_gvar(char log_type) {
+    if (gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return VARNIX_RC_NOT_INIT;
+    if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
+    int32_t qcnt = shm_load(gvar.qcnt);
+    if (gvar.que_info_shmid < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT) return VARNIX_RC_NO_QUE_INFO;
+    if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
+    uint8_t bit = record_class_bit(log_type);
+    if (bit != 0 && (shm_load(gvar.log_flag_set) & bit) == 0) return VARNIX_RC_CLASS_OFF;
+    return kOk;
+}
+
+void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid) {
+    char path[128];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    std::FILE* fp = std::fopen(path, "r");
+    if (!fp) return;
+    long id = 0;
+    char state = 0;
+    (void)std::fscanf(fp, "%ld (%30[^)]) %c", &id, proc_nm, &state);  // a partial match changes what it matched
+    copy_prefix(cont_nm, init_cont_nm, 30);
+    std::fclose(fp);
+}
+
+int apply_fst_err_rc(std::span<int8_t, 128> table, const char* spec) {
+    const char* comma = spec ? std::strchr(spec, ',') : nullptr;
+    if (!comma || comma == spec) return -1;
+    char digits[32] = {};
+    copy_prefix(digits, spec, static_cast<size_t>(comma - spec));
+    long code = std::strtol(digits, nullptr, 10);
+    const char* verdict = comma + 1;
+    if (verdict[0] < '0' || verdict[0] > '9' || verdict[1] != '\0') return -1;
+    int v = verdict[0] - '0';
+    if (v > 2 || code >= 129) return -1;
+    long magnitude = code < 0 ? -code : code;
+    if (magnitude <= 127) {
+        table[magnitude] = static_cast<int8_t>(v);
+        return 0;
+    }
+    if (magnitude == 128) {
+        for (int8_t& e : table) e = static_cast<int8_t>(v);
+        return 0;
+    }
+    return -1;
+}
+
+int is_err_rc(CALL_LVL* lvl) {
+    if (lvl->start_opt == 0xFFFFFFFFu) {
+        lvl->rc = 99;
+        return 0;
+    }
+    if (lvl->rc < 0 && lvl->rc >= -127) return shm_load(&gvar.fst_err_rc_set[-lvl->rc]);
+    return 0;
+}
+
+}  // namespace varnix
+
+using namespace varnix;
+
+extern "C" {
+
+uint8_t get_log_flag_set(const char* letters) {
+    uint8_t set = 0;
+    for (const char* p = letters; p && *p; ++p) set |= letter_bit(*p);
+    return set;
+}
+
+int set_fst_err_rc_set(const char* spec) {
+    if (!gvar.fst_err_rc_set) return -1;
+    return apply_fst_err_rc(std::span<int8_t, 128>(gvar.fst_err_rc_set, 128), spec);
+}
+
+int read_config(void) {
+    static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    static std::time_t last_look, seen_mtime, cur_mtime;
+    MutexGuard guard(lock);
+    std::time_t now = std::time(nullptr);
+    if (now - last_look < 60) return 0;
+    const char* path = std::getenv("TRAN_AGT_CFG_FILE");
+    struct stat st {};
+    if (!path || stat(path, &st) != 0) return 0;
+    if (last_look == 0) cur_mtime = st.st_mtime;
+    seen_mtime = st.st_mtime;
+    last_look = now;
+    if (seen_mtime == cur_mtime) return 0;
+    log_printf("@@@ Config-File 수정 확인\n");
+    cur_mtime = seen_mtime;
+    return 1;
+}
+
+}  // extern "C"

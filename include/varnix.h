@@ -1,0 +1,68 @@
+/*
+ * libvarnix: transaction tracing API for on-line server processes.
+ *
+ * Every record-producing entry returns the number of the collector queue that
+ * carried its record (0..15) on success, so any value below 99 means success;
+ * other entries return 0.  Failure statuses are the VARNIX_RC_* values below.
+ *
+ * Text arguments are pairs of a character pointer and a 32-bit length: a
+ * length of -1 means NUL-terminated, a NULL pointer leaves the field blank.
+ * A negative thread id means the calling thread.
+ */
+#ifndef VARNIX_H
+#define VARNIX_H
+
+#include <stdint.h>
+
+#ifndef VARNIX_API
+#define VARNIX_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    VARNIX_RC_BAD_MAGIC = 99,       /* shared control block is corrupt */
+    VARNIX_RC_CLASS_OFF = 100,      /* record class switched off */
+    VARNIX_RC_NO_QUE_INFO = 101,    /* control block missing, or qcnt not 1..16 */
+    VARNIX_RC_BAD_TYPE = 102,       /* unknown record type */
+    VARNIX_RC_NOT_INIT = 103,       /* not initialized, or initialization failed */
+    VARNIX_RC_ALREADY_INIT = 104,
+    VARNIX_RC_SEND_FAIL = 105,      /* the queue refused the record */
+    VARNIX_RC_NO_ENV = 106,         /* a required environment variable is missing */
+    VARNIX_RC_NO_CONTEXT = 107,     /* no free thread context in the bucket */
+    VARNIX_RC_NOT_TRACED = 109,     /* call finish not traced at this depth */
+    VARNIX_RC_BIZ_FAST = 110,       /* BIZCALL below its limit: no record */
+    VARNIX_RC_DBIO_FAST = 111,      /* DBIO below its limit: no record */
+    VARNIX_RC_NO_SERVICE = 112,     /* record outside a started service */
+    VARNIX_RC_SQL_LIMIT = 113,      /* too many SQL statements for one call */
+    VARNIX_RC_CALL_DEPTH = 115,     /* no call open, or call depth error */
+    VARNIX_RC_PTRC_FULL = 116,      /* process-thread table full */
+    VARNIX_RC_MUTEX = 117,          /* a bucket mutex could not be initialized */
+    VARNIX_RC_PTRC_MISMATCH = 118,  /* context and process-thread entry disagree */
+    VARNIX_RC_FILTERED = 121,       /* service filtered out */
+    VARNIX_RC_DBIO_IN_DBIO = 122,
+    VARNIX_RC_SVC_DEPTH = 123,      /* service depth out of range */
+    VARNIX_RC_SHORT_TMSG = 124,     /* telegram too short for capture */
+    VARNIX_RC_SQL_NO_DBIO = 125,    /* SQL text outside a DBIO call */
+    VARNIX_RC_SVC_TIMEOUT = 126     /* tracing stopped by a service time-out */
+};
+
+/* Diagnostic-log home and full-message log home, set by initialization. */
+VARNIX_API extern char log_home_dir[512];
+VARNIX_API extern char tong_log_home_dir[512];
+
+/* Set by the Java binding before initialization. */
+VARNIX_API extern int32_t jni_init_flag;
+VARNIX_API extern char init_cont_nm[31];
+
+/* Database user and instance taken into every process-thread entry. */
+VARNIX_API extern char init_db_user[11];
+VARNIX_API extern char init_db_sid[11];
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VARNIX_H */
