@@ -74,30 +74,30 @@ varnix_OBJECTS =
 
 # External object files for target varnix
 varnix_EXTERNAL_OBJECTS = \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o" \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o" \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/hash.cpp.o" \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o" \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/log_printf.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/msgq.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/readcfg.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/sem.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/hash.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.o"
 
+libvarnix.so: CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o
+libvarnix.so: CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o
+libvarnix.so: CMakeFiles/varnix_core.dir/context/hash.cpp.o
+libvarnix.so: CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o
+libvarnix.so: CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o
 libvarnix.so: CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o
 libvarnix.so: CMakeFiles/varnix_core.dir/core/log_printf.cpp.o
 libvarnix.so: CMakeFiles/varnix_core.dir/core/msgq.cpp.o
 libvarnix.so: CMakeFiles/varnix_core.dir/core/readcfg.cpp.o
 libvarnix.so: CMakeFiles/varnix_core.dir/core/sem.cpp.o
 libvarnix.so: CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o
-libvarnix.so: CMakeFiles/varnix_core.dir/context/hash.cpp.o
-libvarnix.so: CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o
-libvarnix.so: CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o
-libvarnix.so: CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o
-libvarnix.so: CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o
 libvarnix.so: CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.o
 libvarnix.so: CMakeFiles/varnix.dir/build.make
 libvarnix.so: CMakeFiles/varnix.dir/link.txt

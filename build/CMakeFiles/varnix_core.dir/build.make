@@ -69,108 +69,10 @@ include CMakeFiles/varnix_core.dir/progress.make
 # Include the compile flags for this target's objects.
 include CMakeFiles/varnix_core.dir/flags.make
 
-CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o: CMakeFiles/varnix_core.dir/flags.make
-CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o: /work/main/core/encoding_util.cpp
-CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_1) "Building CXX object CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o -MF CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o.d -o CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o -c /work/main/core/encoding_util.cpp
-
-CMakeFiles/varnix_core.dir/core/encoding_util.cpp.i: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/encoding_util.cpp.i"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/encoding_util.cpp > CMakeFiles/varnix_core.dir/core/encoding_util.cpp.i
-
-CMakeFiles/varnix_core.dir/core/encoding_util.cpp.s: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/encoding_util.cpp.s"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/encoding_util.cpp -o CMakeFiles/varnix_core.dir/core/encoding_util.cpp.s
-
-CMakeFiles/varnix_core.dir/core/log_printf.cpp.o: CMakeFiles/varnix_core.dir/flags.make
-CMakeFiles/varnix_core.dir/core/log_printf.cpp.o: /work/main/core/log_printf.cpp
-CMakeFiles/varnix_core.dir/core/log_printf.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_2) "Building CXX object CMakeFiles/varnix_core.dir/core/log_printf.cpp.o"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/log_printf.cpp.o -MF CMakeFiles/varnix_core.dir/core/log_printf.cpp.o.d -o CMakeFiles/varnix_core.dir/core/log_printf.cpp.o -c /work/main/core/log_printf.cpp
-
-CMakeFiles/varnix_core.dir/core/log_printf.cpp.i: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/log_printf.cpp.i"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/log_printf.cpp > CMakeFiles/varnix_core.dir/core/log_printf.cpp.i
-
-CMakeFiles/varnix_core.dir/core/log_printf.cpp.s: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/log_printf.cpp.s"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/log_printf.cpp -o CMakeFiles/varnix_core.dir/core/log_printf.cpp.s
-
-CMakeFiles/varnix_core.dir/core/msgq.cpp.o: CMakeFiles/varnix_core.dir/flags.make
-CMakeFiles/varnix_core.dir/core/msgq.cpp.o: /work/main/core/msgq.cpp
-CMakeFiles/varnix_core.dir/core/msgq.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_3) "Building CXX object CMakeFiles/varnix_core.dir/core/msgq.cpp.o"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/msgq.cpp.o -MF CMakeFiles/varnix_core.dir/core/msgq.cpp.o.d -o CMakeFiles/varnix_core.dir/core/msgq.cpp.o -c /work/main/core/msgq.cpp
-
-CMakeFiles/varnix_core.dir/core/msgq.cpp.i: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/msgq.cpp.i"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/msgq.cpp > CMakeFiles/varnix_core.dir/core/msgq.cpp.i
-
-CMakeFiles/varnix_core.dir/core/msgq.cpp.s: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/msgq.cpp.s"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/msgq.cpp -o CMakeFiles/varnix_core.dir/core/msgq.cpp.s
-
-CMakeFiles/varnix_core.dir/core/readcfg.cpp.o: CMakeFiles/varnix_core.dir/flags.make
-CMakeFiles/varnix_core.dir/core/readcfg.cpp.o: /work/main/core/readcfg.cpp
-CMakeFiles/varnix_core.dir/core/readcfg.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_4) "Building CXX object CMakeFiles/varnix_core.dir/core/readcfg.cpp.o"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/readcfg.cpp.o -MF CMakeFiles/varnix_core.dir/core/readcfg.cpp.o.d -o CMakeFiles/varnix_core.dir/core/readcfg.cpp.o -c /work/main/core/readcfg.cpp
-
-CMakeFiles/varnix_core.dir/core/readcfg.cpp.i: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/readcfg.cpp.i"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/readcfg.cpp > CMakeFiles/varnix_core.dir/core/readcfg.cpp.i
-
-CMakeFiles/varnix_core.dir/core/readcfg.cpp.s: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/readcfg.cpp.s"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/readcfg.cpp -o CMakeFiles/varnix_core.dir/core/readcfg.cpp.s
-
-CMakeFiles/varnix_core.dir/core/sem.cpp.o: CMakeFiles/varnix_core.dir/flags.make
-CMakeFiles/varnix_core.dir/core/sem.cpp.o: /work/main/core/sem.cpp
-CMakeFiles/varnix_core.dir/core/sem.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_5) "Building CXX object CMakeFiles/varnix_core.dir/core/sem.cpp.o"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/sem.cpp.o -MF CMakeFiles/varnix_core.dir/core/sem.cpp.o.d -o CMakeFiles/varnix_core.dir/core/sem.cpp.o -c /work/main/core/sem.cpp
-
-CMakeFiles/varnix_core.dir/core/sem.cpp.i: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/sem.cpp.i"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/sem.cpp > CMakeFiles/varnix_core.dir/core/sem.cpp.i
-
-CMakeFiles/varnix_core.dir/core/sem.cpp.s: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/sem.cpp.s"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/sem.cpp -o CMakeFiles/varnix_core.dir/core/sem.cpp.s
-
-CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o: CMakeFiles/varnix_core.dir/flags.make
-CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o: /work/main/core/tran_ex.cpp
-CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_6) "Building CXX object CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o -MF CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o.d -o CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o -c /work/main/core/tran_ex.cpp
-
-CMakeFiles/varnix_core.dir/core/tran_ex.cpp.i: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/tran_ex.cpp.i"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/tran_ex.cpp > CMakeFiles/varnix_core.dir/core/tran_ex.cpp.i
-
-CMakeFiles/varnix_core.dir/core/tran_ex.cpp.s: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/tran_ex.cpp.s"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/tran_ex.cpp -o CMakeFiles/varnix_core.dir/core/tran_ex.cpp.s
-
-CMakeFiles/varnix_core.dir/context/hash.cpp.o: CMakeFiles/varnix_core.dir/flags.make
-CMakeFiles/varnix_core.dir/context/hash.cpp.o: /work/main/context/hash.cpp
-CMakeFiles/varnix_core.dir/context/hash.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_7) "Building CXX object CMakeFiles/varnix_core.dir/context/hash.cpp.o"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/context/hash.cpp.o -MF CMakeFiles/varnix_core.dir/context/hash.cpp.o.d -o CMakeFiles/varnix_core.dir/context/hash.cpp.o -c /work/main/context/hash.cpp
-
-CMakeFiles/varnix_core.dir/context/hash.cpp.i: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/context/hash.cpp.i"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/context/hash.cpp > CMakeFiles/varnix_core.dir/context/hash.cpp.i
-
-CMakeFiles/varnix_core.dir/context/hash.cpp.s: cmake_force
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/context/hash.cpp.s"
-	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/context/hash.cpp -o CMakeFiles/varnix_core.dir/context/hash.cpp.s
-
 CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o: CMakeFiles/varnix_core.dir/flags.make
 CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o: /work/main/context/get_ptrc_hash.cpp
 CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_8) "Building CXX object CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o"
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_1) "Building CXX object CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o"
 	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o -MF CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o.d -o CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o -c /work/main/context/get_ptrc_hash.cpp
 
 CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.i: cmake_force
@@ -184,7 +86,7 @@ CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.s: cmake_force
 CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o: CMakeFiles/varnix_core.dir/flags.make
 CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o: /work/main/context/get_svc_hash.cpp
 CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_9) "Building CXX object CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o"
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_2) "Building CXX object CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o"
 	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o -MF CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o.d -o CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o -c /work/main/context/get_svc_hash.cpp
 
 CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.i: cmake_force
@@ -195,10 +97,24 @@ CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.s: cmake_force
 	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.s"
 	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/context/get_svc_hash.cpp -o CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.s
 
+CMakeFiles/varnix_core.dir/context/hash.cpp.o: CMakeFiles/varnix_core.dir/flags.make
+CMakeFiles/varnix_core.dir/context/hash.cpp.o: /work/main/context/hash.cpp
+CMakeFiles/varnix_core.dir/context/hash.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_3) "Building CXX object CMakeFiles/varnix_core.dir/context/hash.cpp.o"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/context/hash.cpp.o -MF CMakeFiles/varnix_core.dir/context/hash.cpp.o.d -o CMakeFiles/varnix_core.dir/context/hash.cpp.o -c /work/main/context/hash.cpp
+
+CMakeFiles/varnix_core.dir/context/hash.cpp.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/context/hash.cpp.i"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/context/hash.cpp > CMakeFiles/varnix_core.dir/context/hash.cpp.i
+
+CMakeFiles/varnix_core.dir/context/hash.cpp.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/context/hash.cpp.s"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/context/hash.cpp -o CMakeFiles/varnix_core.dir/context/hash.cpp.s
+
 CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o: CMakeFiles/varnix_core.dir/flags.make
 CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o: /work/main/context/ptrc_hash_stk.cpp
 CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_10) "Building CXX object CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o"
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_4) "Building CXX object CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o"
 	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o -MF CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o.d -o CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o -c /work/main/context/ptrc_hash_stk.cpp
 
 CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.i: cmake_force
@@ -212,7 +128,7 @@ CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.s: cmake_force
 CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o: CMakeFiles/varnix_core.dir/flags.make
 CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o: /work/main/context/svc_hash_stk.cpp
 CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_11) "Building CXX object CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o"
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_5) "Building CXX object CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o"
 	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o -MF CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o.d -o CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o -c /work/main/context/svc_hash_stk.cpp
 
 CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.i: cmake_force
@@ -222,6 +138,90 @@ CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.i: cmake_force
 CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.s: cmake_force
 	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.s"
 	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/context/svc_hash_stk.cpp -o CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.s
+
+CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o: CMakeFiles/varnix_core.dir/flags.make
+CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o: /work/main/core/encoding_util.cpp
+CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_6) "Building CXX object CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o -MF CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o.d -o CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o -c /work/main/core/encoding_util.cpp
+
+CMakeFiles/varnix_core.dir/core/encoding_util.cpp.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/encoding_util.cpp.i"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/encoding_util.cpp > CMakeFiles/varnix_core.dir/core/encoding_util.cpp.i
+
+CMakeFiles/varnix_core.dir/core/encoding_util.cpp.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/encoding_util.cpp.s"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/encoding_util.cpp -o CMakeFiles/varnix_core.dir/core/encoding_util.cpp.s
+
+CMakeFiles/varnix_core.dir/core/log_printf.cpp.o: CMakeFiles/varnix_core.dir/flags.make
+CMakeFiles/varnix_core.dir/core/log_printf.cpp.o: /work/main/core/log_printf.cpp
+CMakeFiles/varnix_core.dir/core/log_printf.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_7) "Building CXX object CMakeFiles/varnix_core.dir/core/log_printf.cpp.o"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/log_printf.cpp.o -MF CMakeFiles/varnix_core.dir/core/log_printf.cpp.o.d -o CMakeFiles/varnix_core.dir/core/log_printf.cpp.o -c /work/main/core/log_printf.cpp
+
+CMakeFiles/varnix_core.dir/core/log_printf.cpp.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/log_printf.cpp.i"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/log_printf.cpp > CMakeFiles/varnix_core.dir/core/log_printf.cpp.i
+
+CMakeFiles/varnix_core.dir/core/log_printf.cpp.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/log_printf.cpp.s"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/log_printf.cpp -o CMakeFiles/varnix_core.dir/core/log_printf.cpp.s
+
+CMakeFiles/varnix_core.dir/core/msgq.cpp.o: CMakeFiles/varnix_core.dir/flags.make
+CMakeFiles/varnix_core.dir/core/msgq.cpp.o: /work/main/core/msgq.cpp
+CMakeFiles/varnix_core.dir/core/msgq.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_8) "Building CXX object CMakeFiles/varnix_core.dir/core/msgq.cpp.o"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/msgq.cpp.o -MF CMakeFiles/varnix_core.dir/core/msgq.cpp.o.d -o CMakeFiles/varnix_core.dir/core/msgq.cpp.o -c /work/main/core/msgq.cpp
+
+CMakeFiles/varnix_core.dir/core/msgq.cpp.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/msgq.cpp.i"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/msgq.cpp > CMakeFiles/varnix_core.dir/core/msgq.cpp.i
+
+CMakeFiles/varnix_core.dir/core/msgq.cpp.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/msgq.cpp.s"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/msgq.cpp -o CMakeFiles/varnix_core.dir/core/msgq.cpp.s
+
+CMakeFiles/varnix_core.dir/core/readcfg.cpp.o: CMakeFiles/varnix_core.dir/flags.make
+CMakeFiles/varnix_core.dir/core/readcfg.cpp.o: /work/main/core/readcfg.cpp
+CMakeFiles/varnix_core.dir/core/readcfg.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_9) "Building CXX object CMakeFiles/varnix_core.dir/core/readcfg.cpp.o"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/readcfg.cpp.o -MF CMakeFiles/varnix_core.dir/core/readcfg.cpp.o.d -o CMakeFiles/varnix_core.dir/core/readcfg.cpp.o -c /work/main/core/readcfg.cpp
+
+CMakeFiles/varnix_core.dir/core/readcfg.cpp.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/readcfg.cpp.i"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/readcfg.cpp > CMakeFiles/varnix_core.dir/core/readcfg.cpp.i
+
+CMakeFiles/varnix_core.dir/core/readcfg.cpp.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/readcfg.cpp.s"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/readcfg.cpp -o CMakeFiles/varnix_core.dir/core/readcfg.cpp.s
+
+CMakeFiles/varnix_core.dir/core/sem.cpp.o: CMakeFiles/varnix_core.dir/flags.make
+CMakeFiles/varnix_core.dir/core/sem.cpp.o: /work/main/core/sem.cpp
+CMakeFiles/varnix_core.dir/core/sem.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_10) "Building CXX object CMakeFiles/varnix_core.dir/core/sem.cpp.o"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/sem.cpp.o -MF CMakeFiles/varnix_core.dir/core/sem.cpp.o.d -o CMakeFiles/varnix_core.dir/core/sem.cpp.o -c /work/main/core/sem.cpp
+
+CMakeFiles/varnix_core.dir/core/sem.cpp.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/sem.cpp.i"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/sem.cpp > CMakeFiles/varnix_core.dir/core/sem.cpp.i
+
+CMakeFiles/varnix_core.dir/core/sem.cpp.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/sem.cpp.s"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/sem.cpp -o CMakeFiles/varnix_core.dir/core/sem.cpp.s
+
+CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o: CMakeFiles/varnix_core.dir/flags.make
+CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o: /work/main/core/tran_ex.cpp
+CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o: CMakeFiles/varnix_core.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_11) "Building CXX object CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o -MF CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o.d -o CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o -c /work/main/core/tran_ex.cpp
+
+CMakeFiles/varnix_core.dir/core/tran_ex.cpp.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/varnix_core.dir/core/tran_ex.cpp.i"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/core/tran_ex.cpp > CMakeFiles/varnix_core.dir/core/tran_ex.cpp.i
+
+CMakeFiles/varnix_core.dir/core/tran_ex.cpp.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/core/tran_ex.cpp.s"
+	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/core/tran_ex.cpp -o CMakeFiles/varnix_core.dir/core/tran_ex.cpp.s
 
 CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.o: CMakeFiles/varnix_core.dir/flags.make
 CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.o: /work/main/tong/deffered_que.cpp
@@ -237,17 +237,17 @@ CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.s: cmake_force
 	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.s"
 	/usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/tong/deffered_que.cpp -o CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.s
 
+varnix_core: CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o
+varnix_core: CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o
+varnix_core: CMakeFiles/varnix_core.dir/context/hash.cpp.o
+varnix_core: CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o
+varnix_core: CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o
 varnix_core: CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o
 varnix_core: CMakeFiles/varnix_core.dir/core/log_printf.cpp.o
 varnix_core: CMakeFiles/varnix_core.dir/core/msgq.cpp.o
 varnix_core: CMakeFiles/varnix_core.dir/core/readcfg.cpp.o
 varnix_core: CMakeFiles/varnix_core.dir/core/sem.cpp.o
 varnix_core: CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o
-varnix_core: CMakeFiles/varnix_core.dir/context/hash.cpp.o
-varnix_core: CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o
-varnix_core: CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o
-varnix_core: CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o
-varnix_core: CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o
 varnix_core: CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.o
 varnix_core: CMakeFiles/varnix_core.dir/build.make
 .PHONY : varnix_core

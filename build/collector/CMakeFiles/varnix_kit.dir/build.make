@@ -89,31 +89,31 @@ varnix_kit_OBJECTS = \
 
 # External object files for target varnix_kit
 varnix_kit_EXTERNAL_OBJECTS = \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o" \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o" \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/hash.cpp.o" \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o" \
+"/work/main/build/CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/log_printf.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/msgq.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/readcfg.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/sem.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/hash.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o" \
-"/work/main/build/CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o" \
 "/work/main/build/CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.o"
 
 collector/libvarnix_kit.a: collector/CMakeFiles/varnix_kit.dir/kit.cpp.o
+collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o
+collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o
+collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/hash.cpp.o
+collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o
+collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o
 collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/core/encoding_util.cpp.o
 collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/core/log_printf.cpp.o
 collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/core/msgq.cpp.o
 collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/core/readcfg.cpp.o
 collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/core/sem.cpp.o
 collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/core/tran_ex.cpp.o
-collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/hash.cpp.o
-collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/get_ptrc_hash.cpp.o
-collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/get_svc_hash.cpp.o
-collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/ptrc_hash_stk.cpp.o
-collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/context/svc_hash_stk.cpp.o
 collector/libvarnix_kit.a: CMakeFiles/varnix_core.dir/tong/deffered_que.cpp.o
 collector/libvarnix_kit.a: collector/CMakeFiles/varnix_kit.dir/build.make
 collector/libvarnix_kit.a: collector/CMakeFiles/varnix_kit.dir/link.txt

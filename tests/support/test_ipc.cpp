@@ -1,0 +1,105 @@
+#include "support/test_ipc.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+
+namespace varnix::test {
+namespace {
+
+kit::Collector::Ids crash_ids;  // read by the crash handler
+
+void on_crash(int sig) {
+    kit::remove_ids(crash_ids);
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+void remove_on_crash(const kit::Collector::Ids& ids) {
+    crash_ids = ids;
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGINT}) signal(sig, on_crash);
+}
+
+}  // namespace
+
+std::string read_file(const std::string& path) {
+    std::string text;
+    std::FILE* fp = std::fopen(path.c_str(), "rb");
+    if (!fp) return text;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, fp)) > 0) text.append(buf, n);
+    std::fclose(fp);
+    return text;
+}
+
+TestIpc& TestIpc::get() {
+    static TestIpc ipc;
+    return ipc;
+}
+
+TestIpc::TestIpc() {
+    char tmpl[] = "/tmp/varnix-test-XXXXXX";
+    if (!mkdtemp(tmpl)) return;
+    dir_ = tmpl;
+    std::error_code ec;
+    std::filesystem::create_directories(log_dir(), ec);
+    std::filesystem::create_directories(tong_dir(), ec);
+    if (ec || !write_config(default_spec())) return;
+    if (collector_.create(cfg_path().c_str()) != 0) return;
+    remove_on_crash(collector_.ids());
+    std::atexit([] {
+        TestIpc& self = get();
+        self.collector_.remove();
+        std::error_code ignored;
+        std::filesystem::remove_all(self.dir_, ignored);
+    });
+    ok_ = true;
+}
+
+kit::ConfigSpec TestIpc::default_spec() const {
+    kit::ConfigSpec spec;
+    spec.keys = kit::keys_for_pid(getpid());
+    spec.log_home = "log";
+    spec.tong_log_home = tong_dir();
+    return spec;
+}
+
+bool TestIpc::write_config(const kit::ConfigSpec& spec) const {
+    if (!kit::write_file(cfg_path(), kit::config_text(spec))) return false;
+    return setenv("TRAN_HOME", dir_.c_str(), 1) == 0 && setenv("TRAN_AGT_HOME", (dir_ + "/agt").c_str(), 1) == 0 &&
+           setenv("TRAN_AGT_CFG_FILE", cfg_path().c_str(), 1) == 0;
+}
+
+void TestIpc::reset() {
+    kit::ConfigSpec spec = default_spec();
+    write_config(spec);
+    TRAN_LOGF_QUE_INFO& q = que_info();
+    std::memset(&q, 0, sizeof q);
+    q.qcnt = spec.que_cnt;
+    q.que_mask = static_cast<uint32_t>(spec.que_cnt - 1);
+    q.magic_code = VARNIX_MAGIC_CODE;
+    q.log_flag_set = get_log_flag_set(spec.log_flag_set.c_str());
+    q.call_trc_depth = spec.call_trc_depth;
+    q.tong_log_flag = '0';
+    collector_.drain();
+}
+
+std::string TestIpc::log_path() const {
+    std::time_t now = std::time(nullptr);
+    std::tm tm{};
+    localtime_r(&now, &tm);
+    char date[16];
+    std::strftime(date, sizeof date, "%Y-%m-%d", &tm);
+    return log_dir() + "/libvarnix-" + date + "-log";
+}
+
+std::string TestIpc::read_log() const { return read_file(log_path()); }
+
+}  // namespace varnix::test
