@@ -61,6 +61,19 @@ VARNIX_API extern char init_cont_nm[31];
 VARNIX_API extern char init_db_user[11];
 VARNIX_API extern char init_db_sid[11];
 
+/*
+ * The full-message writer thread, started by TRAN_INIT.  th_join_thread waits
+ * until it has ended (it ends after TRAN_DONE); th_cancel_thread asks it to
+ * stop between two records.  A cancelled writer is still joined, by
+ * th_join_thread or by the next TRAN_INIT.  The library calls neither.
+ */
+VARNIX_API void th_join_thread(void);
+VARNIX_API void th_cancel_thread(void);
+
+/* Full-message records that could not be queued since the writer last opened
+ * its data file. */
+VARNIX_API extern int32_t nfailcount;
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,15 @@
+// Full-message log writer: the background thread that appends the captured
+// records of the deferred queue to the day's data file
+// "<tong_log_home_dir>/tong_log_<YYYYMMDD>_<cont_nm or proc_nm>_<pid>.dat".
+// The host may wait for it or cancel it with th_join_thread/th_cancel_thread
+// (include/varnix.h); the library itself does neither.
+#pragma once
+
+namespace varnix {
+
+// Starts the writer for the current initialization.  A writer left over from
+// an earlier one is stopped and joined first, so only one ever consumes the
+// queue.  0, or the pthread error that prevented the start.
+int start_th_job();
+
+}  // namespace varnix
