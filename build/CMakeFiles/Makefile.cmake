@@ -104,6 +104,7 @@ set(CMAKE_DEPEND_INFO_FILES
   "CMakeFiles/ContinuousSubmit.dir/DependInfo.cmake"
   "collector/CMakeFiles/varnix_kit.dir/DependInfo.cmake"
   "collector/CMakeFiles/varnix-ipc-clean.dir/DependInfo.cmake"
+  "examples/CMakeFiles/varnix-demo.dir/DependInfo.cmake"
   "tests/CMakeFiles/varnix_test_support.dir/DependInfo.cmake"
   "tests/CMakeFiles/test_exports.dir/DependInfo.cmake"
   "tests/CMakeFiles/test_tran_ex.dir/DependInfo.cmake"
