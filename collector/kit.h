@@ -39,7 +39,7 @@ struct ConfigSpec {
     int que_cnt = 4;
     int max_que_cnt = 4;
     std::string log_flag_set = "SEVBCIXQ";
-    std::string fst_err_rc_set;  // tokens "code,verdict"
+    std::string fst_err_rc_set = "0,0";  // tokens "code,verdict"
     int svc_filtering = 0;
     int call_trc_depth = 10;
     long call_trc_limit = 0;

@@ -1,12 +1,154 @@
-#include <algorithm>
-#include <cstring>
+// The process-thread table is shared by every traced process on the host and
+// by the collector.  Chains, stacks and used_cnt change only under the
+// PTRC_HASH_TBL semaphore, which every caller of get_ptrc_hash holds; an entry
+// once handed out is written by its own thread alone.  Nothing read from the
+// table is used as an index before it is range-checked: a corrupt table must
+// stop tracing, never crash the host.
+#include "context/get_ptrc_hash.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "context/hash.h"
 #include "context/ptrc_hash_stk.h"
 #include "context/tables.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 
 namespace varnix {
+namespace {
+
+// Key: 8 pid digits, 15 thread-id digits, 5 bucket digits.  Pid and thread id
+// select the bucket and identify the entry; the bucket number is only stored.
+constexpr int kPidDigits = 8;
+constexpr int kTidDigits = 15;
+constexpr int kIdxDigits = 5;
+constexpr int kKeyIdent = kPidDigits + kTidDigits;
+constexpr int kKeyLen = kKeyIdent + kIdxDigits;
+constexpr uint64_t kTidModulus = 1'000'000'000'000'000;  // 10^kTidDigits
+constexpr uint32_t kBucketMask = VARNIX_HASH_BUCKETS - 1;
+constexpr int32_t kChainEnd = -1;
+
+using Key = char[kKeyLen + 1];
+
+// A thread id wider than its 15 digits keeps its low 15 digits (user-space
+// thread handles have at most 15); false when the pid does not fit its digits.
+bool format_key(const MTR_CXT_VAR& cxt, Key& key) {
+    int len = std::snprintf(key, sizeof key, "%0*d%0*lu%0*d", kPidDigits, cxt.pid, kTidDigits,
+                            static_cast<unsigned long>(cxt.tid % kTidModulus), kIdxDigits, cxt.idx);
+    return len == kKeyLen;
+}
+
+bool is_entry_no(int32_t n) { return n >= 0 && n < VARNIX_TBL_ENTRIES; }
+
+bool is_registered_as(const PTRC_HASH& e, const Key& key) {
+    return std::memcmp(e.key_pid, key, kPidDigits) == 0 &&
+           std::memcmp(e.key_tid, key + kPidDigits, kTidDigits) == 0 &&
+           shm_load(&e.ptrc_state) == VARNIX_PTRC_REGISTERED;
+}
+
+struct ChainPos {
+    PTRC_HASH* found = nullptr;
+    int32_t last = kChainEnd;  // the tail when nothing was found
+    bool corrupt = false;      // a cycle or an entry number out of range
+};
+
+ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key) {
+    ChainPos pos;
+    int32_t n = shm_load(&tbl.hash_idx[bucket]);
+    for (int visited = 0; n != kChainEnd; ++visited) {
+        if (!is_entry_no(n) || visited == VARNIX_TBL_ENTRIES) {
+            pos.corrupt = true;
+            return pos;
+        }
+        PTRC_HASH& e = tbl.entry[n];
+        if (is_registered_as(e, key)) {
+            pos.found = &e;
+            return pos;
+        }
+        pos.last = n;
+        n = shm_load(&e.next);
+    }
+    return pos;
+}
+
+void report_corrupt_chain(const PTRC_HASH_TBL& tbl, const MTR_CXT_VAR& cxt) {
+    log_printf("<!> PTRC_HASH_ARR_SIZE overflow (pid : %d, tid : %lu), used : %d(=%d)", cxt.pid,
+               static_cast<unsigned long>(cxt.tid), static_cast<int>(tbl.used_cnt),
+               static_cast<int>(tbl.used_stk.cnt));
+    // The library cannot repair a chain; a cleared magic code stops tracing in
+    // every process until the collector has rebuilt the table.
+    if (gvar.magic_code) __atomic_store_n(gvar.magic_code, 0u, __ATOMIC_RELAXED);
+}
+
+template <size_t N>
+void copy_name(char (&dst)[N], const char (&src)[N]) {
+    std::memcpy(dst, src, strnlen(src, N - 1));
+}
+
+void init_entry(PTRC_HASH& e, const MTR_CXT_VAR& cxt, const Key& key) {
+    // pidx, hidx, prev and next are the chain's, set when the entry is linked.
+    constexpr size_t kChainFields = offsetof(PTRC_HASH, main_gid);
+    std::memset(reinterpret_cast<char*>(&e) + kChainFields, 0, sizeof e - kChainFields);
+    std::memcpy(e.key_pid, key, kPidDigits);
+    std::memcpy(e.key_tid, key + kPidDigits, kTidDigits);
+    std::memcpy(e.key_idx, key + kKeyIdent, kIdxDigits);
+    e.pid = cxt.pid;
+    e.tid = cxt.tid;
+    copy_name(e.proc_nm, gvar.proc_nm);
+    copy_name(e.cont_nm, gvar.cont_nm);
+    e.svc_state = 'd';
+    e.ptrc_state = VARNIX_PTRC_REGISTERED;
+    e.svc_mark_time = std::time(nullptr);
+    e.reg_flag = '1';
+    static_assert(sizeof e.db_user == sizeof gvar.db_user && sizeof e.db_sid == sizeof gvar.db_sid);
+    std::memcpy(e.db_user, gvar.db_user, sizeof e.db_user);
+    std::memcpy(e.db_sid, gvar.db_sid, sizeof e.db_sid);
+}
+
+// Appends entry n to the end of the bucket's chain.
+void link_entry(PTRC_HASH_TBL& tbl, uint32_t n, uint32_t bucket, int32_t last) {
+    PTRC_HASH& e = tbl.entry[n];
+    e.pidx = n;
+    e.hidx = bucket;
+    e.next = kChainEnd;
+    e.prev = last;
+    if (last == kChainEnd)
+        tbl.hash_idx[bucket] = static_cast<int32_t>(n);
+    else
+        tbl.entry[last].next = static_cast<int32_t>(n);
+}
+
+}  // namespace
+
+PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt) {
+    PTRC_HASH_TBL* tbl = gvar.ptrc_hash_tbl;
+    Key key;
+    if (!tbl || !cxt || cxt->idx < 0 || cxt->idx >= kMtrBuckets || !format_key(*cxt, key)) return nullptr;
+    uint32_t bucket = get_hidx(key, kKeyIdent, kBucketMask);
+    ChainPos pos = walk_chain(*tbl, bucket, key);
+    if (pos.found) return pos.found;
+    if (pos.corrupt) {
+        report_corrupt_chain(*tbl, *cxt);
+        return nullptr;
+    }
+    uint32_t n = ptrc_hash_pop(&tbl->free_stk);
+    if (n >= VARNIX_TBL_ENTRIES) return nullptr;  // empty, or a number that cannot be an entry: full
+    init_entry(tbl->entry[n], *cxt, key);
+    link_entry(*tbl, n, bucket, pos.last);
+    // used_stk is the collector's list of registrations; were it full, its
+    // bookkeeping would already be off, and the entry is sound regardless.
+    ptrc_hash_push(&tbl->used_stk, n);
+    ++tbl->used_cnt;
+    log_printf("(I) ptrc_hash pid-tid created.(pid : %d, tid : %lu, mtr_tid_idx : %d(%d threads), arr_idx : %d), "
+               "used : %d(=%d)",
+               cxt->pid, static_cast<unsigned long>(cxt->tid), cxt->idx, gvar.mtr_tid_idx[cxt->idx].mtr_cnt + 1,
+               static_cast<int>(n), static_cast<int>(tbl->used_cnt), static_cast<int>(tbl->used_stk.cnt));
+    return &tbl->entry[n];
+}
 
 int init_ptrc_hash_tbl(PTRC_HASH_TBL& tbl) {
     log_printf("(I) initializing.. ptrc_hash_tbl.");

@@ -84,6 +84,16 @@ typedef struct HASH_IDX_STK {
 
 static_assert(sizeof(HASH_IDX_STK) == 40004, "HASH_IDX_STK size");
 
+/* The large index stack of the collector side; the library never uses one. */
+#define VARNIX_JCACHE_ENTRIES 2000000
+
+typedef struct JCACHE_IDX_STK {
+    uint32_t cnt;
+    uint32_t idx[VARNIX_JCACHE_ENTRIES];
+} JCACHE_IDX_STK;
+
+static_assert(sizeof(JCACHE_IDX_STK) == 8000004, "JCACHE_IDX_STK size");
+
 /* ---- Process-thread table ------------------------------------------------ */
 
 /* One traced call level: level i describes the i-th open traced call. */
@@ -370,6 +380,19 @@ VARNIX_API int read_config(void);
 /* Table initializers: work on the tables attached by the library. */
 VARNIX_API int init_ptrc_hash_tbl(void);
 VARNIX_API int init_svc_hash_tbl(void);
+
+/* Index stacks, last in first out.  push returns the new count, or -1 when
+ * the stack is full (nothing changes); pop returns the number on top, or
+ * 0xFFFFFFFF (-1) when the stack is empty.  popv removes the first occurrence
+ * of a number, moving the last number into its place, and returns it, or
+ * 0xFFFFFFFF when absent.  show logs the numbers and returns the count.  A
+ * null stack is refused with -1. */
+VARNIX_API int svc_hash_push(HASH_IDX_STK *stk, uint32_t n);
+VARNIX_API uint32_t svc_hash_pop(HASH_IDX_STK *stk);
+VARNIX_API uint32_t svc_hash_popv(HASH_IDX_STK *stk, uint32_t n);
+VARNIX_API int svc_hash_show(HASH_IDX_STK *stk);
+VARNIX_API int jcache_hash_push(JCACHE_IDX_STK *stk, uint32_t n);
+VARNIX_API uint32_t jcache_hash_pop(JCACHE_IDX_STK *stk);
 
 /* Message queues and semaphores. */
 VARNIX_API int read_msgq(int qid, long type, void *buf, int size, int nowait);

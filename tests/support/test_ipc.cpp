@@ -40,8 +40,10 @@ std::string read_file(const std::string& path) {
 }
 
 TestIpc& TestIpc::get() {
-    static TestIpc ipc;
-    return ipc;
+    // Never destroyed: the exit handler below still needs it after static
+    // destructors would have run.
+    static TestIpc* ipc = new TestIpc;
+    return *ipc;
 }
 
 TestIpc::TestIpc() {

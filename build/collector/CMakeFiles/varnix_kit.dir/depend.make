@@ -1,2 +1,0 @@
-# Empty dependencies file for varnix_kit.
-# This may be replaced when dependencies are built.

@@ -1,0 +1,16 @@
+// Registration of threads in the collector's process-thread table.
+#pragma once
+
+#include "context/mtr_cxt.h"
+
+namespace varnix {
+
+// The registered entry of the context's pid and thread id; a thread without
+// one gets a fresh entry, appended to its bucket's chain.  Null when the table
+// is full or not attached, when the context's pid or bucket number cannot be
+// keyed, or when a chain is corrupt (logged, and tracing is stopped in every
+// process by clearing magic_code).  The caller holds the PTRC_HASH_TBL
+// semaphore.
+PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt);
+
+}  // namespace varnix

@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# build.sh BUILD_DIR [SANITIZERS]: configures and builds the project.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+dir="$1"
+sanitize="${2:-}"
+cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARNIX_SANITIZE="$sanitize" >/dev/null
+cmake --build "$dir" -j"$(nproc)"

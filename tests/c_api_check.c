@@ -1,0 +1,17 @@
+/* Both public headers compile as plain C11 and link against libvarnix.so. */
+#include <stdio.h>
+#include <string.h>
+
+#include "varnix.h"
+#include "varnix_collector.h"
+
+int main(void) {
+    const char *hangul = "a\xea\xb0\x80"; /* 'a' and one three-byte syllable */
+    int failures = 0;
+    failures += hcut(hangul, -1, 3, 1) != 1;
+    failures += get_log_flag_set("SEQ") != 0x83;
+    failures += sizeof(PTRC_HASH_TBL) != 603782160u;
+    failures += strlen(log_home_dir) != 0;
+    printf("%d passed, %d failed\n", 4 - failures, failures);
+    return failures != 0;
+}

@@ -1,0 +1,64 @@
+// The shared object's interface: exactly the exported set, and nothing needed
+// beyond the C library.
+#include <cstdio>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::set<std::string> lines_of(const std::string& command) {
+    std::set<std::string> out;
+    std::FILE* p = popen(command.c_str(), "r");
+    if (!p) return out;
+    char line[512];
+    while (std::fgets(line, sizeof line, p)) {
+        std::string s(line);
+        while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
+        if (!s.empty()) out.insert(s);
+    }
+    pclose(p);
+    return out;
+}
+
+bool sanitized() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#else
+    return false;
+#endif
+}
+
+TEST(Exports, ExactlyThePublicInterface) {
+    if (sanitized()) GTEST_SKIP() << "sanitizer runtimes add their own symbols and libraries";
+    const std::set<std::string> expected = {
+        // configuration encoders and the change check
+        "get_log_flag_set", "set_fst_err_rc_set", "read_config",
+        // collector-side queue and semaphore helpers
+        "read_msgq", "remove_msgq", "change_mode_msgq", "get_msgq_num", "init_sem_val",
+        // shared tables
+        "init_ptrc_hash_tbl", "init_svc_hash_tbl",
+        // text cutting
+        "hcut",
+        // data
+        "log_home_dir", "tong_log_home_dir", "jni_init_flag", "init_cont_nm", "init_db_user", "init_db_sid",
+    };
+    std::set<std::string> actual =
+        lines_of("nm -D --defined-only " VARNIX_SO " | awk '$2 ~ /^[TBDRV]$/ {print $3}'");
+    EXPECT_EQ(actual, expected);
+}
+
+TEST(Exports, NeedsOnlyTheCLibrary) {
+    if (sanitized()) GTEST_SKIP() << "sanitizer runtimes are extra dependencies";
+    std::set<std::string> needed =
+        lines_of("readelf -d " VARNIX_SO " | sed -n 's/.*(NEEDED).*\\[\\(.*\\)\\]/\\1/p'");
+    const std::set<std::string> glibc = {"libc.so.6", "ld-linux-x86-64.so.2"};
+    EXPECT_TRUE(needed.count("libc.so.6"));
+    for (const std::string& lib : needed) EXPECT_TRUE(glibc.count(lib)) << lib;
+    // No C++ runtime symbol may leak out or be needed from outside (weak
+    // references the runtime leaves unresolved are harmless).
+    EXPECT_TRUE(lines_of("nm -D " VARNIX_SO " | grep -v ' w ' | grep -E 'GLIBCXX|CXXABI|_Z'").empty());
+}
+
+}  // namespace
