@@ -42,8 +42,11 @@ TEST(Exports, ExactlyThePublicInterface) {
         "jcache_hash_push", "jcache_hash_pop",
         // text cutting
         "hcut",
+        // the full-message writer thread
+        "th_join_thread", "th_cancel_thread",
         // data
         "log_home_dir", "tong_log_home_dir", "jni_init_flag", "init_cont_nm", "init_db_user", "init_db_sid",
+        "nfailcount",
     };
     std::set<std::string> actual =
         lines_of("nm -D --defined-only " VARNIX_SO " | awk '$2 ~ /^[TBDRV]$/ {print $3}'");
