@@ -3,6 +3,9 @@
 // Ownership.  The data file, its path, the date and the day belong to the
 // writer thread alone.  A writer is created only after the previous one has
 // been joined, so they pass from one writer to the next through that join.
+// nfailcount is shared with the capturing threads, which count under
+// tong_lock; every access to it is an __atomic one, and the writer's reset at
+// each open is a relaxed store that does not take tong_lock.
 //
 // The handle.  `writer` is guarded by th_lock.  Its thread is joined exactly
 // once, by whoever joins first (the host's th_join_thread or the next
@@ -13,9 +16,10 @@
 // th_lock only to report that it has left its loop.
 //
 // One consumer.  A writer runs while init_mark is 1111 and th_generation still
-// holds the value it was started for.  start_th_job advances the generation
-// before it joins, so a writer of an earlier initialization stops within one
-// record or one idle step even when init_mark is already back at 1111.
+// holds the value it was started for.  start_th_job advances the generation,
+// under th_lock, before it joins, so a writer of an earlier initialization
+// stops within one record or one idle step even when init_mark is already
+// back at 1111, and a start that a later one overtook creates nothing.
 //
 // Cancellation is enabled only between records (before one is taken, and
 // while idling), never with a record in hand.
@@ -139,11 +143,27 @@ void store_record(const DeferredSlot& slot) {
     std::free(rec.buf);
 }
 
-// Fails only for an unknown state, and both callers pass valid ones.
-void set_cancel(int state) {
-    int old;
+// The previous state.  Fails only for an unknown state, and every caller
+// passes a valid one.
+int set_cancel(int state) {
+    int old = PTHREAD_CANCEL_ENABLE;
     (void)pthread_setcancelstate(state, &old);
+    return old;
 }
+
+// Keeps a host thread from being cancelled while it holds th_lock or waits
+// under it: its guard would not be unwound, th_lock would stay taken, and the
+// writer, which needs th_lock once more to end, could never be joined.
+class NoCancel {
+public:
+    NoCancel() : old_(set_cancel(PTHREAD_CANCEL_DISABLE)) {}
+    ~NoCancel() { (void)set_cancel(old_); }
+    NoCancel(const NoCancel&) = delete;
+    NoCancel& operator=(const NoCancel&) = delete;
+
+private:
+    int old_;
+};
 
 // The writer's only cancellation point: before a record is taken, and while
 // idling.
@@ -209,12 +229,14 @@ int join_writer_locked() {
 }
 
 // Caller holds th_lock.
-int start_locked(uint32_t generation) {
+int start_locked() {
+    const uint32_t generation = th_generation.fetch_add(1, std::memory_order_acq_rel) + 1;
     if (int rc = join_writer_locked(); rc > 0) {
         log_printf("<!> cannot join main_thread.");
         return rc;
     }
-    // A start that came later has already put its own writer in place.
+    // The join released th_lock while it waited, and a later start took it
+    // and has put its own writer in place.
     if (th_generation.load(std::memory_order_acquire) != generation) return 0;
     pthread_t th;
     int rc = pthread_create(&th, nullptr, th_job, reinterpret_cast<void*>(static_cast<uintptr_t>(generation)));
@@ -229,12 +251,12 @@ int start_locked(uint32_t generation) {
 }  // namespace
 
 int start_th_job() {
-    const uint32_t generation = th_generation.fetch_add(1, std::memory_order_acq_rel) + 1;
+    NoCancel no_cancel;
     if (int rc = pthread_mutex_lock(&th_lock); rc != 0) {
         log_printf("pthread_create error");
         return rc;
     }
-    int rc = start_locked(generation);
+    int rc = start_locked();
     (void)pthread_mutex_unlock(&th_lock);
     return rc;
 }
@@ -246,6 +268,7 @@ using namespace varnix;
 extern "C" {
 
 void th_join_thread(void) {
+    NoCancel no_cancel;
     MutexGuard guard(th_lock);
     int rc = guard.owns() ? join_writer_locked() : EDEADLK;
     if (rc == kNoWriter) return;
@@ -253,6 +276,7 @@ void th_join_thread(void) {
 }
 
 void th_cancel_thread(void) {
+    NoCancel no_cancel;
     MutexGuard guard(th_lock);
     if (!guard.owns()) {
         log_printf("<!> cannot cancel main_thread.");
