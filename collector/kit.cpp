@@ -24,6 +24,20 @@ bool token(const char* cfg, const char* section, const char* key, int n, char (&
     return get_nth_token_in_file_section(cfg, section, key, n, out) == 1;
 }
 
+// Every "code,verdict" token of FST_ERR_RC_SET.  Read as one value: asking
+// the reader for the token after the last one would report a missing token.
+void apply_fst_err_rc_tokens(const char* cfg, TRAN_LOGF_QUE_INFO& q) {
+    std::FILE* fp = std::fopen(cfg, "r");
+    if (!fp) return;
+    char value[1024];
+    if (seek_section(fp, "TRAN_LOGF") > 0 && get_string_in_section(fp, "FST_ERR_RC_SET", value) > 0) {
+        char* save = nullptr;
+        for (char* t = strtok_r(value, " \t", &save); t; t = strtok_r(nullptr, " \t", &save))
+            apply_fst_err_rc(q.fst_err_rc_set, t);
+    }
+    std::fclose(fp);
+}
+
 long number(const char* cfg, const char* section, const char* key, long fallback) {
     char t[kCfgTokenMax + 1];
     return token(cfg, section, key, 1, t) ? std::strtol(t, nullptr, 10) : fallback;
@@ -126,8 +140,7 @@ int Collector::create_que_info(const char* cfg) {
     q.magic_code = VARNIX_MAGIC_CODE;
     char t[kCfgTokenMax + 1];
     if (token(cfg, "TRAN_LOGF", "TRAN_LOG_FLAG_SET", 1, t)) q.log_flag_set = get_log_flag_set(t);
-    for (int n = 1; n <= kCfgTokenCnt && token(cfg, "TRAN_LOGF", "FST_ERR_RC_SET", n, t); ++n)
-        apply_fst_err_rc(q.fst_err_rc_set, t);
+    apply_fst_err_rc_tokens(cfg, q);
     q.svc_filtering = static_cast<uint8_t>(number(cfg, "TRAN_LOGF", "SVC_FILTERING", 0));
     q.call_trc_depth = static_cast<int32_t>(number(cfg, "TRAN_LOGF", "CALL_TRC_DEPTH", 0));
     q.call_trc_limit = number(cfg, "TRAN_LOGF", "CALL_TRC_LIMIT", 0);

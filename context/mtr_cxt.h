@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <ctime>
@@ -44,7 +45,7 @@ struct MTR_CXT_VAR {
     int32_t pid;
     uint64_t tid;
     int32_t idx;
-    char* log_body[5];  // views of the primary body for the API families
+    char* log_body;  // body of log_rec (after the length word)
     char* log_body2;
     uint32_t* log_len;
     uint32_t* log_len2;
@@ -59,7 +60,7 @@ struct MTR_CXT_VAR {
     int8_t service_depth;
     int32_t in_use;
     std::time_t lasted_access;
-    bool tid_is_handle;  // tid came from pthread_self() of this process
+    pid_t ktid;  // kernel id of the owning thread when it called for itself; 0 when unknown
 };
 
 struct MtrIdxEntry {
@@ -75,5 +76,28 @@ struct MTR_TID_IDX {
     MTR_CXT_VAR mtr_var[kMtrPerBucket];
     MTR_CXT_VAR* last_var;
 };
+
+// The service level now open on the thread (level n describes depth n), or
+// null outside a service.
+inline SvcLevel* current_svc_level(MTR_CXT_VAR& cxt) {
+    int depth = cxt.service_depth;
+    return depth >= 1 && depth <= VARNIX_SVC_DEPTH_MAX ? &cxt.svc_stack[depth - 1] : nullptr;
+}
+
+// Finds or creates the context of a thread: 0 with *out set, or 103, 107, 116, 117.
+int get_mtr_cxt_var(int32_t tid, MTR_CXT_VAR** out);
+// A negative id means the calling thread; any other id is itself the thread id.
+uint64_t get_tid(int32_t tid);
+MTR_CXT_VAR* get_empty_mtr_cxt_var(MTR_CXT_VAR (&pool)[kMtrPerBucket]);
+// Reclaims dead or released contexts of a bucket; the caller holds the bucket
+// mutex and the process-thread table semaphore.
+void check_mtr_cxt_var(MTR_TID_IDX& bucket);
+int isalive(const MTR_CXT_VAR& cxt);
+int comp_chk_tid(const MtrIdxEntry& a, const MtrIdxEntry& b);
+// Bucket of a thread id: its lowest byte, or the second-lowest when that is 0.
+constexpr int bucket_of(uint64_t tid) {
+    return (tid & 0xFF) ? static_cast<int>(tid & 0xFF) : static_cast<int>((tid >> 8) & 0xFF);
+}
+static_assert(bucket_of(0x1200) == 18 && bucket_of(0x3400) == 52 && bucket_of(0x1201) == 1 && bucket_of(0) == 0);
 
 }  // namespace varnix

@@ -74,6 +74,40 @@ VARNIX_API void th_cancel_thread(void);
  * its data file. */
 VARNIX_API extern int32_t nfailcount;
 
+/* 0 when the next TRAN_INIT clears the process block, 1 when the last one did,
+ * 2 when TRAN_INIT ran again without a successful TRAN_DONE in between. */
+VARNIX_API extern int32_t gvar_cleared;
+
+/* Start and stop of tracing in this process: 0, or a status above
+ * (TRAN_DONE: 0 or -1). */
+VARNIX_API int32_t TRAN_INIT(void);
+VARNIX_API int32_t TRAN_DONE(void);
+
+/*
+ * Text arguments are (pointer, length) pairs: a null pointer leaves the field
+ * blank, a negative length means NUL-terminated.  tid < 0 means the calling
+ * thread.  Record-producing entries return the number of the queue that
+ * carried the record (0..15) or a status above.
+ */
+#define VARNIX_NOTICE_PARAMS                                                                                   \
+    int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd, int32_t dtl_cd_len, const char *gid, \
+        int32_t gid_len, const char *svc_id, int32_t svc_id_len, const char *pid_str, int32_t pid_str_len,         \
+        const char *date_str, int32_t date_str_len, const char *time_str, int32_t time_str_len,                    \
+        const char *evt_no, int32_t evt_no_len, const char *recv_svc_cd, int32_t recv_svc_cd_len,                  \
+        const char *chnl_class, int32_t chnl_class_len, const char *msg_text, int32_t msg_text_len
+
+/* An event record; the library sends 1508 at start-up itself. */
+VARNIX_API int32_t TRAN_EVENT(VARNIX_NOTICE_PARAMS);
+/* Error information for the service open on the thread (its GID and service
+ * id; the gid and svc_id arguments are ignored). */
+VARNIX_API int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS);
+
+/* Writes the thread contexts of one bucket (0..255) to the diagnostic log. */
+VARNIX_API void show_mtr_idx_list(int32_t bucket);
+/* Copies into dest (31 bytes) at most 30 characters after '=' of the last
+ * string of the NUL-separated buffer that contains `search`. */
+VARNIX_API void set_cont_nm(const char *buf, int32_t len, char *dest, const char *search);
+
 #ifdef __cplusplus
 }
 #endif

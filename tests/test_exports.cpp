@@ -33,6 +33,10 @@ bool sanitized() {
 TEST(Exports, ExactlyThePublicInterface) {
     if (sanitized()) GTEST_SKIP() << "sanitizer runtimes add their own symbols and libraries";
     const std::set<std::string> expected = {
+        // start, stop and notices
+        "TRAN_INIT", "TRAN_DONE", "TRAN_EVENT", "TRAN_ERRINFO",
+        // thread-context diagnostics and the container-name helper
+        "show_mtr_idx_list", "set_cont_nm",
         // configuration encoders and the change check
         "get_log_flag_set", "set_fst_err_rc_set", "read_config",
         // collector-side queue and semaphore helpers
@@ -46,7 +50,7 @@ TEST(Exports, ExactlyThePublicInterface) {
         "th_join_thread", "th_cancel_thread",
         // data
         "log_home_dir", "tong_log_home_dir", "jni_init_flag", "init_cont_nm", "init_db_user", "init_db_sid",
-        "nfailcount",
+        "nfailcount", "gvar_cleared",
     };
     std::set<std::string> actual =
         lines_of("nm -D --defined-only " VARNIX_SO " | awk '$2 ~ /^[TBDRV]$/ {print $3}'");

@@ -27,15 +27,7 @@ public:
     // prefix and the line end.
     std::vector<std::string> take() {
         std::string text = read_file(path());
-        std::vector<std::string> messages;
-        size_t pos = seen_;
-        while (pos < text.size()) {
-            size_t end = text.find("\n(", pos);
-            end = end == std::string::npos ? text.size() - 1 : end;
-            size_t body = text.find("  ", pos);
-            messages.push_back(text.substr(body + 2, end - body - 2));
-            pos = end + 1;
-        }
+        std::vector<std::string> messages = log_messages(text, seen_);
         seen_ = text.size();
         return messages;
     }

@@ -39,6 +39,20 @@ std::string read_file(const std::string& path) {
     return text;
 }
 
+std::vector<std::string> log_messages(const std::string& text, size_t from) {
+    std::vector<std::string> messages;
+    size_t pos = from;
+    while (pos < text.size()) {
+        size_t end = text.find("\n(", pos);
+        end = end == std::string::npos ? text.size() - 1 : end;
+        size_t body = text.find("  ", pos);
+        size_t start = body != std::string::npos && body < end ? body + 2 : pos;
+        messages.push_back(text.substr(start, end - start));
+        pos = end + 1;
+    }
+    return messages;
+}
+
 TestIpc& TestIpc::get() {
     // Never destroyed: the exit handler below still needs it after static
     // destructors would have run.

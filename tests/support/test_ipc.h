@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "collector/kit.h"
 
@@ -46,5 +47,9 @@ private:
 
 // Whole content of a file ("" when missing).
 std::string read_file(const std::string& path);
+
+// The messages of a diagnostic log text from byte `from` on, without the
+// "(pid) MM-DD HH:MM:SS  " prefix and the line end.
+std::vector<std::string> log_messages(const std::string& text, size_t from);
 
 }  // namespace varnix::test

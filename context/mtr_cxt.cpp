@@ -1,0 +1,193 @@
+// Thread-context table.
+//
+// 256 buckets, each with its own mutex (mtr_lock) guarding the bucket's sorted
+// list, its pool of 10 contexts and its cache pointer.  The process-thread
+// table semaphore is taken only inside a bucket mutex (registration and
+// reclaiming), never the other way round, and never while another bucket's
+// mutex is held.  Once found, a context belongs to its thread and is used
+// without any lock.
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "context/get_ptrc_hash.h"
+#include "context/mtr_cxt.h"
+#include "context/ptrc_sem.h"
+#include "core/gvar.h"
+#include "core/log_printf.h"
+#include "core/mutex.h"
+#include "core/status.h"
+#include "record/log_field.h"
+
+namespace varnix {
+namespace {
+
+void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* host, int pid) {
+    rec.mtype = 1;
+    std::memset(rec.text, ' ', sizeof rec.text);
+    len = reinterpret_cast<uint32_t*>(rec.text);
+    body = rec.text + sizeof(uint32_t);
+    put_field(body + 73, 64, "%s", host);
+    put_field(body + 138, 8, "%08d", pid);
+}
+
+// Fills the context taken for `tid` and registers it in the process-thread
+// table: 0, or 116 with the slot left free.
+int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid) {
+    cxt.pid = gvar.pid;
+    cxt.tid = tid;
+    cxt.idx = bucket.mtr_tid_idx;
+    cxt.ktid = 0;
+    {
+        PtrcSemGuard sem;
+        cxt.ptrc = sem.owns() ? get_ptrc_hash(&cxt) : nullptr;
+        if (!cxt.ptrc) {
+            cxt.cxt_init_flag = VARNIX_RC_PTRC_FULL;
+            return VARNIX_RC_PTRC_FULL;
+        }
+        cxt.cxt_init_flag = 0;
+    }
+    cxt.in_use = 1;
+    cxt.service_depth = 0;
+    cxt.log_bit = 0;
+    cxt.svc_hash = nullptr;
+    cxt.lasted_access = std::time(nullptr);
+    int pid = static_cast<int>(getpid());
+    prepare_record(cxt.log_rec, cxt.log_body, cxt.log_len, gvar.host_name, pid);
+    prepare_record(cxt.log_rec2, cxt.log_body2, cxt.log_len2, gvar.host_name, pid);
+    put_field(cxt.log_body + 40, 15, "%s", gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm);
+    return kOk;
+}
+
+MtrIdxEntry* find_entry(MTR_TID_IDX& bucket, uint64_t tid) {
+    MtrIdxEntry* first = bucket.mtr_idx_list;
+    MtrIdxEntry* last = first + bucket.mtr_cnt;
+    MtrIdxEntry key{tid, nullptr};
+    MtrIdxEntry* it =
+        std::lower_bound(first, last, key, [](const MtrIdxEntry& a, const MtrIdxEntry& b) { return comp_chk_tid(a, b) < 0; });
+    return it != last && it->tid == tid ? it : nullptr;
+}
+
+// Adds a context for `tid` at the end of the list and keeps the list sorted.
+int add_context(MTR_TID_IDX& bucket, uint64_t tid, MTR_CXT_VAR** out) {
+    MTR_CXT_VAR* cxt = get_empty_mtr_cxt_var(bucket.mtr_var);
+    if (!cxt) return VARNIX_RC_NO_CONTEXT;
+    if (int rc = create_context(bucket, *cxt, tid); rc != kOk) return rc;
+    // Blank service levels: a level read before any service wrote it must
+    // not carry NUL bytes or a previous thread's identity into a record.
+    std::memset(cxt->svc_stack, ' ', sizeof cxt->svc_stack);
+    bucket.mtr_idx_list[bucket.mtr_cnt++] = MtrIdxEntry{tid, cxt};
+    std::sort(bucket.mtr_idx_list, bucket.mtr_idx_list + bucket.mtr_cnt,
+              [](const MtrIdxEntry& a, const MtrIdxEntry& b) { return comp_chk_tid(a, b) < 0; });
+    bucket.last_var = cxt;
+    *out = cxt;
+    return kOk;
+}
+
+// A miss: reclaim what can be reclaimed, then add the thread.
+int miss(MTR_TID_IDX& bucket, uint64_t tid, MTR_CXT_VAR** out) {
+    if (bucket.mtr_cnt > 0) {
+        PtrcSemGuard sem;
+        if (!sem.owns()) return VARNIX_RC_PTRC_FULL;
+        check_mtr_cxt_var(bucket);
+    }
+    if (bucket.mtr_cnt >= kMtrPerBucket) return VARNIX_RC_NO_CONTEXT;
+    return add_context(bucket, tid, out);
+}
+
+// Kernel id of the calling thread, asked once per thread.  A forked child's
+// thread inherits the cache but not the id, hence the reset.
+thread_local pid_t own_ktid = 0;
+void forget_ktid() { own_ktid = 0; }
+
+pid_t current_ktid() {
+    static const bool cacheable = pthread_atfork(nullptr, nullptr, forget_ktid) == 0;
+    if (!cacheable) return static_cast<pid_t>(syscall(SYS_gettid));
+    if (own_ktid == 0) own_ktid = static_cast<pid_t>(syscall(SYS_gettid));
+    return own_ktid;
+}
+
+// The entry still describes this context's thread.
+bool entry_is_ours(const MTR_CXT_VAR& cxt) {
+    return cxt.ptrc && cxt.ptrc->pid == cxt.pid && cxt.ptrc->tid == cxt.tid;
+}
+
+}  // namespace
+
+uint64_t get_tid(int32_t tid) { return tid < 0 ? static_cast<uint64_t>(pthread_self()) : static_cast<uint64_t>(tid); }
+
+MTR_CXT_VAR* get_empty_mtr_cxt_var(MTR_CXT_VAR (&pool)[kMtrPerBucket]) {
+    for (MTR_CXT_VAR& cxt : pool)
+        if (cxt.in_use == 0) return &cxt;
+    return nullptr;
+}
+
+int comp_chk_tid(const MtrIdxEntry& a, const MtrIdxEntry& b) { return a.tid < b.tid ? -1 : a.tid > b.tid ? 1 : 0; }
+
+int isalive(const MTR_CXT_VAR& cxt) {
+    // Only a kernel thread id recorded by the thread itself can be tested;
+    // ids given by callers (Java thread ids, the process context 0) cannot.
+    if (cxt.tid == 0 || cxt.ktid == 0) return 1;
+    if (syscall(SYS_tgkill, getpid(), cxt.ktid, 0) == 0 || errno != ESRCH) return 1;
+    log_printf("(i) thread killed. tid : %lu", static_cast<unsigned long>(cxt.tid));
+    return 0;
+}
+
+void check_mtr_cxt_var(MTR_TID_IDX& bucket) {
+    const int count = bucket.mtr_cnt;
+    int j = 0;
+    for (int i = 0; i < count; ++i) {
+        MtrIdxEntry entry = bucket.mtr_idx_list[i];
+        MTR_CXT_VAR& cxt = *entry.var;
+        bool process_context = entry.tid == 0 && i == 0 && bucket.mtr_tid_idx == 0;
+        bool alive = process_context || isalive(cxt);
+        // A context without an entry, or whose entry now belongs to another
+        // thread, has nothing left to keep: it is treated as released.
+        bool ours = entry_is_ours(cxt);
+        if (process_context || (alive && ours && cxt.ptrc->ptrc_state != VARNIX_PTRC_RELEASE_ASKED)) {
+            bucket.mtr_idx_list[j++] = entry;
+            continue;
+        }
+        log_printf("(I) mtr_tid_idx#%d-%d, tid %lu (thread %s, ptrc %d) resource clear.(%d->%d)", bucket.mtr_tid_idx,
+                   i, static_cast<unsigned long>(entry.tid), alive ? "alive" : "killed",
+                   cxt.ptrc ? cxt.ptrc->ptrc_state : 0, bucket.mtr_cnt, bucket.mtr_cnt - 1);
+        if (ours) cxt.ptrc->ptrc_state = VARNIX_PTRC_RELEASED;
+        cxt.in_use = 0;
+        --bucket.mtr_cnt;
+        if (bucket.last_var == &cxt) bucket.last_var = nullptr;
+    }
+}
+
+int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
+    uint64_t tid = get_tid(tid_arg);
+    if (gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return VARNIX_RC_NOT_INIT;
+    pid_t ktid = tid_arg < 0 ? current_ktid() : 0;
+    MTR_TID_IDX& bucket = gvar.mtr_tid_idx[bucket_of(tid)];
+    MutexGuard guard(bucket.mtr_lock);
+    if (!guard.owns()) return VARNIX_RC_MUTEX;
+    MTR_CXT_VAR* cxt = nullptr;
+    if (bucket.last_var && bucket.last_var->pid == gvar.pid && bucket.last_var->tid == tid) {
+        cxt = bucket.last_var;
+    } else if (MtrIdxEntry* e = find_entry(bucket, tid)) {
+        cxt = e->var;
+    } else if (int rc = miss(bucket, tid, &cxt); rc != kOk) {
+        return rc;
+    }
+    cxt->lasted_access = std::time(nullptr);
+    // A new thread may get the pthread id of a dead one and with it the old
+    // context: from now on the context's liveness is this thread's.
+    if (ktid != 0) cxt->ktid = ktid;
+    if (cxt->ptrc && cxt->ptrc->tid != tid)
+        log_printf("<!> get_mtr_cxt_var return error!! tid (%lu) <> get_ptrc-> tid (%lu)[ pid %d, pidx %d ]",
+                   static_cast<unsigned long>(tid), static_cast<unsigned long>(cxt->ptrc->tid), cxt->ptrc->pid,
+                   cxt->ptrc->pidx);
+    *out = cxt;
+    return kOk;
+}
+
+}  // namespace varnix

@@ -1,0 +1,75 @@
+// The common header of every record body, and the local clock it stamps.
+#include <sys/time.h>
+
+#include <ctime>
+
+#include "core/gvar.h"
+#include "record/record.h"
+
+namespace varnix {
+
+const char* const api_type_nm[20] = {
+    "TRAN_START_API",     "TRAN_END_API",       "TRAN_ERROR_API",     "TRAN_ERRINFO_API",  "TRAN_CALLINFO_S_API",
+    "TRAN_CALLINFO_F_API", "TRAN_SQL_STMT_API", "TRAN_INFO_API",      "TRAN_INFO_EX_API",  "TRAN_EVENT_API",
+    "TRAN_CLH_START_API", "TRAN_CLH_END_API",   "TRAN_CLH_ERROR_API", "TRAN_FEP_START_API", "TRAN_FEP_END_API",
+    "TRAN_FEP_ERROR_API", "TRAN_PT_START_API",  "TRAN_PT_END_API",    "TRAN_WEB_START_API", "TRAN_WEB_END_API",
+};
+
+namespace {
+
+// localtime_r serializes every caller on the C library's time-zone lock.
+// Offsets change only on minute boundaries, so each thread converts once per
+// minute and derives the seconds itself.
+struct LocalClock {
+    time_t minute_start = -1;
+    std::tm minute{};
+};
+thread_local LocalClock local_clock;
+
+std::tm local_now(timeval& tv) {
+    gettimeofday(&tv, nullptr);
+    LocalClock& c = local_clock;
+    if (c.minute_start < 0 || tv.tv_sec < c.minute_start || tv.tv_sec >= c.minute_start + 60) {
+        localtime_r(&tv.tv_sec, &c.minute);
+        c.minute_start = tv.tv_sec - c.minute.tm_sec;
+        c.minute.tm_sec = 0;
+    }
+    std::tm tm = c.minute;
+    tm.tm_sec = static_cast<int>(tv.tv_sec - c.minute_start);
+    return tm;
+}
+
+// Thread ids wider than the field keep their low digits, which tell threads apart.
+constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
+
+}  // namespace
+
+void put_date_now(char* body) {
+    timeval tv;
+    std::tm tm = local_now(tv);
+    put_field(body + hdr::kDate, 8, "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
+}
+
+void put_time_now(char* body) {
+    timeval tv;
+    std::tm tm = local_now(tv);
+    put_field(body + hdr::kTime, 12, "%02d%02d%02d%06ld", tm.tm_hour, tm.tm_min, tm.tm_sec,
+              static_cast<long>(tv.tv_usec));
+}
+
+void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a, bool gid_field) {
+    body[hdr::kLogType] = log_type;
+    set_log_field(a.cls_cd, body + hdr::kClsCd, 2);
+    set_log_field(a.dtl_cd, body + hdr::kDtlCd, 1);
+    if (gid_field) set_log_field(a.gid, body + hdr::kGid, 32);
+    if (a.pid_str.p) set_log_field(a.pid_str, body + hdr::kPid, 8);
+    put_field(body + hdr::kTid, 15, "%.*lu", 15, static_cast<unsigned long>(cxt.tid % kTidModulus));
+    put_field(body + hdr::kIdx, 5, "%.*d", 5, cxt.idx);
+    put_field(body + hdr::kPidx, 5, "%.*d", 5, cxt.ptrc ? static_cast<int>(cxt.ptrc->pidx) : 0);
+    if (a.date_str.p) set_log_field(a.date_str, body + hdr::kDate, 8);
+    else put_date_now(body);
+    if (a.time_str.p) set_log_field(a.time_str, body + hdr::kTime, 12);
+    else put_time_now(body);
+}
+
+}  // namespace varnix

@@ -1,0 +1,192 @@
+// Validation of a record against the thread's state, the collector's switches
+// and the service table.  Runs on the calling thread's own context and
+// process-thread entry, without locks; the shared switches are read relaxed.
+#include <cstring>
+
+#include "context/get_svc_hash.h"
+#include "core/gvar.h"
+#include "core/log_printf.h"
+#include "core/status.h"
+#include "record/record.h"
+
+namespace varnix {
+namespace {
+
+constexpr int kSvcIdWidth = 16;
+constexpr int8_t kSnapshotDepthMax = 50;
+
+struct Switches {
+    uint8_t filtering;  // F
+    uint8_t flags;      // L
+};
+
+// FILTER(bit): the service table's verdict when filtering is on; -1 to go on.
+int filter(const MTR_CXT_VAR& cxt, Switches sw, uint8_t bit) {
+    if (sw.filtering == 0) return -1;
+    if (cxt.svc_hash) return (shm_load(&cxt.svc_hash->svc_flag_set) & bit) ? kOk : VARNIX_RC_FILTERED;
+    return sw.filtering == 2 ? VARNIX_RC_FILTERED : -1;
+}
+
+// Records of a class switched off still go while a snapshot runs.
+int common_tail(const PTRC_HASH& e) { return e.snapshot_state == 2 ? kOk : VARNIX_RC_CLASS_OFF; }
+
+// A service has started and not yet ended.
+bool in_service(const MTR_CXT_VAR& cxt) { return (cxt.log_bit & 3) < 3 && cxt.log_bit != 0; }
+
+void reset_call_levels(PTRC_HASH& e) {
+    e.last_fin_lvl = 0;
+    e.trc_lvl = 0;
+    e.call_trc_depth = 0;
+}
+
+void start_limits(PTRC_HASH& e, int8_t depth_max, int64_t call, int64_t dbio, int64_t sql) {
+    e.call_trc_depth_max = depth_max;
+    e.call_trc_limit = call;
+    e.dbio_trc_limit = dbio;
+    e.sql_trc_limit = sql;
+    e.call_elapsed_sum = 0;
+    e.total_call_cnt = 0;
+    e.err_rc_marked = 0;
+    e.svctimeout_flag = 0;
+}
+
+void start_with_service(PTRC_HASH& e, const SVC_HASH& s) {
+    reset_call_levels(e);
+    start_limits(e, static_cast<int8_t>(shm_load(&s.call_trc_depth) & 0xFF), shm_load(&s.call_trc_limit),
+                 shm_load(&s.dbio_trc_limit), shm_load(&s.sql_trc_limit));
+}
+
+bool snapshot_matches(const PTRC_HASH& e, const char* key) {
+    if (!key || e.snapshot_state != 1) return false;
+    size_t n = strnlen(e.snapshot_tr_cd, sizeof e.snapshot_tr_cd);
+    return strncmp(key, e.snapshot_tr_cd, n) == 0;
+}
+
+int validate_start(MTR_CXT_VAR& cxt, Switches sw, const char* body, const char* snapshot_key) {
+    PTRC_HASH& e = *cxt.ptrc;
+    const bool outermost = cxt.service_depth == 1;
+    if (sw.filtering != 0 && outermost) cxt.svc_hash = get_svc_hash(&cxt, body + hdr::kSvcId);
+    if (sw.filtering != 0 && cxt.svc_hash) {
+        if (!(shm_load(&cxt.svc_hash->svc_flag_set) & VARNIX_FLAG_S)) return VARNIX_RC_FILTERED;
+        if (outermost) start_with_service(e, *cxt.svc_hash);
+        return kOk;
+    }
+    if (sw.filtering == 2) return VARNIX_RC_FILTERED;
+    if (!(sw.flags & VARNIX_FLAG_S) && e.snapshot_state == 0) return VARNIX_RC_CLASS_OFF;
+    if (!outermost) return kOk;
+    reset_call_levels(e);
+    if (snapshot_matches(e, snapshot_key)) {
+        start_limits(e, kSnapshotDepthMax, 0, 0, 0);
+        e.snapshot_state = 2;
+        return kOk;
+    }
+    start_limits(e, static_cast<int8_t>(shm_load(gvar.call_trc_depth) & 0xFF), shm_load(gvar.call_trc_limit),
+                 shm_load(gvar.dbio_trc_limit), shm_load(gvar.sql_trc_limit));
+    return kOk;
+}
+
+int validate_end(MTR_CXT_VAR& cxt, Switches sw) {
+    PTRC_HASH& e = *cxt.ptrc;
+    if (int rc = filter(cxt, sw, VARNIX_FLAG_S); rc >= 0) return rc;
+    if (!(sw.flags & VARNIX_FLAG_S) && e.snapshot_state != 2) return VARNIX_RC_CLASS_OFF;
+    if (cxt.service_depth == 1) {
+        e.call_trc_depth_max = 0;
+        cxt.svc_hash = nullptr;
+        if (e.snapshot_state == 2) e.snapshot_state = 3;
+    }
+    return kOk;
+}
+
+int validate_dbio(MTR_CXT_VAR& cxt, Switches sw) {
+    PTRC_HASH& e = *cxt.ptrc;
+    e.dbio_skip = 0;
+    if (sw.filtering != 0) {
+        if (cxt.svc_hash) {
+            // The mark, not a refusal: the call finish suppresses the record.
+            if (!(shm_load(&cxt.svc_hash->svc_flag_set) & VARNIX_FLAG_B)) e.dbio_skip = 'y';
+            return kOk;
+        }
+        if (sw.filtering == 2) return VARNIX_RC_FILTERED;
+    }
+    if ((sw.flags & VARNIX_FLAG_B) || e.snapshot_state == 2) return kOk;
+    e.dbio_skip = 'd';
+    return kOk;
+}
+
+// The record classes with a plain switch: filter, then the class bit, then
+// the snapshot tail.
+int validate_class(const MTR_CXT_VAR& cxt, Switches sw, uint8_t bit) {
+    if (int rc = filter(cxt, sw, bit); rc >= 0) return rc;
+    if (sw.flags & bit) return kOk;
+    return common_tail(*cxt.ptrc);
+}
+
+bool error_without_service_check(char api_type) {
+    switch (api_type) {
+        case kTranClhStartApi:
+        case kTranClhEndApi:
+        case kTranClhErrorApi:
+        case kTranWebStartApi:
+        case kTranWebEndApi: return true;
+        default: return false;
+    }
+}
+
+}  // namespace
+
+int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, const char* svc_nm, int svc_len,
+                   const char* snapshot_key) {
+    if (cxt.cxt_init_flag == VARNIX_RC_PTRC_FULL || !cxt.ptrc) return VARNIX_RC_PTRC_FULL;
+    PTRC_HASH& e = *cxt.ptrc;
+    if (e.pid != cxt.pid || e.tid != cxt.tid) {
+        if (log_type == '1' || log_type == '2')
+            log_printf("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", e.pid,
+                       static_cast<unsigned long>(e.tid), cxt.pid, static_cast<unsigned long>(cxt.tid));
+        return VARNIX_RC_PTRC_MISMATCH;
+    }
+    if (log_type < '1' || log_type > 'X') return VARNIX_RC_BAD_TYPE;
+    const Switches sw{shm_load(gvar.svc_filtering), shm_load(gvar.log_flag_set)};
+    auto write_svc_id = [&] { set_log_field(svc_nm, svc_len, body + hdr::kSvcId, kSvcIdWidth, 1); };
+    switch (log_type) {
+        case '1':
+            write_svc_id();
+            return validate_start(cxt, sw, body, snapshot_key);
+        case '2':
+            write_svc_id();
+            return validate_end(cxt, sw);
+        case '9':
+        case 'E':
+            if (!error_without_service_check(api_type) && ((cxt.log_bit & 3) == 3 || cxt.log_bit == 0))
+                return VARNIX_RC_NO_SERVICE;
+            write_svc_id();
+            return validate_class(cxt, sw, VARNIX_FLAG_E);
+        case 'B':
+            if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
+            write_svc_id();
+            return validate_dbio(cxt, sw);
+        case 'C':
+            if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
+            write_svc_id();
+            return validate_class(cxt, sw, VARNIX_FLAG_C);
+        case 'I':
+            write_svc_id();
+            return validate_class(cxt, sw, VARNIX_FLAG_I);
+        case 'Q':
+            if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
+            if (e.sql_rec_cnt > 5) return VARNIX_RC_SQL_LIMIT;
+            write_svc_id();
+            return validate_class(cxt, sw, VARNIX_FLAG_Q);
+        case 'V':
+            write_svc_id();
+            if (int rc = filter(cxt, sw, VARNIX_FLAG_V); rc >= 0) return rc;
+            if ((sw.flags & VARNIX_FLAG_V) || e.snapshot_state == 3) return kOk;
+            return VARNIX_RC_CLASS_OFF;
+        case 'X':
+            write_svc_id();
+            if (sw.flags & VARNIX_FLAG_X) return kOk;
+            return common_tail(e);
+        default: return VARNIX_RC_BAD_TYPE;
+    }
+}
+
+}  // namespace varnix

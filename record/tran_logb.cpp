@@ -1,0 +1,32 @@
+// Dispatch of a finished record to the collector queue its transaction's GID
+// picks, so that every record of one transaction keeps its order.  Never
+// waits: a full or removed queue drops the record and counts it.
+#include <string_view>
+
+#include "context/hash.h"
+#include "core/gvar.h"
+#include "core/ipc.h"
+#include "core/status.h"
+#include "record/record.h"
+
+namespace varnix {
+namespace {
+
+constexpr std::string_view kSentTypes = "129BCEIQVX";
+
+}  // namespace
+
+int tran_logb(MTR_CXT_VAR& cxt, TRAN_LOG_MSG& rec) {
+    const char* body = rec.text + sizeof(uint32_t);
+    uint32_t hash = get_hash_code(body + hdr::kGid + write_qidx_idx_gid_rng_pos, write_qidx_idx_gid_rng_siz);
+    // The mask comes from shared memory; 15 keeps it inside the queue-id array
+    // whatever the collector wrote (ids past MAX_QUE_CNT are -1 and refuse).
+    int q = static_cast<int>(hash & shm_load(gvar.que_mask) & (VARNIX_MAX_QUE_CNT - 1));
+    if (cxt.ptrc) cxt.ptrc->qidx = static_cast<uint8_t>(q);
+    if (kSentTypes.find(body[hdr::kLogType]) == std::string_view::npos) return VARNIX_RC_BAD_TYPE;
+    if (send_msgq(gvar.msgq_id[q], &rec, sizeof rec.text) == 0) return q;
+    __atomic_fetch_add(&gvar.msgq_fail_cnt[q], 1u, __ATOMIC_RELAXED);
+    return VARNIX_RC_SEND_FAIL;
+}
+
+}  // namespace varnix

@@ -1,0 +1,74 @@
+// Tracing in the test process against the binary's collector, and readers of
+// the records it receives.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "context/hash.h"
+#include "support/test_ipc.h"
+#include "varnix.h"
+
+namespace varnix::test {
+
+// Starts tracing afresh (TRAN_DONE, TRAN_INIT) with the default
+// configuration; the start-up records are drained.  The banner goes to
+// `banner` when given.
+inline int start_tracing(std::string* banner = nullptr) {
+    TestIpc& ipc = TestIpc::get();
+    if (!ipc.ok()) return -1;
+    TRAN_DONE();
+    ipc.reset();
+    testing::internal::CaptureStdout();
+    int rc = TRAN_INIT();
+    std::string out = testing::internal::GetCapturedStdout();
+    if (banner) *banner = out;
+    ipc.collector().drain();
+    return rc;
+}
+
+inline std::string_view body_field(const TRAN_LOG_MSG& m, int offset, int width) {
+    return {m.text + sizeof(uint32_t) + offset, static_cast<size_t>(width)};
+}
+
+inline uint32_t body_len(const TRAN_LOG_MSG& m) {
+    uint32_t n;
+    std::memcpy(&n, m.text, sizeof n);
+    return n;
+}
+
+// `s` cut or space-padded to `width`.
+inline std::string padded(std::string_view s, size_t width) {
+    std::string r(s.substr(0, width));
+    r.resize(width, ' ');
+    return r;
+}
+
+// The queue a 32-byte GID field picks under the default configuration.
+inline int queue_of_gid(std::string_view gid) {
+    std::string field = padded(gid, 32);
+    const kit::ConfigSpec spec = TestIpc::get().default_spec();
+    return static_cast<int>(get_hash_code(field.data() + spec.gid_rng_pos, spec.gid_rng_siz) &
+                            static_cast<uint32_t>(spec.que_cnt - 1));
+}
+
+// Diagnostic log messages appended since the last call, without the
+// "(pid) MM-DD HH:MM:SS  " prefix.
+class LogTail {
+public:
+    LogTail() : seen_(TestIpc::get().read_log().size()) {}
+    std::vector<std::string> take() {
+        std::string text = TestIpc::get().read_log();
+        std::vector<std::string> messages = log_messages(text, seen_ < text.size() ? seen_ : text.size());
+        seen_ = text.size();
+        return messages;
+    }
+
+private:
+    size_t seen_;
+};
+
+}  // namespace varnix::test

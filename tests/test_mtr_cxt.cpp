@@ -1,0 +1,165 @@
+// Thread contexts: buckets of ten, reclaiming of dead and released threads,
+// registration in the process-thread table.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <thread>
+
+#include "core/gvar.h"
+#include "support/tracing.h"
+
+namespace varnix::test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class MtrCxt : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(start_tracing(), 0); }
+    void TearDown() override { TRAN_DONE(); }
+
+    // `threads`: the bucket's count with the new context.
+    static std::string created_line(uint64_t tid, int bucket, int threads) {
+        const PTRC_HASH_TBL& t = *TestIpc::get().collector().ptrc();
+        int n = -1;
+        for (uint32_t i = 0; i < VARNIX_TBL_ENTRIES; ++i)
+            if (t.entry[i].pid == getpid() && t.entry[i].tid == tid && t.entry[i].ptrc_state == VARNIX_PTRC_REGISTERED)
+                n = static_cast<int>(i);
+        char line[256];
+        std::snprintf(line, sizeof line,
+                      "(I) ptrc_hash pid-tid created.(pid : %d, tid : %lu, mtr_tid_idx : %d(%d threads), arr_idx : "
+                      "%d), used : %u(=%u)",
+                      getpid(), static_cast<unsigned long>(tid), bucket, threads, n, t.used_cnt, t.used_cnt);
+        return line;
+    }
+};
+
+// Ids given by the caller (not kernel threads of this process) are never
+// probed: they stay until the collector asks for their release.
+TEST_F(MtrCxt, TenPerBucketAndReleasedEntriesAreReclaimed) {
+    constexpr int kBucket = 7;
+    auto tid_of = [](int k) { return static_cast<int32_t>((k << 8) | kBucket); };
+    MTR_CXT_VAR* cxts[11] = {};
+    for (int k = 1; k <= 10; ++k) ASSERT_EQ(get_mtr_cxt_var(tid_of(k), &cxts[k]), 0) << k;
+    for (int k = 1; k <= 10; ++k) {
+        MTR_CXT_VAR* again = nullptr;
+        ASSERT_EQ(get_mtr_cxt_var(tid_of(k), &again), 0);
+        EXPECT_EQ(again, cxts[k]);
+        EXPECT_EQ(again->idx, kBucket);
+        EXPECT_EQ(again->ptrc->tid, static_cast<uint64_t>(tid_of(k)));
+    }
+    LogTail log;
+    MTR_CXT_VAR* eleventh = nullptr;
+    EXPECT_EQ(get_mtr_cxt_var(tid_of(11), &eleventh), VARNIX_RC_NO_CONTEXT);
+    EXPECT_EQ(log.take(), Lines{});
+
+    PTRC_HASH* released = cxts[3]->ptrc;
+    released->ptrc_state = VARNIX_PTRC_RELEASE_ASKED;
+    ASSERT_EQ(get_mtr_cxt_var(tid_of(11), &eleventh), 0);
+    EXPECT_EQ(eleventh, cxts[3]);  // the freed slot is reused
+    EXPECT_EQ(released->ptrc_state, VARNIX_PTRC_RELEASED);
+    EXPECT_EQ(gvar.mtr_tid_idx[kBucket].mtr_cnt, 10);
+    EXPECT_EQ(log.take(), (Lines{"(I) mtr_tid_idx#7-2, tid 775 (thread alive, ptrc 2) resource clear.(10->9)",
+                                 created_line(tid_of(11), kBucket, 10)}));
+}
+
+TEST_F(MtrCxt, DeadThreadIsReclaimedOnTheNextMissOfItsBucket) {
+    uint64_t dead = 0;
+    std::thread([&] {
+        MTR_CXT_VAR* cxt = nullptr;
+        if (get_mtr_cxt_var(-1, &cxt) == 0) dead = cxt->tid;
+    }).join();
+    ASSERT_NE(dead, 0u);
+    const int bucket = bucket_of(dead);
+    MTR_TID_IDX& b = gvar.mtr_tid_idx[bucket];
+    int pos = 0;
+    while (pos < b.mtr_cnt && b.mtr_idx_list[pos].tid != dead) ++pos;
+    ASSERT_LT(pos, b.mtr_cnt);
+    PTRC_HASH* entry = b.mtr_idx_list[pos].var->ptrc;
+    const int count = b.mtr_cnt;
+
+    // Another id of the same bucket misses and reclaims the dead thread.
+    const uint64_t other = (dead & 0xFF) ? (0x100000 | (dead & 0xFF)) : (0x100000 | (dead & 0xFF00));
+    ASSERT_EQ(bucket_of(other), bucket);
+    LogTail log;
+    MTR_CXT_VAR* cxt = nullptr;
+    ASSERT_EQ(get_mtr_cxt_var(static_cast<int32_t>(other), &cxt), 0);
+    char reclaimed[256];
+    std::snprintf(reclaimed, sizeof reclaimed,
+                  "(I) mtr_tid_idx#%d-%d, tid %lu (thread killed, ptrc 1) resource clear.(%d->%d)", bucket, pos,
+                  static_cast<unsigned long>(dead), count, count - 1);
+    EXPECT_EQ(log.take(), (Lines{"(i) thread killed. tid : " + std::to_string(dead), reclaimed,
+                                 created_line(other, bucket, count)}));
+    EXPECT_EQ(entry->ptrc_state, VARNIX_PTRC_RELEASED);
+    EXPECT_EQ(b.mtr_cnt, count);
+}
+
+TEST_F(MtrCxt, FullProcessThreadTableGives116AndKeepsTheSlotFree) {
+    PTRC_HASH_TBL& t = *TestIpc::get().collector().ptrc();
+    const uint32_t free_cnt = t.free_stk.cnt;
+    t.free_stk.cnt = 0;
+    LogTail log;
+    MTR_CXT_VAR* cxt = nullptr;
+    EXPECT_EQ(get_mtr_cxt_var(0x0909, &cxt), VARNIX_RC_PTRC_FULL);
+    EXPECT_EQ(gvar.mtr_tid_idx[9].mtr_cnt, 0);
+    EXPECT_EQ(log.take(), Lines{});
+    t.free_stk.cnt = free_cnt;
+    EXPECT_EQ(get_mtr_cxt_var(0x0909, &cxt), 0);
+    EXPECT_EQ(gvar.mtr_tid_idx[9].mtr_cnt, 1);
+}
+
+TEST_F(MtrCxt, ContextsAreStampedOnceWithProcessAndHost) {
+    MTR_CXT_VAR* cxt = nullptr;
+    ASSERT_EQ(get_mtr_cxt_var(-1, &cxt), 0);
+    EXPECT_EQ(cxt->log_rec.mtype, 1);
+    EXPECT_EQ(cxt->log_rec2.mtype, 1);
+    char pid8[16];
+    std::snprintf(pid8, sizeof pid8, "%08d ", getpid());
+    for (const char* body : {cxt->log_body, cxt->log_body2}) {
+        EXPECT_EQ(std::string_view(body + 73, 65), padded(gvar.host_name, 64) + " ");
+        EXPECT_EQ(std::string_view(body + 138, 9), pid8);
+    }
+    EXPECT_EQ(std::string_view(cxt->log_body + 40, 16), padded(gvar.proc_nm, 15) + " ");
+    EXPECT_EQ(std::string_view(cxt->log_body2 + 40, 16), std::string(16, ' '));
+    EXPECT_EQ(cxt->svc_stack[0].gid[0], ' ');
+    EXPECT_EQ(cxt->ktid, static_cast<pid_t>(gettid()));
+}
+
+TEST(MtrIdxList, ShowLogsEveryContextOfABucket) {
+    ASSERT_EQ(start_tracing(), 0);
+    MTR_CXT_VAR* cxt = nullptr;
+    ASSERT_EQ(get_mtr_cxt_var(0x0303, &cxt), 0);
+    LogTail log;
+    testing::internal::CaptureStdout();
+    show_mtr_idx_list(3);
+    show_mtr_idx_list(256);  // no such bucket: nothing
+    show_mtr_idx_list(-1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "------------------------------\n");
+    EXPECT_EQ(log.take(), (Lines{"------>> mtr_idx_list (1) <<------", ">>idx arr[0] tid : 771",
+                                 ">>idx arr[0] var->pid : " + std::to_string(getpid()), ">>idx arr[0] var->tid : 771",
+                                 ">>idx arr[0] var->idx : 3", ">>idx arr[0] var->log_bit : 0",
+                                 ">>idx arr[0] var->cxt_init_flag : 0", ">>idx arr[0] var->in_use : 1",
+                                 ">>idx arr[0] var->lasted_access (sec): 0"}));
+    TRAN_DONE();
+}
+
+TEST(SetContNm, LastMatchingStringAfterTheFirstWins) {
+    char dest[31] = "unchanged";
+    const char block[] = "java\0-Dname=first\0-Xmx1g\0-Dname=second=x\0\0-Dname=after";
+    set_cont_nm(block, sizeof block - 1, dest, "-Dname");
+    EXPECT_STREQ(dest, "second=x");
+
+    // The first string is never examined; an unterminated last one is bounded by the length.
+    std::strcpy(dest, "unchanged");
+    const char first_only[] = "-Dname=zero\0-Dname=0123456789012345678901234567890123456789";
+    set_cont_nm(first_only, sizeof first_only - 1, dest, "-Dname");
+    EXPECT_STREQ(dest, "012345678901234567890123456789");
+    std::strcpy(dest, "unchanged");
+    set_cont_nm(first_only, 11, dest, "-Dname");
+    EXPECT_STREQ(dest, "unchanged");
+    set_cont_nm(nullptr, 10, dest, "-Dname");
+    EXPECT_STREQ(dest, "unchanged");
+}
+
+}  // namespace
+}  // namespace varnix::test
