@@ -6,11 +6,13 @@
 #include <sys/shm.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "context/hash.h"
 #include "context/tables.h"
 #include "core/gvar.h"
 #include "core/readcfg.h"
@@ -233,6 +235,34 @@ int Collector::drain() const {
     int n = 0;
     while (receive(msg) >= 0) ++n;
     return n;
+}
+
+SVC_HASH* add_service(SVC_HASH_TBL& tbl, const ServiceSpec& spec) {
+    if (tbl.svc_free_stk.cnt == 0) return nullptr;
+    uint32_t n = svc_hash_pop(&tbl.svc_free_stk);
+    if (n >= VARNIX_TBL_ENTRIES) return nullptr;
+    SVC_HASH& e = tbl.entry[n];
+    std::memset(&e, 0, sizeof e);
+    std::memset(e.svc_id, ' ', sizeof e.svc_id);
+    std::memcpy(e.svc_id, spec.svc_id.data(), std::min(spec.svc_id.size(), sizeof e.svc_id));
+    e.svc_flag_set = spec.flags;
+    e.call_trc_depth = spec.call_trc_depth;
+    e.call_trc_limit = spec.call_trc_limit;
+    e.dbio_trc_limit = spec.dbio_trc_limit;
+    e.sql_trc_limit = spec.sql_trc_limit;
+    e.pidx = n;
+    e.hidx = get_hidx(e.svc_id, sizeof e.svc_id, VARNIX_HASH_BUCKETS - 1);
+    e.prev = -1;
+    e.next = -1;
+    int32_t* link = &tbl.svc_hash_idx[e.hidx];
+    while (*link >= 0 && *link < VARNIX_TBL_ENTRIES) {
+        e.prev = *link;
+        link = &tbl.entry[*link].next;
+    }
+    *link = static_cast<int32_t>(n);
+    svc_hash_push(&tbl.svc_used_stk, n);
+    ++tbl.svc_cnt;
+    return &e;
 }
 
 }  // namespace varnix::kit

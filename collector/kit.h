@@ -104,4 +104,15 @@ private:
 // Removes the ids of a crashed or finished collector (async-signal-safe).
 void remove_ids(const Collector::Ids& ids);
 
+// Lists a service in the service table as the collector does: a free entry
+// appended to the chain of its id's bucket, with its own record-class switches
+// (VARNIX_FLAG_*) and call-trace limits.  Null when the table is full.
+struct ServiceSpec {
+    std::string svc_id;  // up to 16 characters
+    uint8_t flags = 0xFF;
+    int32_t call_trc_depth = 0;
+    int64_t call_trc_limit = 0, dbio_trc_limit = 0, sql_trc_limit = 0;
+};
+SVC_HASH* add_service(SVC_HASH_TBL& tbl, const ServiceSpec& spec);
+
 }  // namespace varnix::kit

@@ -33,7 +33,7 @@ std::string_view next_word(std::string_view& s) {
 void copy_bounded(std::string_view src, std::span<char> out) {
     if (out.empty()) return;
     size_t n = std::min(src.size(), out.size() - 1);
-    std::memcpy(out.data(), src.data(), n);
+    if (n > 0) std::memcpy(out.data(), src.data(), n);  // an empty view may have no data pointer
     out[n] = '\0';
 }
 

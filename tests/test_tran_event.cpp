@@ -24,6 +24,7 @@ int32_t send(Entry entry, int32_t tid, const Notice& n) {
                  n.msg_text.len);
 }
 
+// The notice points into `gid`, which must outlive it.
 Notice event_with_gid(const std::string& gid) {
     Notice n;
     n.gid = {gid.c_str(), static_cast<int32_t>(gid.size())};
@@ -167,7 +168,8 @@ TEST_F(TranEvent, ConcurrentThreadsEachRecordArrivesOnce) {
         threads.emplace_back([t, &failures] {
             for (int i = 0; i < kEach; ++i) {
                 std::string text = std::to_string(t) + ":" + std::to_string(i);
-                Notice n = event_with_gid("T" + std::to_string(t));
+                const std::string gid = "T" + std::to_string(t);
+                Notice n = event_with_gid(gid);
                 n.msg_text = {text.c_str(), -1};
                 int rc;
                 while ((rc = send(TRAN_EVENT, -1, n)) == VARNIX_RC_SEND_FAIL) std::this_thread::yield();

@@ -10,6 +10,8 @@
 #include <ctime>
 #include <filesystem>
 
+#include "context/tables.h"
+
 namespace varnix::test {
 namespace {
 
@@ -104,6 +106,7 @@ void TestIpc::reset() {
     q.log_flag_set = get_log_flag_set(spec.log_flag_set.c_str());
     q.call_trc_depth = spec.call_trc_depth;
     q.tong_log_flag = '0';
+    init_svc_hash_tbl(*collector_.svc());
     collector_.drain();
 }
 

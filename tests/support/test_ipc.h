@@ -31,7 +31,8 @@ public:
     // Rewrites the configuration file (the keys stay this process's) and sets
     // TRAN_HOME, TRAN_AGT_HOME and TRAN_AGT_CFG_FILE for it.
     bool write_config(const kit::ConfigSpec& spec) const;
-    // Puts back the default configuration and control block, and drains the queues.
+    // Puts back the default configuration and control block, empties the
+    // service table and drains the queues.
     void reset();
 
     // Today's diagnostic log file, and its whole text.
