@@ -1,8 +1,10 @@
-// varnix-demo: a collector and a traced process in one program.  It creates
-// the collector's IPC objects from a configuration file, initializes the
-// tracing library against them, shows what the library attached and which
-// record classes the collector lets through, and removes everything again.
-#include <sys/shm.h>
+// varnix-demo: a collector and a traced process in one program.  The
+// collector creates its IPC objects from a configuration file; the process
+// starts tracing against them, which announces it with event 1508; a worker
+// thread sends an event of its own; the collector decodes what arrived and
+// shows the threads registered in its process-thread table; then tracing
+// stops and every object is removed.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,8 +12,8 @@
 #include <filesystem>
 #include <string>
 
+#include "collector/decode.h"
 #include "collector/kit.h"
-#include "core/gvar.h"
 #include "varnix.h"
 
 namespace {
@@ -28,26 +30,74 @@ std::string make_home() {
     return ec ? "" : home;
 }
 
-void show_attachments() {
-    std::printf("library attached:\n");
-    std::printf("  TRAN_LOGF_QUE_INFO shmid %d: qcnt %d, magic 0x%08x, log_flag_set 0x%02x\n", gvar.que_info_shmid,
-                *gvar.qcnt, *gvar.magic_code, *gvar.log_flag_set);
-    std::printf("  SVC_HASH_TBL shmid %d (semaphore %d), PTRC_HASH_TBL shmid %d (semaphore %d, %u free entries)\n",
-                gvar.svc_hash_shmid, gvar.svc_hash_semid, gvar.ptrc_hash_shmid, gvar.ptrc_hash_semid,
-                gvar.ptrc_hash_tbl->free_stk.cnt);
-    std::printf("  message queues:");
-    for (int q = 0; q < VARNIX_MAX_QUE_CNT && gvar.msgq_id[q] >= 0; ++q) std::printf(" #%d=%d", q, gvar.msgq_id[q]);
-    std::printf("\n  process %s (pid %d) on %s, diagnostic log under %s/proc/libvarnix\n", gvar.proc_nm, gvar.pid,
-                gvar.host_name, log_home_dir);
+void* worker(void* result) {
+    *static_cast<int*>(result) =
+        TRAN_EVENT(-1, "DM", -1, "1", -1, "DEMO-GID-0001", -1, "DEMO_SVC", -1, nullptr, 0, nullptr, 0, nullptr, 0,
+                   "9001", -1, "RECV01", -1, "O", -1, "hello from a worker thread", -1);
+    return nullptr;
 }
 
-void show_switches(TRAN_LOGF_QUE_INFO& q) {
-    gvar.init_mark = 1111;  // as the start entry marks a ready library
-    std::printf("record classes with log_flag_set \"SEV\" (0x%02x):", get_log_flag_set("SEV"));
-    q.log_flag_set = get_log_flag_set("SEV");
-    for (char t : {'1', '9', 'V', 'B', 'C', 'I', 'X', 'Q'}) std::printf(" %c=%d", t, check_gvar(t));
-    std::printf("\n");
-    gvar.init_mark = 0;
+void show_records(const kit::Collector& collector) {
+    TRAN_LOG_MSG m{};
+    int q;
+    while ((q = collector.receive_wait(m, 200)) >= 0)
+        std::printf("--- record from queue %d, %u body bytes\n%s", q, kit::body_length(m), kit::describe(m).c_str());
+}
+
+void show_threads(const kit::Collector& collector) {
+    const PTRC_HASH_TBL& t = *collector.ptrc();
+    std::printf("--- process-thread table: %u entries in use\n", t.used_cnt);
+    for (uint32_t i = 0; i < t.used_stk.cnt && i < VARNIX_TBL_ENTRIES; ++i) {
+        const PTRC_HASH& e = t.entry[t.used_stk.idx[i] % VARNIX_TBL_ENTRIES];
+        std::printf("  entry %u: pid %d tid %lu state %d proc %.30s\n", e.pidx, e.pid,
+                    static_cast<unsigned long>(e.tid), e.ptrc_state, e.proc_nm);
+    }
+}
+
+void show_log(const std::string& dir) {
+    std::error_code ec;
+    for (const auto& f : std::filesystem::directory_iterator(dir, ec)) {
+        std::printf("--- diagnostic log %s\n", f.path().c_str());
+        std::FILE* fp = std::fopen(f.path().c_str(), "r");
+        if (!fp) continue;
+        char line[4200];
+        while (std::fgets(line, sizeof line, fp)) std::fputs(line, stdout);
+        std::fclose(fp);
+    }
+}
+
+int run(const std::string& home) {
+    kit::ConfigSpec spec;
+    spec.keys = kit::keys_for_pid(getpid());
+    spec.log_home = "log";
+    spec.tong_log_home = home + "/tong";
+    const std::string cfg = home + "/agt/varnix.cfg";
+    kit::Collector collector;
+    if (!kit::write_file(cfg, kit::config_text(spec)) || collector.create(cfg.c_str()) != 0) return 1;
+    std::printf("collector created its objects from %s (keys from 0x%x)\n", cfg.c_str(),
+                static_cast<unsigned>(spec.keys.que_info));
+    if (setenv("TRAN_HOME", home.c_str(), 1) != 0 || setenv("TRAN_AGT_HOME", (home + "/agt").c_str(), 1) != 0 ||
+        setenv("TRAN_AGT_CFG_FILE", cfg.c_str(), 1) != 0)
+        return 1;
+
+    std::fflush(stdout);
+    int rc = TRAN_INIT();
+    std::printf("TRAN_INIT() = %d\n", rc);
+    if (rc != 0) return 1;
+    int event_rc = -1;
+    pthread_t th;
+    if (pthread_create(&th, nullptr, worker, &event_rc) != 0 || pthread_join(th, nullptr) != 0) return 1;
+    std::printf("TRAN_EVENT() from a worker thread = %d (the queue that carried it)\n", event_rc);
+    std::printf("TRAN_ERRINFO() outside a service = %d\n",
+                TRAN_ERRINFO(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                             "1105", -1, nullptr, 0, nullptr, 0, "no service is open", -1));
+    show_records(collector);
+    show_threads(collector);
+    std::printf("TRAN_DONE() = %d\n", TRAN_DONE());
+    show_log(home + "/agt/log/proc/libvarnix");
+    collector.remove();
+    std::printf("collector removed every object it created\n");
+    return 0;
 }
 
 }  // namespace
@@ -58,31 +108,8 @@ int main() {
         std::fprintf(stderr, "cannot create a demo directory under /tmp\n");
         return 1;
     }
-    kit::ConfigSpec spec;
-    spec.keys = kit::keys_for_pid(getpid());
-    spec.log_home = "log";
-    spec.tong_log_home = home + "/tong";
-    std::string cfg = home + "/agt/varnix.cfg";
-    kit::Collector collector;
-    if (!kit::write_file(cfg, kit::config_text(spec)) || collector.create(cfg.c_str()) != 0) return 1;
-    std::printf("collector created its objects from %s (keys from 0x%x)\n", cfg.c_str(),
-                static_cast<unsigned>(spec.keys.que_info));
-
-    setenv("TRAN_HOME", home.c_str(), 1);
-    setenv("TRAN_AGT_HOME", (home + "/agt").c_str(), 1);
-    setenv("TRAN_AGT_CFG_FILE", cfg.c_str(), 1);
-    int rc = tran_init();
-    std::printf("tran_init() = %d\n", rc);
-    if (rc == 0) {
-        show_attachments();
-        show_switches(*collector.que_info());
-    }
-    for (void* addr : {static_cast<void*>(gvar.que_info), static_cast<void*>(gvar.svc_hash_tbl),
-                       static_cast<void*>(gvar.ptrc_hash_tbl)})
-        if (addr) shmdt(addr);
-    collector.remove();
+    int rc = run(home);
     std::error_code ec;
     std::filesystem::remove_all(home, ec);
-    std::printf("collector removed every object it created\n");
-    return rc == 0 ? 0 : 1;
+    return rc;
 }

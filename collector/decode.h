@@ -1,0 +1,33 @@
+// Reading the records the library sends: the common header and the fields
+// of each record type, by name.
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "varnix_collector.h"
+
+namespace varnix::kit {
+
+struct FieldSpec {
+    std::string_view name;
+    int offset;  // in the body
+    int width;
+};
+
+// The common header of every record.
+std::span<const FieldSpec> header_fields();
+// The fields after the header for a record type (empty when not known).
+std::span<const FieldSpec> body_fields(char log_type);
+
+// The field's text with trailing spaces removed; empty when the field lies
+// beyond the record's body length.
+std::string_view field_text(const TRAN_LOG_MSG& m, const FieldSpec& f);
+// Body length from the record's length word.
+uint32_t body_length(const TRAN_LOG_MSG& m);
+
+// One "name: value" line per non-blank field, header first.
+std::string describe(const TRAN_LOG_MSG& m);
+
+}  // namespace varnix::kit
