@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstddef>
 #include <span>
+#include <type_traits>
 
 #include "context/mtr_cxt.h"
 #include "varnix_collector.h"
@@ -12,6 +14,11 @@
 namespace varnix {
 
 struct Gvar {
+    // Read by every thread without a lock; never wiped, only stored.
+    std::atomic<int32_t> init_mark;  // 1111 ready, 2222 failed, 0 down
+    std::atomic<int32_t> svctimeout_mark;
+
+    // Everything from here on is wiped by TRAN_INIT when due.
     // Fields of the attached TRAN_LOGF_QUE_INFO block.
     int32_t* qcnt;
     uint32_t* que_mask;
@@ -35,8 +42,6 @@ struct Gvar {
     int32_t que_info_shmid;
     SVC_HASH_TBL* svc_hash_tbl;
     PTRC_HASH_TBL* ptrc_hash_tbl;
-    std::atomic<int32_t> init_mark;  // 1111 ready, 2222 failed, 0 down
-    std::atomic<int32_t> svctimeout_mark;
 
     char host_name[65];
     char log_interface[3];
@@ -53,6 +58,9 @@ struct Gvar {
     int32_t infinite_loop_base_cnt;
     int32_t default_timeout_sec;
 };
+
+static_assert(std::is_standard_layout_v<Gvar>);
+inline constexpr size_t kGvarWipeFrom = offsetof(Gvar, qcnt);
 
 extern Gvar gvar;
 extern int32_t write_qidx_idx_gid_rng_pos;

@@ -38,7 +38,9 @@ constexpr useconds_t kDrainDelayUs = 10'000;
 
 // Wipes the process block and gives every bucket its number and a fresh mutex.
 int clear_gvar() {
-    std::memset(static_cast<void*>(&gvar), 0, sizeof gvar);
+    gvar.init_mark.store(0, std::memory_order_release);
+    gvar.svctimeout_mark.store(0, std::memory_order_relaxed);
+    std::memset(reinterpret_cast<char*>(&gvar) + kGvarWipeFrom, 0, sizeof gvar - kGvarWipeFrom);
     std::memcpy(gvar.db_user, init_db_user, 10);
     std::memcpy(gvar.db_sid, init_db_sid, 10);
     for (int b = 0; b < kMtrBuckets; ++b) {

@@ -16,7 +16,7 @@ TEST(Decode, NamesTheFieldsOfARecordTheLibrarySent) {
                              "030405000006", -1, "9001", -1, "RECV", -1, "O", -1, "hello", -1);
     TRAN_LOG_MSG m{};
     ASSERT_EQ(TestIpc::get().collector().receive(m, q), q);
-    TRAN_DONE();
+    stop_tracing();
     std::string text = kit::describe(m);
     const std::string head = "log_type: V\ncls_cd: AB\ndtl_cd: C\ngid: GID-1\nproc_nm: test_decode\nsvc_id: SVC\n";
     EXPECT_EQ(text.substr(0, head.size()), head);

@@ -16,7 +16,7 @@ using Lines = std::vector<std::string>;
 class MtrCxt : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(start_tracing(), 0); }
-    void TearDown() override { TRAN_DONE(); }
+    void TearDown() override { stop_tracing(); }
 
     // `threads`: the bucket's count with the new context.
     static std::string created_line(uint64_t tid, int bucket, int threads) {
@@ -140,7 +140,7 @@ TEST(MtrIdxList, ShowLogsEveryContextOfABucket) {
                                  ">>idx arr[0] var->idx : 3", ">>idx arr[0] var->log_bit : 0",
                                  ">>idx arr[0] var->cxt_init_flag : 0", ">>idx arr[0] var->in_use : 1",
                                  ">>idx arr[0] var->lasted_access (sec): 0"}));
-    TRAN_DONE();
+    stop_tracing();
 }
 
 TEST(SetContNm, LastMatchingStringAfterTheFirstWins) {

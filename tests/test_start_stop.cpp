@@ -35,10 +35,10 @@ class StartStop : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(TestIpc::get().ok());
-        TRAN_DONE();
+        stop_tracing();
         TestIpc::get().reset();
     }
-    void TearDown() override { TRAN_DONE(); }
+    void TearDown() override { stop_tracing(); }
 };
 
 TEST_F(StartStop, InitAnnouncesTheProcessWithEvent1508) {

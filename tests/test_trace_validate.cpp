@@ -40,7 +40,7 @@ protected:
         ASSERT_NE(e_, nullptr);
         std::memset(body(hdr::kSvcId), '.', 16);
     }
-    void TearDown() override { TRAN_DONE(); }
+    void TearDown() override { stop_tracing(); }
 
     int validate(char type, const char* svc = "SVC-A", const char* key = nullptr, char api = kTranStartApi) {
         return trace_validate(*cxt_, type, api, cxt_->log_body, svc, -1, key);

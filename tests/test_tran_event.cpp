@@ -35,7 +35,7 @@ class TranEvent : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(start_tracing(), 0); }
     void TearDown() override {
-        TRAN_DONE();
+        stop_tracing();
         TestIpc::get().collector().drain();
     }
     kit::Collector& collector() { return TestIpc::get().collector(); }

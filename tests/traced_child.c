@@ -10,6 +10,7 @@ int main(void) {
     int event = TRAN_EVENT(-1, NULL, 0, NULL, 0, "CHILD-GID", -1, NULL, 0, NULL, 0, NULL, 0, NULL, 0, "7777", -1,
                            NULL, 0, NULL, 0, "from the child", -1);
     int done = TRAN_DONE();
+    th_join_thread();
     printf("init %d event %d done %d\n", init, event, done);
     return init == 0 && event >= 0 && done == 0 ? 0 : 1;
 }

@@ -14,13 +14,19 @@
 
 namespace varnix::test {
 
+// Stops tracing and waits for the writer thread, which outlives TRAN_DONE.
+inline void stop_tracing() {
+    TRAN_DONE();
+    th_join_thread();
+}
+
 // Starts tracing afresh (TRAN_DONE, TRAN_INIT) with the default
 // configuration; the start-up records are drained.  The banner goes to
 // `banner` when given.
 inline int start_tracing(std::string* banner = nullptr) {
     TestIpc& ipc = TestIpc::get();
     if (!ipc.ok()) return -1;
-    TRAN_DONE();
+    stop_tracing();
     ipc.reset();
     testing::internal::CaptureStdout();
     int rc = TRAN_INIT();
