@@ -102,6 +102,16 @@ VARNIX_API int32_t TRAN_EVENT(VARNIX_NOTICE_PARAMS);
  * id; the gid and svc_id arguments are ignored). */
 VARNIX_API int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS);
 
+/* ---- Service entries: start, end, error, process tracing ---- */
+
+/* ---- Call tracing: BIZCALL and DBIO calls ---- */
+
+/* ---- SQL tracing ---- */
+
+/* ---- Information records ---- */
+
+/* ---- Context setters ---- */
+
 /* Writes the thread contexts of one bucket (0..255) to the diagnostic log. */
 VARNIX_API void show_mtr_idx_list(int32_t bucket);
 /* Copies into dest (31 bytes) at most 30 characters after '=' of the last

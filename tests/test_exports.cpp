@@ -35,6 +35,11 @@ TEST(Exports, ExactlyThePublicInterface) {
     const std::set<std::string> expected = {
         // start, stop and notices
         "TRAN_INIT", "TRAN_DONE", "TRAN_EVENT", "TRAN_ERRINFO",
+        // service entries
+        // call tracing
+        // SQL tracing
+        // information records
+        // context setters
         // thread-context diagnostics and the container-name helper
         "show_mtr_idx_list", "set_cont_nm",
         // configuration encoders and the change check
