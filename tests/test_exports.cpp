@@ -37,8 +37,9 @@ TEST(Exports, ExactlyThePublicInterface) {
         "get_log_flag_set", "set_fst_err_rc_set", "read_config",
         // collector-side queue and semaphore helpers
         "read_msgq", "remove_msgq", "change_mode_msgq", "get_msgq_num", "init_sem_val",
-        // shared tables
-        "init_ptrc_hash_tbl", "init_svc_hash_tbl",
+        // shared tables and their index stacks
+        "init_ptrc_hash_tbl", "init_svc_hash_tbl", "svc_hash_push", "svc_hash_pop", "svc_hash_popv", "svc_hash_show",
+        "jcache_hash_push", "jcache_hash_pop",
         // text cutting
         "hcut",
         // data
