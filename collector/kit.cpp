@@ -130,6 +130,12 @@ bool write_file(const std::string& path, const std::string& text) {
     return std::fclose(fp) == 0 && ok;
 }
 
+int create_queue(key_t key) {
+    int id = msgget(key, kCreatePerm);
+    if (id < 0) std::fprintf(stderr, "[kit] msgget (key 0x%x): %s\n", static_cast<unsigned>(key), std::strerror(errno));
+    return id;
+}
+
 int Collector::create_que_info(const char* cfg) {
     key_t key = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", -1));
     void* addr = attach_new_shm(key, sizeof(TRAN_LOGF_QUE_INFO), ids_.que_info_shm, "TRAN_LOGF_QUE_INFO");
@@ -175,11 +181,8 @@ int Collector::create_queues(const char* cfg) {
         return -1;
     }
     for (int i = 0; i < max_que_cnt_; ++i) {
-        ids_.msgq[i] = msgget(base + i, kCreatePerm);
-        if (ids_.msgq[i] < 0) {
-            std::fprintf(stderr, "[kit] msgget #%d: %s\n", i, std::strerror(errno));
-            return -1;
-        }
+        ids_.msgq[i] = create_queue(base + i);
+        if (ids_.msgq[i] < 0) return -1;
     }
     return 0;
 }

@@ -55,6 +55,11 @@ struct ConfigSpec {
 std::string config_text(const ConfigSpec& spec);
 bool write_file(const std::string& path, const std::string& text);
 
+// A new message queue of the kind the collector creates (exclusive, 0666),
+// owned by the caller, who removes it; the id, or -1 with a message on
+// standard error.
+int create_queue(key_t key);
+
 class Collector {
 public:
     Collector() = default;
