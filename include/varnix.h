@@ -107,6 +107,22 @@ VARNIX_API int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS);
 /* ---- Call tracing: BIZCALL and DBIO calls ---- */
 
 /* ---- SQL tracing ---- */
+/*
+ * Inside a DBIO call: mode 0 reports a statement (kept until the call
+ * finishes, at most 5 distinct ones, repeats merged; 0 when kept), mode 1
+ * sends the kept statements that ran at least the SQL limit as SQL text
+ * records (the call finish does this itself); other modes do nothing.
+ * start_tm and end_tm point to struct timeval values, or, when sql_no is
+ * 9999, to int64_t microsecond counts; a null one means now.  sql_text is
+ * NUL-terminated (its length argument is not used); at most 8192 bytes are
+ * kept.  date_str and time_str head the call's SQL records (now when null).
+ */
+VARNIX_API int32_t TRAN_SQL_STMT(int32_t tid, int32_t mode, const char *date_str, int32_t date_str_len,
+                                 const char *time_str, int32_t time_str_len, int32_t sql_no, const void *start_tm,
+                                 const void *end_tm, const char *sql_text, int32_t sql_text_len);
+/* Stores an SQL identifier (200 characters) in the thread's entry for the
+ * collector; no record is sent. */
+VARNIX_API int32_t TRAN_SQL_ID(int32_t tid, const char *sql_id, int32_t sql_id_len);
 
 /* ---- Information records ---- */
 

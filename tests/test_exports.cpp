@@ -38,6 +38,7 @@ TEST(Exports, ExactlyThePublicInterface) {
         // service entries
         // call tracing
         // SQL tracing
+        "TRAN_SQL_STMT", "TRAN_SQL_ID",
         // information records
         // context setters
         // thread-context diagnostics and the container-name helper

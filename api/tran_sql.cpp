@@ -1,0 +1,295 @@
+// SQL tracing.  A DBIO call keeps up to five statement texts in the thread's
+// process-thread entry (consecutive repeats merged into one slot), where the
+// collector can watch them; when the call finishes, every statement slower
+// than the service's SQL limit goes out as one or more 'Q' records.  Those are
+// built in the context's secondary record, so the call record being built in
+// the primary one stays intact.  Only the owning thread writes its slots and
+// its secondary record; the collector only reads the entry.
+#include "api/tran_sql.h"
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "core/encoding_util.h"
+#include "core/gvar.h"
+#include "core/log_printf.h"
+#include "core/status.h"
+#include "record/record.h"
+#include "varnix.h"
+
+namespace varnix {
+namespace {
+
+constexpr char kLogType = 'Q';
+constexpr int kSqlTextMax = 8192;  // bytes of a statement kept in a slot
+constexpr int kTextField = 350;    // piece header and piece, at body offset hdr::kEnd
+constexpr uint32_t kBodyLen = hdr::kEnd + kTextField + 1;
+constexpr int kUsecTimes = 9999;  // sql_no telling that the times are microsecond counts
+constexpr int64_t kUsecPerSec = 1'000'000;
+constexpr int kSidWidth = 200;
+
+// One reported statement.
+struct Stmt {
+    const char* text;
+    int len;  // bytes kept, cut on a character boundary
+    uint16_t no;
+    timeval start, end;
+};
+
+// Length of the UTF-8 sequence that `lead` starts; 0 when it starts none.
+int utf8_seq_len(unsigned char lead) {
+    if (lead < 0x80) return 1;
+    if (lead >= 0xC2 && lead <= 0xDF) return 2;
+    if (lead >= 0xE0 && lead <= 0xEF) return 3;
+    if (lead >= 0xF0 && lead <= 0xF4) return 4;
+    return 0;
+}
+
+// Native servers hand over EUC-KR statements, Java containers UTF-8 ones.
+// A text that reads as well-formed UTF-8 (a sequence cut off by the end of
+// `len` included) is cut by the UTF-8 rule, any other by the EUC-KR rule; for
+// plain ASCII both rules agree.
+int sql_encoding(const char* text, int len) {
+    const auto* s = reinterpret_cast<const unsigned char*>(text);
+    for (int i = 0; i < len;) {
+        const int n = utf8_seq_len(s[i]);
+        if (n == 0) return kEncEucKr;
+        for (int k = 1; k < n && i + k < len; ++k)
+            if ((s[i + k] & 0xC0) != 0x80) return kEncEucKr;
+        i += n;
+    }
+    return kEncUtf8;
+}
+
+// Bytes of `text` to keep: at most kSqlTextMax, ending on a character
+// boundary.  Reads no further than the cut rules look.
+int measure(const char* text) {
+    if (!text) return 0;
+    const int n = static_cast<int>(strnlen(text, kSqlTextMax + 3));
+    int len = hcut(text, n, kSqlTextMax, sql_encoding(text, std::min(n, kSqlTextMax)));
+    if (len < 0) {
+        log_printf("(!) vlen5(%d) error", len);
+        len = 0;
+    }
+    return len;
+}
+
+timeval read_time(const void* p, bool usec_count) {
+    timeval tv{};
+    if (!p) {
+        gettimeofday(&tv, nullptr);
+    } else if (usec_count) {
+        int64_t us;
+        std::memcpy(&us, p, sizeof us);
+        tv.tv_sec = us / kUsecPerSec;
+        tv.tv_usec = us % kUsecPerSec;
+    } else {
+        std::memcpy(&tv, p, sizeof tv);
+    }
+    return tv;
+}
+
+int64_t elapsed_us(const timeval& start, const timeval& end) {
+    return (end.tv_sec - start.tv_sec) * kUsecPerSec + (end.tv_usec - start.tv_usec);
+}
+
+// The call level of the DBIO call that SQL statements belong to, or the status
+// that says why there is none.
+int open_dbio(MTR_CXT_VAR& cxt, const CALL_LVL** out) {
+    if (!cxt.ptrc) return VARNIX_RC_PTRC_FULL;
+    if (!current_svc_level(cxt)) return VARNIX_RC_SVC_DEPTH;
+    const int lvl = cxt.ptrc->trc_lvl;
+    if (lvl < 1 || lvl > VARNIX_CALL_LVL_CNT) return VARNIX_RC_CALL_DEPTH;
+    const CALL_LVL& call = cxt.ptrc->call_lvl[lvl - 1];
+    if (call.call_kind != 'B') return VARNIX_RC_SQL_NO_DBIO;
+    *out = &call;
+    return kOk;
+}
+
+void fill_slot(SQL_SLOT& slot, const CALL_LVL& call, const Stmt& st) {
+    slot.sql_len = static_cast<uint16_t>(st.len);
+    slot.sql_no = st.no;
+    slot.start_tv = st.start;
+    slot.end_tv = st.end;
+    std::memcpy(slot.func_nm, call.func_nm, sizeof slot.func_nm);
+    if (st.len > 0) std::memcpy(slot.sql_text, st.text, static_cast<size_t>(st.len));
+    slot.sql_text[st.len] = '\0';
+    slot.rep_cnt = 1;
+}
+
+bool same_text(const SQL_SLOT& slot, const Stmt& st) {
+    return st.len == 0 || std::memcmp(slot.sql_text, st.text, static_cast<size_t>(st.len)) == 0;
+}
+
+// The record header is written once per DBIO call, with its first statement.
+void write_sql_header(MTR_CXT_VAR& cxt, const SvcLevel& level, Text date_str, Text time_str) {
+    char* body = cxt.log_body2;
+    write_header(cxt, body, kLogType, HeaderArgs{{}, {}, {}, {}, date_str, time_str}, false);
+    set_log_field(level.gid, sizeof level.gid, body + hdr::kGid, sizeof level.gid, 1);
+}
+
+int report(MTR_CXT_VAR& cxt, const CALL_LVL& call, const Stmt& st, Text date_str, Text time_str) {
+    const SvcLevel& level = *current_svc_level(cxt);
+    if (int rc = trace_validate(cxt, kLogType, kTranSqlStmtApi, cxt.log_body2, level.svc_id, sizeof level.svc_id,
+                                nullptr);
+        rc != kOk)
+        return rc;
+    PTRC_HASH& e = *cxt.ptrc;
+    const int cnt = e.sql_rec_cnt;
+    if (cnt <= 0) {
+        write_sql_header(cxt, level, date_str, time_str);
+        fill_slot(e.sql_slot[0], call, st);
+        e.sql_rec_cnt = 1;
+        return kOk;
+    }
+    SQL_SLOT& last = e.sql_slot[std::min(cnt, VARNIX_SQL_SLOT_CNT) - 1];
+    if (last.sql_len == st.len && last.sql_no == st.no) {
+        // The same statement again: one slot spans the repeats.  Another text
+        // of the same number and length is not kept.
+        if (same_text(last, st)) {
+            last.end_tv = st.end;
+            ++last.rep_cnt;
+        }
+        return kOk;
+    }
+    if (cnt >= VARNIX_SQL_SLOT_CNT) return VARNIX_RC_SQL_LIMIT;
+    fill_slot(e.sql_slot[cnt], call, st);
+    e.sql_rec_cnt = cnt + 1;
+    return kOk;
+}
+
+// The function name shows up to its first comma, closed by ')', so that the
+// name adds no field to the comma-separated piece header.
+void cut_at_comma(SQL_SLOT& slot) {
+    slot.func_nm_end = '\0';
+    const size_t n = strnlen(slot.func_nm, sizeof slot.func_nm);
+    auto* comma = static_cast<char*>(std::memchr(slot.func_nm, ',', n));
+    if (!comma) return;
+    *comma = ')';
+    if (comma + 1 < slot.func_nm + sizeof slot.func_nm) comma[1] = '\0';
+}
+
+// Formats the piece header; its length.  The longest header (five numbers, an
+// elapsed time and a 70-byte name) stays far below the buffer, so the text
+// always has room behind it.
+int piece_header(char (&head)[128], const SQL_SLOT& slot, int slot_no, int cnt, int piece) {
+    int h;
+    if (piece == 1) {
+        const int64_t us = elapsed_us(slot.start_tv, slot.end_tv);
+        h = std::snprintf(head, sizeof head, "%d,%d,%d,%u,%ld.%06ld,%d,%.*s,", slot_no, cnt, piece, slot.rep_cnt,
+                          static_cast<long>(us / kUsecPerSec), static_cast<long>(us % kUsecPerSec), slot.sql_no,
+                          static_cast<int>(strnlen(slot.func_nm, sizeof slot.func_nm)), slot.func_nm);
+    } else {
+        h = std::snprintf(head, sizeof head, "%d,%d,%d,", slot_no, cnt, piece);
+    }
+    return std::clamp(h, 0, static_cast<int>(sizeof head) - 1);
+}
+
+// Sends one statement as pieces cut on character boundaries; the last send's
+// result.
+int send_slot(MTR_CXT_VAR& cxt, SQL_SLOT& slot, int slot_no, int cnt) {
+    char* text_field = cxt.log_body2 + hdr::kEnd;
+    const int len = std::min<int>(slot.sql_len, kSqlTextMax);
+    const int enc = sql_encoding(slot.sql_text, len);
+    cut_at_comma(slot);
+    int rc = kOk;
+    for (int offset = 0, piece = 1; offset < len; ++piece) {
+        char head[128];
+        const int h = piece_header(head, slot, slot_no, cnt, piece);
+        const int room = kTextField - h;
+        const int remaining = len - offset;
+        int n = remaining;
+        if (remaining >= room) {
+            n = hcut(slot.sql_text + offset, remaining, room, enc);
+            if (n < 1) {
+                n = room;
+                log_printf("<!> send_len(%d) length error", n);
+            }
+        }
+        std::memcpy(text_field, head, static_cast<size_t>(h));
+        set_log_field(slot.sql_text + offset, n, text_field + h, room, 1);
+        *cxt.log_len2 = kBodyLen;
+        rc = tran_logb(cxt, cxt.log_rec2);
+        offset += n;
+    }
+    return rc;
+}
+
+int send_kept(MTR_CXT_VAR& cxt) {
+    PTRC_HASH& e = *cxt.ptrc;
+    const int cnt = std::clamp(e.sql_rec_cnt, 0, VARNIX_SQL_SLOT_CNT);
+    int rc = kOk;
+    for (int i = 0; i < cnt; ++i) {
+        SQL_SLOT& slot = e.sql_slot[i];
+        if (elapsed_us(slot.start_tv, slot.end_tv) >= e.sql_trc_limit) rc = send_slot(cxt, slot, i + 1, cnt);
+    }
+    return rc;
+}
+
+struct SqlStmtArgs {
+    int32_t mode;
+    Text date_str, time_str;
+    int32_t sql_no;
+    const void* start;
+    const void* end;
+    const char* text;
+};
+
+int tran_sql_stmt(int32_t tid, const SqlStmtArgs& a) {
+    if (int rc = check_gvar(kLogType); rc != kOk) return rc;
+    MTR_CXT_VAR* cxt = nullptr;
+    if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
+    const CALL_LVL* call = nullptr;
+    if (int rc = open_dbio(*cxt, &call); rc != kOk) return rc;
+    switch (a.mode) {
+        case 0: {
+            const bool usec = a.sql_no == kUsecTimes;
+            const Stmt st{a.text, measure(a.text), static_cast<uint16_t>(a.sql_no), read_time(a.start, usec),
+                          read_time(a.end, usec)};
+            return report(*cxt, *call, st, a.date_str, a.time_str);
+        }
+        case 1: return send_kept(*cxt);
+        default: return kOk;
+    }
+}
+
+int tran_sql_id(int32_t tid, Text sql_id) {
+    if (int rc = check_gvar(kLogType); rc != kOk) return rc;
+    MTR_CXT_VAR* cxt = nullptr;
+    if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
+    if (!cxt->ptrc) return VARNIX_RC_PTRC_FULL;
+    // The field's trailing space lands in the entry's reserved bytes after it.
+    char* field = reinterpret_cast<char*>(cxt->ptrc) + offsetof(PTRC_HASH, sql_id);
+    set_log_field(sql_id, field, kSidWidth);
+    return kOk;
+}
+
+}  // namespace
+
+int tran_sql_close(MTR_CXT_VAR& cxt) {
+    if (int rc = check_gvar(kLogType); rc != kOk) return rc;
+    const CALL_LVL* call = nullptr;
+    if (int rc = open_dbio(cxt, &call); rc != kOk) return rc;
+    return send_kept(cxt);
+}
+
+}  // namespace varnix
+
+extern "C" {
+
+int32_t TRAN_SQL_STMT(int32_t tid, int32_t mode, const char* date_str, int32_t date_str_len, const char* time_str,
+                      int32_t time_str_len, int32_t sql_no, const void* start_tm, const void* end_tm,
+                      const char* sql_text, int32_t /*sql_text_len: the text is measured*/) {
+    return varnix::tran_sql_stmt(tid, {mode, {date_str, date_str_len}, {time_str, time_str_len}, sql_no, start_tm,
+                                       end_tm, sql_text});
+}
+
+int32_t TRAN_SQL_ID(int32_t tid, const char* sql_id, int32_t sql_id_len) {
+    return varnix::tran_sql_id(tid, {sql_id, sql_id_len});
+}
+
+}  // extern "C"
