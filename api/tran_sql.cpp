@@ -93,8 +93,12 @@ timeval read_time(const void* p, bool usec_count) {
     return tv;
 }
 
+// The times come from the caller as they are: unsigned arithmetic keeps any
+// pair of them defined.
 int64_t elapsed_us(const timeval& start, const timeval& end) {
-    return (end.tv_sec - start.tv_sec) * kUsecPerSec + (end.tv_usec - start.tv_usec);
+    const auto u = [](int64_t v) { return static_cast<uint64_t>(v); };
+    return static_cast<int64_t>((u(end.tv_sec) - u(start.tv_sec)) * u(kUsecPerSec) +
+                                (u(end.tv_usec) - u(start.tv_usec)));
 }
 
 // The call level of the DBIO call that SQL statements belong to, or the status

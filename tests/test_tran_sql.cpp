@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <set>
@@ -405,10 +406,13 @@ TEST_F(TranSql, TextLengthsAtTheLimitAndBadArguments) {
     EXPECT_EQ(s.sql_no, 70000 & 0xFFFF);
     EXPECT_LT(s.end_tv.tv_sec - s.start_tv.tv_sec, 2);
     EXPECT_GT(s.start_tv.tv_sec, 1'600'000'000);
-    std::vector<TRAN_LOG_MSG> recs = received(close_call(), 2);
+    // Times at the ends of their range wrap around instead of overflowing.
+    EXPECT_EQ(report("W", 3, tv(LONG_MAX, 0), tv(LONG_MIN, 0)), 0);
+    std::vector<TRAN_LOG_MSG> recs = received(close_call(), 3);
     EXPECT_EQ(body_field(recs[0], 175, 22), "202      010203040506 ");
-    EXPECT_EQ(body_field(recs[0], kText, 30), padded("1,2,1,1,0.250000,9999,DBIO_sel", 30));
-    EXPECT_EQ(body_field(recs[1], kText, 8), "2,2,1,1,");
+    EXPECT_EQ(body_field(recs[0], kText, 30), padded("1,3,1,1,0.250000,9999,DBIO_sel", 30));
+    EXPECT_EQ(body_field(recs[1], kText, 8), "2,3,1,1,");
+    EXPECT_EQ(body_field(recs[2], kText, 19), "3,3,1,1,1.000000,3,");
 }
 
 TEST_F(TranSql, SqlIdIsStoredInTheEntryAndNothingIsSent) {
