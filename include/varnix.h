@@ -109,6 +109,20 @@ VARNIX_API int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS);
 /* ---- SQL tracing ---- */
 
 /* ---- Information records ---- */
+/* Free text for the transaction; a missing GID and service id are those of
+ * the service open on the thread.  123 when there is neither a service id nor
+ * an open service. */
+VARNIX_API int32_t TRAN_INFO(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                             int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                             int32_t svc_id_len, const char *pid_str, int32_t pid_str_len, const char *date_str,
+                             int32_t date_str_len, const char *time_str, int32_t time_str_len, const char *msg_text,
+                             int32_t msg_text_len);
+/* The same with a four-character information code before the text. */
+VARNIX_API int32_t TRAN_INFO_EX(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                                int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                                int32_t svc_id_len, const char *pid_str, int32_t pid_str_len, const char *date_str,
+                                int32_t date_str_len, const char *time_str, int32_t time_str_len, const char *info_cd,
+                                int32_t info_cd_len, const char *msg_text, int32_t msg_text_len);
 
 /* ---- Context setters ---- */
 

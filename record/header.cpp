@@ -57,11 +57,11 @@ void put_time_now(char* body) {
               static_cast<long>(tv.tv_usec));
 }
 
-void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a, bool gid_field) {
+void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a) {
     body[hdr::kLogType] = log_type;
     set_log_field(a.cls_cd, body + hdr::kClsCd, 2);
     set_log_field(a.dtl_cd, body + hdr::kDtlCd, 1);
-    if (gid_field) set_log_field(a.gid, body + hdr::kGid, 32);
+    set_log_field(a.gid, body + hdr::kGid, 32);
     if (a.pid_str.p) set_log_field(a.pid_str, body + hdr::kPid, 8);
     put_field(body + hdr::kTid, 15, "%.*lu", 15, static_cast<unsigned long>(cxt.tid % kTidModulus));
     put_field(body + hdr::kIdx, 5, "%.*d", 5, cxt.idx);

@@ -57,9 +57,9 @@ struct HeaderArgs {
     Text cls_cd, dtl_cd, gid, pid_str, date_str, time_str;
 };
 
-// Writes log_type, cls_cd, dtl_cd and gid (when `gid_field` is set; else the
-// caller writes the gid), the pid when given, tid, idx, pidx, date and time.
-void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a, bool gid_field = true);
+// Writes log_type, cls_cd, dtl_cd, gid, the pid when given, tid, idx, pidx,
+// date and time.
+void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a);
 // The local date and time fields of now.
 void put_date_now(char* body);
 void put_time_now(char* body);

@@ -39,6 +39,7 @@ TEST(Exports, ExactlyThePublicInterface) {
         // call tracing
         // SQL tracing
         // information records
+        "TRAN_INFO", "TRAN_INFO_EX",
         // context setters
         // thread-context diagnostics and the container-name helper
         "show_mtr_idx_list", "set_cont_nm",
