@@ -103,6 +103,47 @@ VARNIX_API int32_t TRAN_EVENT(VARNIX_NOTICE_PARAMS);
 VARNIX_API int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS);
 
 /* ---- Service entries: start, end, error, process tracing ---- */
+/* The leading arguments of every service entry: the thread, the record's
+ * codes, the transaction's GID and service id, and optional process id, date
+ * and time texts. */
+#define VARNIX_SERVICE_HEAD_PARAMS                                                                             \
+    int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd, int32_t dtl_cd_len, const char *gid, \
+        int32_t gid_len, const char *svc_id, int32_t svc_id_len, const char *pid_str, int32_t pid_str_len,         \
+        const char *date_str, int32_t date_str_len, const char *time_str, int32_t time_str_len
+/* The first eight columns of the standard telegram. */
+#define VARNIX_TELEGRAM_HEAD_PARAMS                                                                              \
+    const char *tmsg_flag, int32_t tmsg_flag_len, const char *trsc_grco_br, int32_t trsc_grco_br_len,           \
+        const char *chnl_typ_cd, int32_t chnl_typ_cd_len, const char *recv_svc_cd, int32_t recv_svc_cd_len,      \
+        const char *scrn_id, int32_t scrn_id_len, const char *emp_no, int32_t emp_no_len,                        \
+        const char *proc_rslt_dv_cd, int32_t proc_rslt_dv_cd_len, const char *std_tmsg_err_cd,                  \
+        int32_t std_tmsg_err_cd_len
+/* The other fourteen. */
+#define VARNIX_TELEGRAM_TAIL_PARAMS                                                                              \
+    const char *std_tmsg_len, int32_t std_tmsg_len_len, const char *ipv6_adr, int32_t ipv6_adr_len,             \
+        const char *fst_trms_sys_cd, int32_t fst_trms_sys_cd_len, const char *trms_sys_cd, int32_t trms_sys_cd_len, \
+        const char *rqst_rsps_dv_cd, int32_t rqst_rsps_dv_cd_len, const char *trsc_sync_dv_cd,                   \
+        int32_t trsc_sync_dv_cd_len, const char *rslt_recv_svc_cd, int32_t rslt_recv_svc_cd_len,                 \
+        const char *eai_intf_id, int32_t eai_intf_id_len, const char *dsbl_sys_cd, int32_t dsbl_sys_cd_len,      \
+        const char *otsd_inst_cd, int32_t otsd_inst_cd_len, const char *otsd_biz_cd, int32_t otsd_biz_cd_len,    \
+        const char *fst_trms_mdcl_ctt, int32_t fst_trms_mdcl_ctt_len, const char *opt_flag1,                     \
+        int32_t opt_flag1_len, const char *opt_flag2, int32_t opt_flag2_len
+/* The five process-tracing parameters. */
+#define VARNIX_PT_PARAMS                                                                                         \
+    const char *pt_param1, int32_t pt_param1_len, const char *pt_param2, int32_t pt_param2_len,                 \
+        const char *pt_param3, int32_t pt_param3_len, const char *pt_param4, int32_t pt_param4_len,              \
+        const char *pt_param5, int32_t pt_param5_len
+#define VARNIX_SERVICE_PARAMS VARNIX_SERVICE_HEAD_PARAMS, VARNIX_TELEGRAM_HEAD_PARAMS, VARNIX_TELEGRAM_TAIL_PARAMS
+#define VARNIX_PT_SERVICE_PARAMS VARNIX_SERVICE_HEAD_PARAMS, VARNIX_TELEGRAM_HEAD_PARAMS, VARNIX_PT_PARAMS
+
+/* Opens a service level on the thread and sends its start record. */
+VARNIX_API int32_t TRAN_START(VARNIX_SERVICE_PARAMS);
+/* Closes the level opened last; the outermost end carries the elapsed time. */
+VARNIX_API int32_t TRAN_END(VARNIX_SERVICE_PARAMS);
+/* Records that the open service failed; the level stays open. */
+VARNIX_API int32_t TRAN_ERROR(VARNIX_SERVICE_PARAMS);
+/* The same pair for process-tracing services. */
+VARNIX_API int32_t TRAN_PT_START(VARNIX_PT_SERVICE_PARAMS);
+VARNIX_API int32_t TRAN_PT_END(VARNIX_PT_SERVICE_PARAMS);
 
 /* ---- Call tracing: BIZCALL and DBIO calls ---- */
 

@@ -36,6 +36,7 @@ TEST(Exports, ExactlyThePublicInterface) {
         // start, stop and notices
         "TRAN_INIT", "TRAN_DONE", "TRAN_EVENT", "TRAN_ERRINFO",
         // service entries
+        "TRAN_START", "TRAN_END", "TRAN_ERROR", "TRAN_PT_START", "TRAN_PT_END",
         // call tracing
         // SQL tracing
         // information records
