@@ -1,5 +1,7 @@
 #include "api/notice.h"
 
+#include "core/gvar.h"
+#include "core/status.h"
 #include "record/record.h"
 
 namespace varnix {
@@ -10,6 +12,11 @@ constexpr int kRecvSvcCdAt = 202;
 constexpr int kChnlClassAt = 215;
 
 }  // namespace
+
+int record_context(char log_type, int32_t tid, MTR_CXT_VAR*& cxt) {
+    if (int rc = check_gvar(log_type); rc != kOk) return rc;
+    return get_mtr_cxt_var(tid, &cxt);
+}
 
 Text level_gid(const SvcLevel& level) { return {level.gid, sizeof level.gid}; }
 Text level_svc_id(const SvcLevel& level) { return {level.svc_id, sizeof level.svc_id}; }

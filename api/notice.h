@@ -25,6 +25,10 @@ struct NoticeLayout {
     int msg_width;
 };
 
+// The initialization check for `log_type`, then the context of `tid`: 0
+// with `cxt` set, or the status that stops the record.
+int record_context(char log_type, int32_t tid, MTR_CXT_VAR*& cxt);
+
 // Writes the notice into the context's primary record, with `gid` in the GID
 // field, and sends it: the queue, or the dispatch status.
 int send_notice(MTR_CXT_VAR& cxt, const NoticeLayout& layout, const Notice& n, Text gid);

@@ -61,6 +61,10 @@ struct ServiceRecord {
 // Writes the whole body into the context's primary record.
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r);
 
+// The instant of an outermost start or end into `into`: a time preset by
+// TRAN_SET_TIME, used once, else the clock.
+void take_service_time(PTRC_HASH& e, timeval& into);
+
 // Keeps the entry's copy of the depth in step for the collector.
 void set_service_depth(MTR_CXT_VAR& cxt, int depth);
 

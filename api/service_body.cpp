@@ -53,6 +53,15 @@ void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const Service
     *cxt.log_len = static_cast<uint32_t>(kind.body_len);
 }
 
+void take_service_time(PTRC_HASH& e, timeval& into) {
+    if (e.preset_start_tv.tv_sec != 0 || e.preset_start_tv.tv_usec != 0) {
+        into = e.preset_start_tv;
+        e.preset_start_tv = timeval{};
+    } else {
+        gettimeofday(&into, nullptr);
+    }
+}
+
 void set_service_depth(MTR_CXT_VAR& cxt, int depth) {
     cxt.service_depth = static_cast<int8_t>(depth);
     if (cxt.ptrc) cxt.ptrc->service_depth = static_cast<int8_t>(depth);

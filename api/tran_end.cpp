@@ -103,17 +103,6 @@ void report_gid_change(const ServiceArgs& a, const SvcLevel& level) {
     log_printf("(I) EVENT_GLOBAL_ID_CHANGED (GID %.*s) TRAN_EVENT ret = %d", gid.len, gid.p, rc);
 }
 
-// The instant of an outermost end: a time preset by TRAN_SET_TIME since the
-// start, once, else the clock.
-void take_end_time(PTRC_HASH& e) {
-    if (e.preset_start_tv.tv_sec != 0 || e.preset_start_tv.tv_usec != 0) {
-        e.svc_end_tv = e.preset_start_tv;
-        e.preset_start_tv = timeval{};
-    } else {
-        gettimeofday(&e.svc_end_tv, nullptr);
-    }
-}
-
 int64_t micros(const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1'000'000 + tv.tv_usec; }
 
 int complete_snapshot(const MTR_CXT_VAR& cxt, const ServiceArgs& a) {
@@ -141,9 +130,8 @@ int complete_snapshot(const MTR_CXT_VAR& cxt, const ServiceArgs& a) {
 }  // namespace
 
 int service_end(const ServiceKind& kind, const ServiceArgs& a) {
-    if (int rc = check_gvar('2'); rc != kOk) return rc;
     MTR_CXT_VAR* cp = nullptr;
-    if (int rc = get_mtr_cxt_var(a.tid, &cp); rc != kOk) return rc;
+    if (int rc = record_context('2', a.tid, cp); rc != kOk) return rc;
     MTR_CXT_VAR& cxt = *cp;
     if (!depth_in_range(cxt, a)) return VARNIX_RC_SVC_DEPTH;
     const int depth = cxt.service_depth;
@@ -166,7 +154,7 @@ int service_end(const ServiceKind& kind, const ServiceArgs& a) {
 
     ServiceRecord r{'2', level_gid(level), nullptr, 0, 0, depth};
     if (!a.time_str.p && outermost && cxt.log_bit != kEndBit) {
-        take_end_time(e);
+        take_service_time(e, e.svc_end_tv);
         r.at = &e.svc_end_tv;
         r.elapsed_us = micros(e.svc_end_tv) - micros(e.svc_start_tv);
         r.call_us = e.call_elapsed_sum;

@@ -8,9 +8,8 @@
 namespace varnix {
 
 int service_error(const ServiceArgs& a) {
-    if (int rc = check_gvar('9'); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = get_mtr_cxt_var(a.tid, &cxt); rc != kOk) return rc;
+    if (int rc = record_context('9', a.tid, cxt); rc != kOk) return rc;
     const SvcLevel* level = current_svc_level(*cxt);
     if (!level) return VARNIX_RC_SVC_DEPTH;
     if (int rc = trace_validate(*cxt, '9', kTranErrorApi, cxt->log_body, level->svc_id, sizeof level->svc_id, nullptr);

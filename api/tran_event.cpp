@@ -14,9 +14,8 @@ constexpr NoticeLayout kErrinfo{'E', kTranErrinfoApi, 197, true, 220, 350};
 }  // namespace
 
 int tran_event(int32_t tid, const Notice& n) {
-    if (int rc = check_gvar(kEvent.log_type); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
+    if (int rc = record_context(kEvent.log_type, tid, cxt); rc != kOk) return rc;
     if (int rc = trace_validate(*cxt, kEvent.log_type, kEvent.api_type, cxt->log_body, n.svc_id.p, n.svc_id.len,
                                 nullptr);
         rc != kOk)
@@ -25,9 +24,8 @@ int tran_event(int32_t tid, const Notice& n) {
 }
 
 int tran_errinfo(int32_t tid, const Notice& n) {
-    if (int rc = check_gvar(kErrinfo.log_type); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
+    if (int rc = record_context(kErrinfo.log_type, tid, cxt); rc != kOk) return rc;
     const SvcLevel* level = current_svc_level(*cxt);
     if (!level) return VARNIX_RC_SVC_DEPTH;
     Text svc = level_svc_id(*level);

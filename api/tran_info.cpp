@@ -30,9 +30,8 @@ Text gid_or_level(const Notice& n, const SvcLevel* level) {
 }  // namespace
 
 int tran_info(int32_t tid, const Notice& n) {
-    if (int rc = check_gvar(kInfo.log_type); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
+    if (int rc = record_context(kInfo.log_type, tid, cxt); rc != kOk) return rc;
     const SvcLevel* level = current_svc_level(*cxt);
     Text svc = n.svc_id;
     if (!svc.p && level) svc = level_svc_id(*level);
@@ -49,9 +48,8 @@ int tran_info(int32_t tid, const Notice& n) {
 }
 
 int tran_info_ex(int32_t tid, const Notice& n) {
-    if (int rc = check_gvar(kInfoEx.log_type); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
+    if (int rc = record_context(kInfoEx.log_type, tid, cxt); rc != kOk) return rc;
     if (int rc = trace_validate(*cxt, kInfoEx.log_type, kInfoEx.api_type, cxt->log_body, n.svc_id.p, n.svc_id.len,
                                 nullptr);
         rc != kOk)

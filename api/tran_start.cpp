@@ -92,17 +92,6 @@ void check_log_bit(const MTR_CXT_VAR& cxt, const ServiceArgs& a) {
                cxt.svc_stack[0].svc_id, svc.len, svc.p);
 }
 
-// The instant of an outermost start: a time preset by TRAN_SET_TIME, once,
-// else the clock.
-void take_start_time(PTRC_HASH& e) {
-    if (e.preset_start_tv.tv_sec != 0 || e.preset_start_tv.tv_usec != 0) {
-        e.svc_start_tv = e.preset_start_tv;
-        e.preset_start_tv = timeval{};
-    } else {
-        gettimeofday(&e.svc_start_tv, nullptr);
-    }
-}
-
 void begin_outermost(const ServiceKind& kind, MTR_CXT_VAR& cxt) {
     PTRC_HASH& e = *cxt.ptrc;
     const char* b = cxt.log_body;
@@ -165,7 +154,7 @@ int service_start(const ServiceKind& kind, const ServiceArgs& a) {
     if (outermost) {
         check_log_bit(cxt, a);
         cxt.log_bit = 1;
-        if (!a.time_str.p) take_start_time(*cxt.ptrc);
+        if (!a.time_str.p) take_service_time(*cxt.ptrc, cxt.ptrc->svc_start_tv);
     }
     write_service_body(cxt, kind, a,
                        ServiceRecord{'1', a.gid, outermost ? &cxt.ptrc->svc_start_tv : nullptr, 0, 0, cxt.service_depth});
