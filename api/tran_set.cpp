@@ -73,7 +73,7 @@ long seconds_since(time_t since) {
 
 void format_timeout_notice(const PTRC_HASH& e, char (&text)[kNoticeTextSize]) {
     const int svc_w = static_cast<int>(sizeof e.main_svc_id);
-    const CALL_LVL* call = e.trc_lvl > 0 ? innermost_call(e) : nullptr;
+    const CALL_LVL* call = innermost_call(e);
     if (!call) {
         std::snprintf(text, sizeof text, "TPSVCTIMEOUT(tpsvctimeout call)이 감지되었습니다.(경과시간 %ld sec) [%.*s]",
                       seconds_since(e.svc_start_tv.tv_sec), svc_w, e.main_svc_id);
