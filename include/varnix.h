@@ -166,6 +166,32 @@ VARNIX_API int32_t TRAN_INFO_EX(int32_t tid, const char *cls_cd, int32_t cls_cd_
                                 int32_t info_cd_len, const char *msg_text, int32_t msg_text_len);
 
 /* ---- Context setters ---- */
+/* Presets the time of the next outermost service start (or, inside a
+ * service, of its end) to now.  0, or a status of the library state. */
+VARNIX_API int32_t TRAN_SET_TIME(int32_t tid);
+/* -1 when an SQL of elapsed_us microseconds stays below the thread's SQL trace
+ * limit, else 0. */
+VARNIX_API int32_t TRAN_CHECK_SQL_TIME(int32_t tid, int64_t elapsed_us);
+/* The hash of the shared tables over a NUL-terminated text; 0 for NULL.  The
+ * first three arguments are not used. */
+VARNIX_API int32_t TRAN_GET_HASH_CODE(int64_t unused1, int64_t unused2, int32_t unused3, const char *text);
+/* Database status of the current DBIO call (the low 8 bits are kept). */
+VARNIX_API int32_t TRAN_SET_DBIO_STS(int32_t tid, int32_t sts);
+/* SQLCODE and error text of the open DBIO call; an SQL error (anything but 0
+ * and 1403) also raises event 1810.  123 outside a service, 115 when no call
+ * is open; 0 without effect when the innermost open call is a BIZCALL. */
+VARNIX_API int32_t TRAN_SET_SQLCA_INFO(int32_t tid, int64_t sqlcode, const char *errmsg, int16_t line);
+/* Database user and instance (10 characters each) for the process-thread
+ * entries; call it before TRAN_INIT, which takes them over.  NULL keeps a
+ * name.  The tid is not used. */
+VARNIX_API int32_t TRAN_SET_DBCONN_INFO(int32_t tid, const char *db_user, const char *db_sid);
+/* Rows and time (microseconds, 32 bits kept) of one fetch and its source
+ * line; added to the service's fetch sums. */
+VARNIX_API int32_t TRAN_SET_FETCH_INFO(int32_t tid, int32_t rows, int64_t fetch_us, int16_t line);
+/* The transaction monitor declared a service time-out: sends a notice and
+ * stops tracing in the process (every entry that checks the library state
+ * returns 126) until the next initialization. */
+VARNIX_API int32_t TRAN_SET_SVCTIMEOUT(int32_t tid);
 
 /* Writes the thread contexts of one bucket (0..255) to the diagnostic log. */
 VARNIX_API void show_mtr_idx_list(int32_t bucket);
