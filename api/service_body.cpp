@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include "api/service.h"
+#include "core/clock.h"
 #include "record/record.h"
 
 namespace varnix {
@@ -58,7 +59,7 @@ void take_service_time(PTRC_HASH& e, timeval& into) {
         into = e.preset_start_tv;
         e.preset_start_tv = timeval{};
     } else {
-        gettimeofday(&into, nullptr);
+        into = clock_now();
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include <ctime>
 
+#include "core/clock.h"
 #include "core/gvar.h"
 #include "record/record.h"
 
@@ -39,7 +40,7 @@ std::tm local_tm(time_t sec) {
 }
 
 std::tm local_now(timeval& tv) {
-    gettimeofday(&tv, nullptr);
+    tv = clock_now();
     return local_tm(tv.tv_sec);
 }
 
@@ -55,9 +56,7 @@ void put_date_now(char* body) {
 }
 
 void put_time_now(char* body) {
-    timeval tv;
-    gettimeofday(&tv, nullptr);
-    put_time(body, tv);
+    put_time(body, clock_now());
 }
 
 void put_time(char* body, const timeval& tv) {
