@@ -10,6 +10,7 @@
 #include <string>
 
 #include "context/hash.h"
+#include "core/clock.h"
 #include "core/gvar.h"
 #include "support/tracing.h"
 
@@ -277,9 +278,9 @@ TEST_F(TranSet, ServiceTimeoutNoticeThenOnlyTheSettersWork) {
         return padded(text, 350) + " ";
     };
 
-    const time_t before = std::time(nullptr);
+    const time_t before = clock_now().tv_sec;  // the clock the notice reads, finer than time()
     EXPECT_EQ(TRAN_SET_SVCTIMEOUT(-1), 0);
-    const time_t after = std::time(nullptr);
+    const time_t after = clock_now().tv_sec;
     TRAN_LOG_MSG m = received();
     EXPECT_EQ(body_len(m), 548u);
     EXPECT_EQ(body_field(m, 0, 197), header_of('I', m));
@@ -319,9 +320,9 @@ TEST_F(TranSet, ServiceTimeoutOutsideACallCountsFromTheServiceStart) {
     open_service();
     const time_t start = std::time(nullptr) - 5;
     e_->svc_start_tv = timeval{start, 0};
-    const time_t before = std::time(nullptr);
+    const time_t before = clock_now().tv_sec;  // the clock the notice reads, finer than time()
     EXPECT_EQ(TRAN_SET_SVCTIMEOUT(-1), 0);
-    const time_t after = std::time(nullptr);
+    const time_t after = clock_now().tv_sec;
     auto notice = [](long elapsed) {
         return padded("TPSVCTIMEOUT(tpsvctimeout call)이 감지되었습니다.(경과시간 " + std::to_string(elapsed) +
                           " sec) [SETTER-SVC-00016]",
