@@ -38,17 +38,26 @@ int send_notice(MTR_CXT_VAR& cxt, const NoticeKind& kind, const Notice& n, bool 
     return tran_logb(cxt, cxt.log_rec);
 }
 
+int send_event(MTR_CXT_VAR& cxt, const Notice& n) {
+    if (int rc = trace_validate(cxt, kEvent.log_type, kEvent.api_type, cxt.log_body, n.svc_id.p, n.svc_id.len,
+                                nullptr);
+        rc != kOk)
+        return rc;
+    return send_notice(cxt, kEvent, n, true);
+}
+
 }  // namespace
 
 int tran_event(int32_t tid, const Notice& n) {
     if (int rc = check_gvar(kEvent.log_type); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
-    if (int rc = trace_validate(*cxt, kEvent.log_type, kEvent.api_type, cxt->log_body, n.svc_id.p, n.svc_id.len,
-                                nullptr);
-        rc != kOk)
-        return rc;
-    return send_notice(*cxt, kEvent, n, true);
+    return send_event(*cxt, n);
+}
+
+int tran_event(MTR_CXT_VAR& cxt, const Notice& n) {
+    if (int rc = check_gvar(kEvent.log_type); rc != kOk) return rc;
+    return send_event(cxt, n);
 }
 
 int tran_errinfo(int32_t tid, const Notice& n) {
