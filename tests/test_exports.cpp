@@ -37,6 +37,7 @@ TEST(Exports, ExactlyThePublicInterface) {
         "TRAN_INIT", "TRAN_DONE", "TRAN_EVENT", "TRAN_ERRINFO",
         // service entries
         // call tracing
+        "TRAN_CALLINFO_S", "TRAN_CALLINFO_F",
         // SQL tracing
         // information records
         // context setters
