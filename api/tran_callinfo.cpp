@@ -55,11 +55,11 @@ char call_kind(const char* func_nm) {
     return kDbio;
 }
 
-// At most `max` characters of `src`, NUL-terminated; empty for null.
-template <size_t N>
-void keep_name(char (&dst)[N], size_t max, const char* src) {
-    static_assert(N > kNameMax);
-    const size_t n = src ? strnlen(src, max) : 0;
+// At most `Max` characters of `src`, NUL-terminated; empty for null.
+template <size_t Max, size_t N>
+void keep_name(char (&dst)[N], const char* src) {
+    static_assert(Max < N);
+    const size_t n = src ? strnlen(src, Max) : 0;
     std::memcpy(dst, src ? src : "", n);
     dst[n] = '\0';
 }
@@ -137,9 +137,9 @@ int callinfo_start(int32_t tid, const StartArgs& a) {
     if (e.trc_lvl < 0 || e.trc_lvl > kLastLevel) return VARNIX_RC_CALL_DEPTH;
 
     CALL_LVL& lvl = e.call_lvl[e.trc_lvl];
-    keep_name(lvl.func_nm, kNameMax, a.func_nm);
-    keep_name(lvl.module_nm, kNameMax, a.module_nm);
-    keep_name(lvl.source_nm, kSourceMax, a.source_nm);
+    keep_name<kNameMax>(lvl.func_nm, a.func_nm);
+    keep_name<kNameMax>(lvl.module_nm, a.module_nm);
+    keep_name<kSourceMax>(lvl.source_nm, a.source_nm);
     lvl.line_no = a.line_no;
     lvl.call_kind = kind;
     gettimeofday(&lvl.start_tv, nullptr);

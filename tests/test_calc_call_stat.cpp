@@ -105,12 +105,6 @@ TEST_F(CallStatTest, TheCallAfterTheBaseCountSendsEvent1300OnceAndRaisesLimits) 
     quiet_calls("DBIO_loop", 5, VARNIX_RC_DBIO_FAST);
     EXPECT_EQ(collector().drain(), 0);
     EXPECT_EQ(st().biz_cnt + st().dbio_cnt, 106u);
-
-    // The next service counts afresh (the service start zeroes the block).
-    ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
-    e_->call_trc_limit = e_->dbio_trc_limit = 3600000000;
-    quiet_calls("biz_loop", 101, VARNIX_RC_BIZ_FAST);
-    EXPECT_EQ(collector().drain(), 1);
 }
 
 TEST_F(CallStatTest, LimitsRiseWithEventsOffAndUntracedCallsDoNotCount) {
