@@ -55,7 +55,7 @@ void report_excess(MTR_CXT_VAR& cxt, int32_t base_cnt) {
     n.dtl_cd = {dtl_cd, sizeof dtl_cd};
     n.gid = {gid, sizeof gid};
     n.svc_id = {svc_id, sizeof svc_id};
-    n.evt_no = {"1300", 4};
+    n.code = {"1300", 4};
     n.recv_svc_cd = {recv_svc_cd, sizeof recv_svc_cd};
     n.chnl_class = {&chnl_class, 1};
     n.msg_text = {text, -1};

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "api/calc_call_stat.h"
+#include "api/notice.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -287,11 +288,9 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Finis
 
 // Header, GID of the open service and length around the text already in
 // the body; the dispatcher's result.
-int send_call_record(MTR_CXT_VAR& cxt, char kind, const HeaderArgs& h) {
-    char* body = cxt.log_body;
-    write_header(cxt, body, kind, h, false);
-    const SvcLevel& level = *current_svc_level(cxt);
-    set_log_field(level.gid, sizeof level.gid, body + hdr::kGid, sizeof level.gid, 1);
+int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h) {
+    h.gid = level_gid(*current_svc_level(cxt));
+    write_header(cxt, cxt.log_body, kind, h);
     *cxt.log_len = kCallBodyLen;
     return tran_logb(cxt, cxt.log_rec);
 }
