@@ -1,6 +1,6 @@
 // Calls inside a service, for the tests of call tracing and call statistics:
-// a service opened the way the service start leaves it, the two call entries
-// with fixed header arguments, and a reader of the call record's time fields.
+// a service opened by the service start, the two call entries with fixed
+// header arguments, and a reader of the call record's time fields.
 #pragma once
 
 #include <sys/time.h>
@@ -13,6 +13,7 @@
 
 #include "context/mtr_cxt.h"
 #include "record/record.h"
+#include "support/service_calls.h"
 #include "support/tracing.h"
 #include "varnix.h"
 
@@ -22,33 +23,26 @@ namespace varnix::test {
 inline constexpr const char* kFinishDate = "20260102";
 inline constexpr const char* kFinishTime = "030405123456";
 
-// Leaves `cxt` as an outermost service start does, without sending its
-// record: depth 1 in the context and its process-thread entry, log_bit 1
-// (started, not ended), the level-1 GID and service id in both stacks, the
-// entry's main service fields (receiving service "RECV-SVC-01", channel
-// class 'O'), zeroed call statistics, and a start header (cls_cd "ST", dtl_cd
-// "1", the GID) in the primary buffer.  The call levels and the limits are set
-// by the validation of a '1' record, as at a real start: from the control
-// block, or from the service table when filtering is on and the service is
-// listed.  The validation's result (0 when the service is traced).
+// Opens an outermost service on the calling thread with TRAN_START (after a
+// TRAN_END of the service still open there, if any), cls_cd "ST", dtl_cd "1",
+// receiving service "RECV-SVC-01" and channel type "WEB" (channel class 'O').
+// The start's validation sets the call levels and the limits: from the
+// control block, or from the service table when filtering is on and the
+// service is listed.  The service records are drained.  0 when the service is
+// traced, else the start's status.
 inline int open_service(MTR_CXT_VAR& cxt, std::string_view gid, std::string_view svc_id) {
-    PTRC_HASH& e = *cxt.ptrc;
-    const std::string g = padded(gid, 32), s = padded(svc_id, 16), recv = padded("RECV-SVC-01", 12);
-    cxt.service_depth = 1;
-    e.service_depth = 1;
-    std::memcpy(cxt.svc_stack[0].gid, g.data(), 32);
-    std::memcpy(cxt.svc_stack[0].svc_id, s.data(), 16);
-    std::memcpy(e.svc_stack[0].gid, g.data(), 32);
-    std::memcpy(e.svc_stack[0].svc_id, s.data(), 16);
-    std::memcpy(e.main_gid, g.data(), 32);
-    std::memcpy(e.main_svc_id, s.data(), 16);
-    std::memcpy(e.main_recv_svc_cd, recv.data(), 12);
-    e.chnl_class = 'O';
-    cxt.call_stat = CallStat{};
-    write_header(cxt, cxt.log_body, '1', HeaderArgs{{"ST", 2}, {"1", 1}, {g.data(), 32}, {}, {}, {}});
-    const int rc = trace_validate(cxt, '1', kTranStartApi, cxt.log_body, s.data(), 16, nullptr);
-    cxt.log_bit = 1;
-    return rc;
+    ServiceCall s;
+    s.cls_cd = "ST";
+    s.dtl_cd = "1";
+    s.gid = cxt.service_depth > 0 ? std::string(cxt.svc_stack[0].gid, 32) : std::string();
+    s.svc_id = std::string(svc_id);
+    if (cxt.service_depth > 0) call(TRAN_END, s);
+    s.gid = std::string(gid);
+    s.tail[2] = "WEB";
+    s.tail[3] = "RECV-SVC-01";
+    const int rc = call(TRAN_START, s);
+    TestIpc::get().collector().drain();
+    return rc < 99 ? 0 : rc;
 }
 
 inline int call_start(const char* func, const char* module = "start_mod", const char* source = "start.c",
