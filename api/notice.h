@@ -39,6 +39,9 @@ Text level_svc_id(const SvcLevel& level);
 
 // Each returns the queue that carried the record, or the status that stopped it.
 int tran_event(int32_t tid, const Notice& n);
+// The same on a context the caller already holds (the library's own notices
+// about the thread's work).
+int tran_event(MTR_CXT_VAR& cxt, const Notice& n);
 // Takes the GID and service id of the service open on the thread instead of
 // those of `n`; 123 outside a service.
 int tran_errinfo(int32_t tid, const Notice& n);

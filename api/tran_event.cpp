@@ -11,16 +11,25 @@ namespace {
 constexpr NoticeLayout kEvent{'V', kTranEventApi, 197, true, 220, 512};
 constexpr NoticeLayout kErrinfo{'E', kTranErrinfoApi, 197, true, 220, 350};
 
+int send_event(MTR_CXT_VAR& cxt, const Notice& n) {
+    if (int rc = trace_validate(cxt, kEvent.log_type, kEvent.api_type, cxt.log_body, n.svc_id.p, n.svc_id.len,
+                                nullptr);
+        rc != kOk)
+        return rc;
+    return send_notice(cxt, kEvent, n, n.gid);
+}
+
 }  // namespace
 
 int tran_event(int32_t tid, const Notice& n) {
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = record_context(kEvent.log_type, tid, cxt); rc != kOk) return rc;
-    if (int rc = trace_validate(*cxt, kEvent.log_type, kEvent.api_type, cxt->log_body, n.svc_id.p, n.svc_id.len,
-                                nullptr);
-        rc != kOk)
-        return rc;
-    return send_notice(*cxt, kEvent, n, n.gid);
+    return send_event(*cxt, n);
+}
+
+int tran_event(MTR_CXT_VAR& cxt, const Notice& n) {
+    if (int rc = check_gvar(kEvent.log_type); rc != kOk) return rc;
+    return send_event(cxt, n);
 }
 
 int tran_errinfo(int32_t tid, const Notice& n) {

@@ -147,6 +147,32 @@ VARNIX_API int32_t TRAN_PT_END(VARNIX_PT_SERVICE_PARAMS);
 
 /* ---- Call tracing: BIZCALL and DBIO calls ---- */
 
+/*
+ * A business call (BIZCALL) or database call (DBIO: its function name carries
+ * the configured DBIO signature) is bracketed by TRAN_CALLINFO_S and
+ * TRAN_CALLINFO_F, in last-in first-out order on each thread, inside a
+ * service.  The module, source and function names and the kind label are read
+ * as NUL-terminated texts (their lengths are not used); the record-header
+ * pairs of TRAN_CALLINFO_S are not used.  A start option of -1 makes the
+ * finish's return code 99.
+ */
+VARNIX_API int32_t TRAN_CALLINFO_S(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                                   int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                                   int32_t svc_id_len, const char *pid_str, int32_t pid_str_len, const char *date_str,
+                                   int32_t date_str_len, const char *time_str, int32_t time_str_len,
+                                   const char *module_nm, int32_t module_nm_len, const char *source_nm,
+                                   int32_t source_nm_len, int32_t line_no, int32_t start_opt, const char *func_nm);
+/* Closes the innermost open call.  Its record goes out when the call lasted
+ * at least its limit or an error return code forced it: the queue number;
+ * else 110 (BIZCALL) or 111 (DBIO), 109 for a call too deep to be traced. */
+VARNIX_API int32_t TRAN_CALLINFO_F(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                                   int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                                   int32_t svc_id_len, const char *pid_str, int32_t pid_str_len, const char *date_str,
+                                   int32_t date_str_len, const char *time_str, int32_t time_str_len,
+                                   const char *module_nm, int32_t module_nm_len, const char *source_nm,
+                                   int32_t source_nm_len, int32_t line_no, int32_t rc, const char *func_nm,
+                                   int32_t func_nm_len, const char *kind_label, int32_t kind_label_len);
+
 /* ---- SQL tracing ---- */
 
 /* ---- Information records ---- */

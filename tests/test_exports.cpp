@@ -38,6 +38,7 @@ TEST(Exports, ExactlyThePublicInterface) {
         // service entries
         "TRAN_START", "TRAN_END", "TRAN_ERROR", "TRAN_PT_START", "TRAN_PT_END",
         // call tracing
+        "TRAN_CALLINFO_S", "TRAN_CALLINFO_F",
         // SQL tracing
         // information records
         "TRAN_INFO", "TRAN_INFO_EX",
