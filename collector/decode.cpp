@@ -38,14 +38,58 @@ constexpr std::array<FieldSpec, 4> kErrinfo = {{
     {"msg_text", 220, 350},
 }};
 
+constexpr std::array<FieldSpec, 1> kInfo = {{{"msg_text", 197, 350}}};
+constexpr std::array<FieldSpec, 2> kInfoEx = {{{"info_cd", 197, 4}, {"msg_text", 202, 350}}};
+
+#define VARNIX_SERVICE_HEAD_FIELDS                                                                          \
+    {"elapsed_us", 197, 10}, {"call_us", 208, 10}, {"depth", 219, 2}, {"tmsg_flag", 222, 1},               \
+        {"trsc_grco_br", 224, 6}, {"chnl_typ_cd", 231, 3}, {"recv_svc_cd", 235, 12}, {"scrn_id", 248, 9},   \
+        {"emp_no", 258, 7}, {"proc_rslt_dv_cd", 266, 1}, {"std_tmsg_err_cd", 268, 9}
+
+constexpr std::array<FieldSpec, 25> kService = {{
+    VARNIX_SERVICE_HEAD_FIELDS,
+    {"std_tmsg_len", 278, 8},
+    {"ipv6_adr", 287, 39},
+    {"fst_trms_sys_cd", 327, 3},
+    {"trms_sys_cd", 331, 3},
+    {"rqst_rsps_dv_cd", 335, 1},
+    {"trsc_sync_dv_cd", 337, 1},
+    {"rslt_recv_svc_cd", 339, 12},
+    {"eai_intf_id", 352, 16},
+    {"dsbl_sys_cd", 369, 3},
+    {"otsd_inst_cd", 373, 4},
+    {"otsd_biz_cd", 378, 3},
+    {"fst_trms_mdcl_ctt", 382, 39},
+    {"opt_flag1", 422, 1},
+    {"opt_flag2", 424, 1},
+}};
+
+constexpr std::array<FieldSpec, 16> kProcessTraceService = {{
+    VARNIX_SERVICE_HEAD_FIELDS,
+    {"pt_param1", 278, 30},
+    {"pt_param2", 309, 20},
+    {"pt_param3", 330, 20},
+    {"pt_param4", 351, 30},
+    {"pt_param5", 382, 3},
+}};
+
+#undef VARNIX_SERVICE_HEAD_FIELDS
+
+constexpr uint32_t kProcessTraceBody = 386;
+
 }  // namespace
 
 std::span<const FieldSpec> header_fields() { return kHeader; }
 
-std::span<const FieldSpec> body_fields(char log_type) {
+std::span<const FieldSpec> body_fields(char log_type, uint32_t body_len) {
     switch (log_type) {
         case 'V': return kEvent;
         case 'E': return kErrinfo;
+        case 'I': return kInfo;
+        case 'X': return kInfoEx;
+        case '1':
+        case '2':
+        case '9': return body_len == kProcessTraceBody ? std::span<const FieldSpec>(kProcessTraceService) : kService;
         default: return {};
     }
 }
@@ -73,7 +117,7 @@ std::string describe(const TRAN_LOG_MSG& m) {
         }
     };
     add(header_fields());
-    add(body_fields(body_length(m) > 0 ? m.text[sizeof(uint32_t)] : ' '));
+    add(body_fields(body_length(m) > 0 ? m.text[sizeof(uint32_t)] : ' ', body_length(m)));
     return out;
 }
 

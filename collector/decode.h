@@ -18,8 +18,9 @@ struct FieldSpec {
 
 // The common header of every record.
 std::span<const FieldSpec> header_fields();
-// The fields after the header for a record type (empty when not known).
-std::span<const FieldSpec> body_fields(char log_type);
+// The fields after the header for a record type and body length (empty when
+// not known).
+std::span<const FieldSpec> body_fields(char log_type, uint32_t body_len);
 
 // The field's text with trailing spaces removed; empty when the field lies
 // beyond the record's body length.

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/clock.h"
 #include "core/mutex.h"
 
 namespace varnix {
@@ -91,8 +92,7 @@ void check_day() {
 }
 
 const char* get_cur_time(std::span<char, 32> out) {
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
+    const timeval tv = clock_now();
     std::tm tm{};
     localtime_r(&tv.tv_sec, &tm);
     std::strftime(out.data(), out.size(), "%m-%d %T  ", &tm);

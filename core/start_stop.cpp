@@ -67,7 +67,7 @@ void announce_process_start() {
     char text[256];
     std::snprintf(text, sizeof text, "거래추적 대상 프로세스(%s)가 기동되었습니다.", gvar.proc_nm);
     Notice n;
-    n.evt_no = {"1508", -1};
+    n.code = {"1508", -1};
     n.msg_text = {text, -1};
     (void)tran_event(0, n);  // the start does not depend on the collector taking it
     print_logo();

@@ -18,6 +18,7 @@
 #include <ctime>
 #include <span>
 
+#include "core/copy_prefix.h"
 #include "core/encoding_util.h"
 #include "core/gvar.h"
 #include "core/ipc.h"
@@ -61,13 +62,6 @@ bool read_key(const char* section, const char* key, int n, Token& out, bool repo
     if (get_nth_token_in_file_section(cfg_path, section, key, n, out.text) == 1) return true;
     if (report) log_printf("<!> tran_init fail, not found section [%s]", key);
     return false;
-}
-
-template <size_t N>
-void copy_prefix(char (&dst)[N], const char* src, size_t max) {
-    size_t n = strnlen(src, std::min(max, N - 1));
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
 }
 
 void point_at_que_info(TRAN_LOGF_QUE_INFO* q) {

@@ -1,7 +1,8 @@
 // varnix-demo: a collector and a traced process in one program.  The
 // collector creates its IPC objects from a configuration file; the process
 // starts tracing against them, which announces it with event 1508; a worker
-// thread sends an event of its own; the collector decodes what arrived and
+// thread runs a service transaction with a nested, failing service and sends
+// an event of its own; the collector decodes what arrived and
 // shows the threads registered in its process-thread table; then tracing
 // stops and every object is removed.
 #include <pthread.h>
@@ -30,10 +31,29 @@ std::string make_home() {
     return ec ? "" : home;
 }
 
+using ServiceEntry = int32_t (*)(VARNIX_SERVICE_PARAMS);
+
+// A service entry as a server calls it: codes, GID, service id and a few
+// telegram columns; the rest absent.
+int service(ServiceEntry entry, const char* gid, const char* svc_id) {
+    return entry(-1, "DM", -1, "1", -1, gid, -1, svc_id, -1, nullptr, 0, nullptr, 0, nullptr, 0,  //
+                 "Y", -1, "KB0001", -1, "IBK", -1, "ACCT_INQ", -1, nullptr, 0, "E0042", -1, nullptr, 0, nullptr, 0,
+                 nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                 nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0);
+}
+
+// A worker thread runs one transaction: a service that calls a nested one,
+// which fails; then an event of its own.
 void* worker(void* result) {
-    *static_cast<int*>(result) =
-        TRAN_EVENT(-1, "DM", -1, "1", -1, "DEMO-GID-0001", -1, "DEMO_SVC", -1, nullptr, 0, nullptr, 0, nullptr, 0,
-                   "9001", -1, "RECV01", -1, "O", -1, "hello from a worker thread", -1);
+    const char* gid = "20261123-DEMO-000000000000000001";
+    int* rc = static_cast<int*>(result);
+    rc[0] = service(TRAN_START, gid, "ACCT_INQUIRY");
+    rc[1] = service(TRAN_START, gid, "ACCT_BALANCE");
+    rc[2] = service(TRAN_ERROR, gid, "ACCT_BALANCE");
+    rc[3] = service(TRAN_END, gid, "ACCT_BALANCE");
+    rc[4] = service(TRAN_END, gid, "ACCT_INQUIRY");
+    rc[5] = TRAN_EVENT(-1, "DM", -1, "1", -1, gid, -1, "ACCT_INQUIRY", -1, nullptr, 0, nullptr, 0, nullptr, 0, "9001",
+                       -1, "RECV01", -1, "O", -1, "hello from a worker thread", -1);
     return nullptr;
 }
 
@@ -84,10 +104,12 @@ int run(const std::string& home) {
     int rc = TRAN_INIT();
     std::printf("TRAN_INIT() = %d\n", rc);
     if (rc != 0) return 1;
-    int event_rc = -1;
+    int rc_of[6] = {};
     pthread_t th;
-    if (pthread_create(&th, nullptr, worker, &event_rc) != 0 || pthread_join(th, nullptr) != 0) return 1;
-    std::printf("TRAN_EVENT() from a worker thread = %d (the queue that carried it)\n", event_rc);
+    if (pthread_create(&th, nullptr, worker, rc_of) != 0 || pthread_join(th, nullptr) != 0) return 1;
+    std::printf("a worker thread: TRAN_START %d, nested TRAN_START %d, TRAN_ERROR %d, TRAN_END %d, TRAN_END %d, "
+                "TRAN_EVENT %d (each the queue that carried the record)\n",
+                rc_of[0], rc_of[1], rc_of[2], rc_of[3], rc_of[4], rc_of[5]);
     std::printf("TRAN_ERRINFO() outside a service = %d\n",
                 TRAN_ERRINFO(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
                              "1105", -1, nullptr, 0, nullptr, 0, "no service is open", -1));

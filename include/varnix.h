@@ -103,8 +103,75 @@ VARNIX_API int32_t TRAN_EVENT(VARNIX_NOTICE_PARAMS);
 VARNIX_API int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS);
 
 /* ---- Service entries: start, end, error, process tracing ---- */
+/* The leading arguments of every service entry: the thread, the record's
+ * codes, the transaction's GID and service id, and optional process id, date
+ * and time texts. */
+#define VARNIX_SERVICE_HEAD_PARAMS                                                                             \
+    int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd, int32_t dtl_cd_len, const char *gid, \
+        int32_t gid_len, const char *svc_id, int32_t svc_id_len, const char *pid_str, int32_t pid_str_len,         \
+        const char *date_str, int32_t date_str_len, const char *time_str, int32_t time_str_len
+/* The first eight columns of the standard telegram. */
+#define VARNIX_TELEGRAM_HEAD_PARAMS                                                                              \
+    const char *tmsg_flag, int32_t tmsg_flag_len, const char *trsc_grco_br, int32_t trsc_grco_br_len,           \
+        const char *chnl_typ_cd, int32_t chnl_typ_cd_len, const char *recv_svc_cd, int32_t recv_svc_cd_len,      \
+        const char *scrn_id, int32_t scrn_id_len, const char *emp_no, int32_t emp_no_len,                        \
+        const char *proc_rslt_dv_cd, int32_t proc_rslt_dv_cd_len, const char *std_tmsg_err_cd,                  \
+        int32_t std_tmsg_err_cd_len
+/* The other fourteen. */
+#define VARNIX_TELEGRAM_TAIL_PARAMS                                                                              \
+    const char *std_tmsg_len, int32_t std_tmsg_len_len, const char *ipv6_adr, int32_t ipv6_adr_len,             \
+        const char *fst_trms_sys_cd, int32_t fst_trms_sys_cd_len, const char *trms_sys_cd, int32_t trms_sys_cd_len, \
+        const char *rqst_rsps_dv_cd, int32_t rqst_rsps_dv_cd_len, const char *trsc_sync_dv_cd,                   \
+        int32_t trsc_sync_dv_cd_len, const char *rslt_recv_svc_cd, int32_t rslt_recv_svc_cd_len,                 \
+        const char *eai_intf_id, int32_t eai_intf_id_len, const char *dsbl_sys_cd, int32_t dsbl_sys_cd_len,      \
+        const char *otsd_inst_cd, int32_t otsd_inst_cd_len, const char *otsd_biz_cd, int32_t otsd_biz_cd_len,    \
+        const char *fst_trms_mdcl_ctt, int32_t fst_trms_mdcl_ctt_len, const char *opt_flag1,                     \
+        int32_t opt_flag1_len, const char *opt_flag2, int32_t opt_flag2_len
+/* The five process-tracing parameters. */
+#define VARNIX_PT_PARAMS                                                                                         \
+    const char *pt_param1, int32_t pt_param1_len, const char *pt_param2, int32_t pt_param2_len,                 \
+        const char *pt_param3, int32_t pt_param3_len, const char *pt_param4, int32_t pt_param4_len,              \
+        const char *pt_param5, int32_t pt_param5_len
+#define VARNIX_SERVICE_PARAMS VARNIX_SERVICE_HEAD_PARAMS, VARNIX_TELEGRAM_HEAD_PARAMS, VARNIX_TELEGRAM_TAIL_PARAMS
+#define VARNIX_PT_SERVICE_PARAMS VARNIX_SERVICE_HEAD_PARAMS, VARNIX_TELEGRAM_HEAD_PARAMS, VARNIX_PT_PARAMS
+
+/* Opens a service level on the thread and sends its start record. */
+VARNIX_API int32_t TRAN_START(VARNIX_SERVICE_PARAMS);
+/* Closes the level opened last; the outermost end carries the elapsed time. */
+VARNIX_API int32_t TRAN_END(VARNIX_SERVICE_PARAMS);
+/* Records that the open service failed; the level stays open. */
+VARNIX_API int32_t TRAN_ERROR(VARNIX_SERVICE_PARAMS);
+/* The same pair for process-tracing services. */
+VARNIX_API int32_t TRAN_PT_START(VARNIX_PT_SERVICE_PARAMS);
+VARNIX_API int32_t TRAN_PT_END(VARNIX_PT_SERVICE_PARAMS);
 
 /* ---- Call tracing: BIZCALL and DBIO calls ---- */
+
+/*
+ * A business call (BIZCALL) or database call (DBIO: its function name carries
+ * the configured DBIO signature) is bracketed by TRAN_CALLINFO_S and
+ * TRAN_CALLINFO_F, in last-in first-out order on each thread, inside a
+ * service.  The module, source and function names and the kind label are read
+ * as NUL-terminated texts (their lengths are not used); the record-header
+ * pairs of TRAN_CALLINFO_S are not used.  A start option of -1 makes the
+ * finish's return code 99.
+ */
+VARNIX_API int32_t TRAN_CALLINFO_S(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                                   int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                                   int32_t svc_id_len, const char *pid_str, int32_t pid_str_len, const char *date_str,
+                                   int32_t date_str_len, const char *time_str, int32_t time_str_len,
+                                   const char *module_nm, int32_t module_nm_len, const char *source_nm,
+                                   int32_t source_nm_len, int32_t line_no, int32_t start_opt, const char *func_nm);
+/* Closes the innermost open call.  Its record goes out when the call lasted
+ * at least its limit or an error return code forced it: the queue number;
+ * else 110 (BIZCALL) or 111 (DBIO), 109 for a call too deep to be traced. */
+VARNIX_API int32_t TRAN_CALLINFO_F(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                                   int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                                   int32_t svc_id_len, const char *pid_str, int32_t pid_str_len, const char *date_str,
+                                   int32_t date_str_len, const char *time_str, int32_t time_str_len,
+                                   const char *module_nm, int32_t module_nm_len, const char *source_nm,
+                                   int32_t source_nm_len, int32_t line_no, int32_t rc, const char *func_nm,
+                                   int32_t func_nm_len, const char *kind_label, int32_t kind_label_len);
 
 /* ---- SQL tracing ---- */
 /*
@@ -125,8 +192,48 @@ VARNIX_API int32_t TRAN_SQL_STMT(int32_t tid, int32_t mode, const char *date_str
 VARNIX_API int32_t TRAN_SQL_ID(int32_t tid, const char *sql_id, int32_t sql_id_len);
 
 /* ---- Information records ---- */
+/* Free text for the transaction; a missing GID and service id are those of
+ * the service open on the thread.  123 when there is neither a service id nor
+ * an open service. */
+VARNIX_API int32_t TRAN_INFO(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                             int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                             int32_t svc_id_len, const char *pid_str, int32_t pid_str_len, const char *date_str,
+                             int32_t date_str_len, const char *time_str, int32_t time_str_len, const char *msg_text,
+                             int32_t msg_text_len);
+/* The same with a four-character information code before the text. */
+VARNIX_API int32_t TRAN_INFO_EX(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                                int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                                int32_t svc_id_len, const char *pid_str, int32_t pid_str_len, const char *date_str,
+                                int32_t date_str_len, const char *time_str, int32_t time_str_len, const char *info_cd,
+                                int32_t info_cd_len, const char *msg_text, int32_t msg_text_len);
 
 /* ---- Context setters ---- */
+/* Presets the time of the next outermost service start (or, inside a
+ * service, of its end) to now.  0, or a status of the library state. */
+VARNIX_API int32_t TRAN_SET_TIME(int32_t tid);
+/* -1 when an SQL of elapsed_us microseconds stays below the thread's SQL trace
+ * limit, else 0. */
+VARNIX_API int32_t TRAN_CHECK_SQL_TIME(int32_t tid, int64_t elapsed_us);
+/* The hash of the shared tables over a NUL-terminated text; 0 for NULL.  The
+ * first three arguments are not used. */
+VARNIX_API int32_t TRAN_GET_HASH_CODE(int64_t unused1, int64_t unused2, int32_t unused3, const char *text);
+/* Database status of the current DBIO call (the low 8 bits are kept). */
+VARNIX_API int32_t TRAN_SET_DBIO_STS(int32_t tid, int32_t sts);
+/* SQLCODE and error text of the open DBIO call; an SQL error (anything but 0
+ * and 1403) also raises event 1810.  123 outside a service, 115 when no call
+ * is open; 0 without effect when the innermost open call is a BIZCALL. */
+VARNIX_API int32_t TRAN_SET_SQLCA_INFO(int32_t tid, int64_t sqlcode, const char *errmsg, int16_t line);
+/* Database user and instance (10 characters each) for the process-thread
+ * entries; call it before TRAN_INIT, which takes them over.  NULL keeps a
+ * name.  The tid is not used. */
+VARNIX_API int32_t TRAN_SET_DBCONN_INFO(int32_t tid, const char *db_user, const char *db_sid);
+/* Rows and time (microseconds, 32 bits kept) of one fetch and its source
+ * line; added to the service's fetch sums. */
+VARNIX_API int32_t TRAN_SET_FETCH_INFO(int32_t tid, int32_t rows, int64_t fetch_us, int16_t line);
+/* The transaction monitor declared a service time-out: sends a notice and
+ * stops tracing in the process (every entry that checks the library state
+ * returns 126) until the next initialization. */
+VARNIX_API int32_t TRAN_SET_SVCTIMEOUT(int32_t tid);
 
 /* Writes the thread contexts of one bucket (0..255) to the diagnostic log. */
 VARNIX_API void show_mtr_idx_list(int32_t bucket);

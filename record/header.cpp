@@ -3,6 +3,7 @@
 
 #include <ctime>
 
+#include "core/clock.h"
 #include "core/gvar.h"
 #include "record/record.h"
 
@@ -26,17 +27,21 @@ struct LocalClock {
 };
 thread_local LocalClock local_clock;
 
-std::tm local_now(timeval& tv) {
-    gettimeofday(&tv, nullptr);
+std::tm local_tm(time_t sec) {
     LocalClock& c = local_clock;
-    if (c.minute_start < 0 || tv.tv_sec < c.minute_start || tv.tv_sec >= c.minute_start + 60) {
-        localtime_r(&tv.tv_sec, &c.minute);
-        c.minute_start = tv.tv_sec - c.minute.tm_sec;
+    if (c.minute_start < 0 || sec < c.minute_start || sec >= c.minute_start + 60) {
+        localtime_r(&sec, &c.minute);
+        c.minute_start = sec - c.minute.tm_sec;
         c.minute.tm_sec = 0;
     }
     std::tm tm = c.minute;
-    tm.tm_sec = static_cast<int>(tv.tv_sec - c.minute_start);
+    tm.tm_sec = static_cast<int>(sec - c.minute_start);
     return tm;
+}
+
+std::tm local_now(timeval& tv) {
+    tv = clock_now();
+    return local_tm(tv.tv_sec);
 }
 
 // Thread ids wider than the field keep their low digits, which tell threads apart.
@@ -51,17 +56,20 @@ void put_date_now(char* body) {
 }
 
 void put_time_now(char* body) {
-    timeval tv;
-    std::tm tm = local_now(tv);
+    put_time(body, clock_now());
+}
+
+void put_time(char* body, const timeval& tv) {
+    std::tm tm = local_tm(tv.tv_sec);
     put_field(body + hdr::kTime, 12, "%02d%02d%02d%06ld", tm.tm_hour, tm.tm_min, tm.tm_sec,
               static_cast<long>(tv.tv_usec));
 }
 
-void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a, bool gid_field) {
+void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a) {
     body[hdr::kLogType] = log_type;
     set_log_field(a.cls_cd, body + hdr::kClsCd, 2);
     set_log_field(a.dtl_cd, body + hdr::kDtlCd, 1);
-    if (gid_field) set_log_field(a.gid, body + hdr::kGid, 32);
+    set_log_field(a.gid, body + hdr::kGid, 32);
     if (a.pid_str.p) set_log_field(a.pid_str, body + hdr::kPid, 8);
     put_field(body + hdr::kTid, 15, "%.*lu", 15, static_cast<unsigned long>(cxt.tid % kTidModulus));
     put_field(body + hdr::kIdx, 5, "%.*d", 5, cxt.idx);
@@ -69,6 +77,7 @@ void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const Heade
     if (a.date_str.p) set_log_field(a.date_str, body + hdr::kDate, 8);
     else put_date_now(body);
     if (a.time_str.p) set_log_field(a.time_str, body + hdr::kTime, 12);
+    else if (a.at) put_time(body, *a.at);
     else put_time_now(body);
 }
 

@@ -2,6 +2,8 @@
 // against the thread's state, and dispatch to a collector queue.
 #pragma once
 
+#include <sys/time.h>
+
 #include <cstdint>
 
 #include "context/mtr_cxt.h"
@@ -52,17 +54,20 @@ enum ApiType : char {
 };
 extern const char* const api_type_nm[20];
 
-// The caller's header arguments (each blank when its pointer is null).
+// The caller's header arguments (each blank when its pointer is null).  The
+// time field is `time_str` when given, else the instant `at`, else now.
 struct HeaderArgs {
     Text cls_cd, dtl_cd, gid, pid_str, date_str, time_str;
+    const timeval* at = nullptr;
 };
 
-// Writes log_type, cls_cd, dtl_cd and gid (when `gid_field` is set; else the
-// caller writes the gid), the pid when given, tid, idx, pidx, date and time.
-void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a, bool gid_field = true);
-// The local date and time fields of now.
+// Writes log_type, cls_cd, dtl_cd, gid, the pid when given, tid, idx, pidx,
+// date and time.
+void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a);
+// The local date and time fields of now, and the time field of an instant.
 void put_date_now(char* body);
 void put_time_now(char* body);
+void put_time(char* body, const timeval& tv);
 
 // 0 to go on and send, else the status the API returns without sending.
 int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, const char* svc_nm, int svc_len,

@@ -36,11 +36,16 @@ TEST(Exports, ExactlyThePublicInterface) {
         // start, stop and notices
         "TRAN_INIT", "TRAN_DONE", "TRAN_EVENT", "TRAN_ERRINFO",
         // service entries
+        "TRAN_START", "TRAN_END", "TRAN_ERROR", "TRAN_PT_START", "TRAN_PT_END",
         // call tracing
+        "TRAN_CALLINFO_S", "TRAN_CALLINFO_F",
         // SQL tracing
         "TRAN_SQL_STMT", "TRAN_SQL_ID",
         // information records
+        "TRAN_INFO", "TRAN_INFO_EX",
         // context setters
+        "TRAN_SET_TIME", "TRAN_CHECK_SQL_TIME", "TRAN_GET_HASH_CODE", "TRAN_SET_DBIO_STS", "TRAN_SET_SQLCA_INFO",
+        "TRAN_SET_DBCONN_INFO", "TRAN_SET_FETCH_INFO", "TRAN_SET_SVCTIMEOUT",
         // thread-context diagnostics and the container-name helper
         "show_mtr_idx_list", "set_cont_nm",
         // configuration encoders and the change check

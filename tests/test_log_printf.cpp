@@ -1,3 +1,4 @@
+#include "core/clock.h"
 #include "core/log_printf.h"
 
 #include <sys/stat.h>
@@ -59,11 +60,13 @@ std::string line_at(std::time_t t, const std::string& msg) {
 
 // Calls log_printf and checks the one line it appended to `path`, whose time
 // stamp is that of the second before or after the call.
+// The seconds are read as log_printf reads them: time() runs on a coarser
+// clock that can lag a second boundary by a tick.
 void expect_logged(const std::string& path, const std::string& msg) {
     size_t before_size = read_file(path).size();
-    std::time_t before = std::time(nullptr);
+    std::time_t before = clock_now().tv_sec;
     int rc = log_printf("%s", msg.c_str());
-    std::time_t after = std::time(nullptr);
+    std::time_t after = clock_now().tv_sec;
     std::string added = read_file(path).substr(before_size);
     std::string expected = added == line_at(after, msg) ? line_at(after, msg) : line_at(before, msg);
     EXPECT_EQ(added, expected);

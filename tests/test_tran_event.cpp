@@ -19,8 +19,8 @@ using Entry = int32_t (*)(VARNIX_NOTICE_PARAMS);
 
 int32_t send(Entry entry, int32_t tid, const Notice& n) {
     return entry(tid, n.cls_cd.p, n.cls_cd.len, n.dtl_cd.p, n.dtl_cd.len, n.gid.p, n.gid.len, n.svc_id.p, n.svc_id.len,
-                 n.pid_str.p, n.pid_str.len, n.date_str.p, n.date_str.len, n.time_str.p, n.time_str.len, n.evt_no.p,
-                 n.evt_no.len, n.recv_svc_cd.p, n.recv_svc_cd.len, n.chnl_class.p, n.chnl_class.len, n.msg_text.p,
+                 n.pid_str.p, n.pid_str.len, n.date_str.p, n.date_str.len, n.time_str.p, n.time_str.len, n.code.p,
+                 n.code.len, n.recv_svc_cd.p, n.recv_svc_cd.len, n.chnl_class.p, n.chnl_class.len, n.msg_text.p,
                  n.msg_text.len);
 }
 
@@ -61,7 +61,7 @@ TEST_F(TranEvent, FieldsAreCutPaddedOrBlankAndPidSticks) {
     n.pid_str = {"12345678", -1};
     n.date_str = {"20260102", -1};
     n.time_str = {"030405123456", -1};
-    n.evt_no = {"1300", -1};
+    n.code = {"1300", -1};
     n.recv_svc_cd = {"RECV", -1};
     n.chnl_class = {"C", -1};
     n.msg_text = {text.c_str(), -1};
@@ -129,7 +129,7 @@ TEST_F(TranEvent, SwitchedOffClassesAreNotSent) {
 TEST_F(TranEvent, ErrinfoReportsTheOpenServiceLevel) {
     Notice n = event_with_gid("IGNORED-GID");
     n.svc_id = {"IGNORED", -1};
-    n.evt_no = {"1105", -1};
+    n.code = {"1105", -1};
     n.recv_svc_cd = {"RCV", -1};
     n.chnl_class = {"O", -1};
     const std::string text(400, 'e');

@@ -1,0 +1,37 @@
+#include "api/notice.h"
+
+#include "core/gvar.h"
+#include "core/status.h"
+#include "record/record.h"
+
+namespace varnix {
+namespace {
+
+constexpr int kCodeWidth = 4;
+constexpr int kRecvSvcCdAt = 202;
+constexpr int kChnlClassAt = 215;
+
+}  // namespace
+
+int record_context(char log_type, int32_t tid, MTR_CXT_VAR*& cxt) {
+    if (int rc = check_gvar(log_type); rc != kOk) return rc;
+    return get_mtr_cxt_var(tid, &cxt);
+}
+
+Text level_gid(const SvcLevel& level) { return {level.gid, sizeof level.gid}; }
+Text level_svc_id(const SvcLevel& level) { return {level.svc_id, sizeof level.svc_id}; }
+
+int send_notice(MTR_CXT_VAR& cxt, const NoticeLayout& layout, const Notice& n, Text gid) {
+    char* b = cxt.log_body;
+    write_header(cxt, b, layout.log_type, HeaderArgs{n.cls_cd, n.dtl_cd, gid, n.pid_str, n.date_str, n.time_str});
+    if (layout.code_at >= 0) set_log_field(n.code, b + layout.code_at, kCodeWidth);
+    if (layout.has_receiver) {
+        set_log_field(n.recv_svc_cd, b + kRecvSvcCdAt, 12);
+        set_log_field(n.chnl_class, b + kChnlClassAt, 4);
+    }
+    set_log_field(n.msg_text, b + layout.msg_at, layout.msg_width);
+    *cxt.log_len = static_cast<uint32_t>(layout.msg_at + layout.msg_width + 1);
+    return tran_logb(cxt, cxt.log_rec);
+}
+
+}  // namespace varnix

@@ -1,0 +1,82 @@
+#include <cstring>
+
+#include "api/service.h"
+#include "core/clock.h"
+#include "record/record.h"
+
+namespace varnix {
+namespace {
+
+constexpr int kElapsedAt = 197;
+constexpr int kCallAt = 208;
+constexpr int kDepthAt = 219;
+
+constexpr FieldPos kTelegramTail[] = {
+    {222, 1},  {224, 6}, {231, 3}, {235, 12}, {248, 9}, {258, 7},  {266, 1}, {268, 9},  {278, 8}, {287, 39}, {327, 3},
+    {331, 3},  {335, 1}, {337, 1}, {339, 12}, {352, 16}, {369, 3}, {373, 4}, {378, 3}, {382, 39}, {422, 1}, {424, 1},
+};
+constexpr FieldPos kProcessTraceTail[] = {
+    {222, 1}, {224, 6}, {231, 3}, {235, 12}, {248, 9}, {258, 7}, {266, 1}, {268, 9},
+    {278, 30}, {309, 20}, {330, 20}, {351, 30}, {382, 3},
+};
+
+// Every tail ends with its last column and the closing blank.
+constexpr int end_of(std::span<const FieldPos> tail) { return tail.back().offset + tail.back().width + 1; }
+static_assert(end_of(kTelegramTail) == 426 && end_of(kProcessTraceTail) == 386);
+
+}  // namespace
+
+const ServiceKind kStandardService{
+    "TRAN_START", kTranStartApi, kTranEndApi, kTelegramTail, end_of(kTelegramTail), true, true, true,
+    "<!> START - service depth init (%d)->(0) GID-PID-TID |%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s) svc_depth_elapsed %d "
+    "sec (base %d sec)",
+    "처리 모듈(함수)통계 [ 총 호출 %d 건 ] [ Max Depth %d ] [ BIZCALL(Method) %d건 (전체 Avg/Max %6.2f/%d ms, 개별 "
+    "Max %d ms) ], [ DBIO %d건 (Avg/Max %6.2f/%d ms) fetch %d rows (%ld.%ld ms), (DBConn %s/%s) ]",
+};
+
+const ServiceKind kProcessTraceService{
+    "TRAN_PT_START", kTranPtStartApi, kTranPtEndApi, kProcessTraceTail, end_of(kProcessTraceTail), false, false,
+    false,
+    "<!> START - service depth init (%d)->(0) GID-PID-TID|%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s), svc_depth_elapsed %d "
+    "sec (base %d sec)",
+    "처리 모듈(함수)통계 [ 총 호출 %d 건 ] [ Max Depth %d ] [ BIZCALL(Method) %d건 (전체 Avg/Max %6.2f/%d ms, 개별 "
+    "Max %d ms) ], [ DBIO %d건 (Avg/Max %6.2f/%d ms) ]",
+};
+
+void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r) {
+    char* b = cxt.log_body;
+    write_header(cxt, b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str, r.at});
+    put_field(b + kElapsedAt, 10, "%010ld", static_cast<long>(r.elapsed_us));
+    put_field(b + kCallAt, 10, "%010ld", static_cast<long>(r.call_us));
+    put_field(b + kDepthAt, 2, "%0*d", 2, r.depth);
+    for (size_t i = 0; i < kind.tail.size(); ++i)
+        set_log_field(tail_at(a, i), b + kind.tail[i].offset, kind.tail[i].width);
+    *cxt.log_len = static_cast<uint32_t>(kind.body_len);
+}
+
+void take_service_time(PTRC_HASH& e, timeval& into) {
+    if (e.preset_start_tv.tv_sec != 0 || e.preset_start_tv.tv_usec != 0) {
+        into = e.preset_start_tv;
+        e.preset_start_tv = timeval{};
+    } else {
+        into = clock_now();
+    }
+}
+
+void set_service_depth(MTR_CXT_VAR& cxt, int depth) {
+    cxt.service_depth = static_cast<int8_t>(depth);
+    if (cxt.ptrc) cxt.ptrc->service_depth = static_cast<int8_t>(depth);
+}
+
+Printable printable(Text t, int cap) {
+    if (!t.p) return {4, "null"};
+    return {t.len >= 0 ? t.len : static_cast<int>(strnlen(t.p, static_cast<size_t>(cap))), t.p};
+}
+
+Printable printable_max(Text t, int cap, int max) {
+    Printable p = printable(t, cap);
+    if (p.len > max) p.len = max;
+    return p;
+}
+
+}  // namespace varnix

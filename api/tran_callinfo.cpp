@@ -1,0 +1,372 @@
+// Call tracing: the start and finish of business calls (BIZCALL) and database
+// calls (DBIO).  The stack of open calls lives in the thread's process-thread
+// entry, where the collector watches it; only the owning thread's own starts
+// and finishes change it, without a lock, so they must not overlap.
+//
+// Level i of the stack holds the i-th open traced call; the calls made by the
+// call at level i add their times into level i + 1, which the finish of level
+// i consumes and clears.  `last_fin_lvl` tells a finish whether the level
+// below holds children of its call (the previous finish was deeper) or not.
+#include <sys/time.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "api/calc_call_stat.h"
+#include "api/notice.h"
+#include "core/gvar.h"
+#include "core/log_printf.h"
+#include "core/status.h"
+#include "record/record.h"
+#include "varnix.h"
+
+namespace varnix {
+
+// Sends the SQL texts kept for the DBIO call finishing on `cxt` and returns the
+// last dispatch result (0 when nothing was sent).  The SQL tracer provides it;
+// without one, kept texts are only dropped.
+__attribute__((weak)) int tran_sql_stmt_close(MTR_CXT_VAR&) { return kOk; }
+
+namespace {
+
+constexpr char kDbio = 'B';
+constexpr char kBizcall = 'C';
+constexpr int kLastLevel = VARNIX_CALL_LVL_CNT - 1;
+constexpr int kTextWidth = 350;
+constexpr uint32_t kCallBodyLen = hdr::kEnd + kTextWidth + 1;
+constexpr int kSignatureCompared = 7;
+constexpr size_t kNameMax = 70;
+constexpr size_t kSourceMax = 100;
+
+// DBIO when the function name carries the configured signature: each of the
+// pattern's first characters is NUL or equals the name's character at the
+// configured position onwards.
+char call_kind(const char* func_nm) {
+    // The signature is configuration, published together with init_mark.
+    if (!func_nm || gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return kBizcall;
+    const int32_t pos = gvar.dbio_func_no;
+    if (pos < 0) return kBizcall;
+    const size_t len = strnlen(func_nm, static_cast<size_t>(pos) + kSignatureCompared);
+    for (int i = 0; i < kSignatureCompared; ++i) {
+        const char want = gvar.dbio_func_nm[i];
+        const size_t at = static_cast<size_t>(pos) + static_cast<size_t>(i);
+        if (want != '\0' && (at >= len || func_nm[at] != want)) return kBizcall;
+    }
+    return kDbio;
+}
+
+// At most `Max` characters of `src`, NUL-terminated; empty for null.
+template <size_t Max, size_t N>
+void keep_name(char (&dst)[N], const char* src) {
+    static_assert(Max < N);
+    const size_t n = src ? strnlen(src, Max) : 0;
+    std::memcpy(dst, src ? src : "", n);
+    dst[n] = '\0';
+}
+
+// A NUL-terminated copy of a name field of shared memory.
+template <size_t N>
+struct Name {
+    char s[N + 1];
+    explicit Name(const char (&field)[N]) {
+        const size_t n = strnlen(field, N);
+        std::memcpy(s, field, n);
+        s[n] = '\0';
+    }
+};
+
+int64_t usec_of(const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec; }
+
+// The kind's checks shared by start and finish: an open service, then the
+// validation of the record, which writes its service id.
+int validate_call(MTR_CXT_VAR& cxt, char kind, char api_type) {
+    const SvcLevel* level = current_svc_level(cxt);
+    if (!level) return VARNIX_RC_SVC_DEPTH;
+    return trace_validate(cxt, kind, api_type, cxt.log_body, level->svc_id, sizeof level->svc_id, nullptr);
+}
+
+// The context of `tid` with its entry, after the library and record checks.
+int resolve(int32_t tid, char kind, MTR_CXT_VAR** out) {
+    if (int rc = check_gvar(kind); rc != kOk) return rc;
+    if (int rc = get_mtr_cxt_var(tid, out); rc != kOk) return rc;
+    return (*out)->ptrc ? kOk : VARNIX_RC_PTRC_FULL;
+}
+
+// Refuses a DBIO call inside an open DBIO call.
+int check_nesting(const PTRC_HASH& e, char kind, const char* name) {
+    if (kind != kDbio || e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) return kOk;
+    const CALL_LVL& open = e.call_lvl[e.trc_lvl - 1];
+    if (open.call_kind != kDbio) return kOk;
+    log_printf("<!> log_type error, DBIO_TYPE {%d-%s} can't call in DBIO_TYPE {%d-%s}.", e.total_call_cnt, name,
+               open.call_seq, Name(open.func_nm).s);
+    return VARNIX_RC_DBIO_IN_DBIO;
+}
+
+struct StartArgs {
+    const char* module_nm;
+    const char* source_nm;
+    int32_t line_no;
+    int32_t start_opt;
+    const char* func_nm;
+};
+
+int callinfo_start(int32_t tid, const StartArgs& a) {
+    const char kind = call_kind(a.func_nm);
+    MTR_CXT_VAR* cxt = nullptr;
+    if (int rc = resolve(tid, kind, &cxt); rc != kOk) return rc;
+    PTRC_HASH& e = *cxt->ptrc;
+    e.dbio_sts = kind == kDbio ? 1 : 0;
+    if (int rc = validate_call(*cxt, kind, kTranCallinfoSApi); rc != kOk) return rc;
+
+    // Counted before the checks below, which do not take them back.
+    ++e.call_trc_depth;
+    if (e.call_trc_depth > static_cast<int64_t>(cxt->call_stat.max_call_depth))
+        cxt->call_stat.max_call_depth = static_cast<uint32_t>(e.call_trc_depth);
+    ++e.total_call_cnt;
+    e.sql_rec_cnt = 0;
+    e.sql_code = 9999;
+    std::memset(e.fetch_last, 0, sizeof e.fetch_last);
+
+    const char* name = a.func_nm ? a.func_nm : "";
+    if (e.call_trc_depth < 0) {
+        log_printf("<!> call_trc_depth error, function(%s) call.", name);
+        return VARNIX_RC_CALL_DEPTH;
+    }
+    if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) return kOk;  // too deep to trace
+    if (int rc = check_nesting(e, kind, name); rc != kOk) return rc;
+    if (e.trc_lvl < 0 || e.trc_lvl > kLastLevel) return VARNIX_RC_CALL_DEPTH;
+
+    CALL_LVL& lvl = e.call_lvl[e.trc_lvl];
+    keep_name<kNameMax>(lvl.func_nm, a.func_nm);
+    keep_name<kNameMax>(lvl.module_nm, a.module_nm);
+    keep_name<kSourceMax>(lvl.source_nm, a.source_nm);
+    lvl.line_no = a.line_no;
+    lvl.call_kind = kind;
+    gettimeofday(&lvl.start_tv, nullptr);
+    lvl.end_tv = timeval{};
+    lvl.call_seq = e.total_call_cnt;
+    lvl.start_opt = static_cast<uint32_t>(a.start_opt);
+    lvl.force_rec = 0;
+    ++e.trc_lvl;
+    return kOk;
+}
+
+struct FinishArgs {
+    HeaderArgs header;
+    const char* module_nm;
+    const char* source_nm;
+    int32_t line_no;
+    int32_t rc;
+    const char* func_nm;
+    const char* kind_label;
+};
+
+// An error return code forces records, once per service: of the finishing
+// call (verdict 1) or of every call still open around it too (verdict 2).
+void force_on_error(PTRC_HASH& e, int k) {
+    const int verdict = is_err_rc(&e.call_lvl[k]);
+    if (verdict == 0 || e.err_rc_marked != 0) return;
+    if (verdict == 2)
+        for (int i = 0; i <= k; ++i) e.call_lvl[i].force_rec = 1;
+    else if (verdict == 1)
+        e.call_lvl[k].force_rec = 1;
+    e.err_rc_marked = 1;
+}
+
+enum class Format { kWithChildren, kAlone, kDbioFirst, kDbioLater };
+
+struct Sums {
+    int64_t elapsed = 0;
+    int64_t dbio = 0;
+};
+
+struct Plan {
+    bool wanted;
+    Format format;
+    Sums below;  // the children's sums, for kWithChildren
+};
+
+Sums sums_of(const PTRC_HASH& e, int level) {
+    if (level < 0 || level > kLastLevel) return {};
+    return {e.call_lvl[level].elapsed_sum, e.call_lvl[level].dbio_sum};
+}
+
+void clear_sums(PTRC_HASH& e, int level) {
+    if (level < 0 || level > kLastLevel) return;
+    e.call_lvl[level].elapsed_sum = 0;
+    e.call_lvl[level].dbio_sum = 0;
+}
+
+// Feeds the level sums and the statistics with the finished call at level k
+// and decides whether its record is wanted, and in which form.  The limits
+// are read after the statistics, which may raise them.
+Plan plan_record(MTR_CXT_VAR& cxt, int k, int64_t elapsed, char kind) {
+    PTRC_HASH& e = *cxt.ptrc;
+    CALL_LVL& lvl = e.call_lvl[k];
+    const int last = e.last_fin_lvl;
+    const int depth = e.trc_lvl;
+    if (last > depth) {  // traced children: their sums are in the level below
+        const Sums below = sums_of(e, k + 1);
+        calc_call_stat(cxt, elapsed, kind);
+        const Plan plan{elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kWithChildren, below};
+        lvl.elapsed_sum += elapsed;
+        lvl.dbio_sum += below.dbio;
+        clear_sums(e, last - 1);
+        return plan;
+    }
+    const bool first = last < depth;
+    lvl.elapsed_sum = first ? elapsed : lvl.elapsed_sum + elapsed;
+    if (kind != kDbio) {
+        calc_call_stat(cxt, elapsed, kind);
+        return {elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kAlone, {}};
+    }
+    lvl.dbio_sum = first ? elapsed : lvl.dbio_sum + elapsed;
+    e.call_elapsed_sum += elapsed;
+    calc_call_stat(cxt, elapsed, kind);
+    if (e.dbio_skip != 0) return {false, Format::kDbioFirst, {}};
+    return {elapsed >= e.dbio_trc_limit || lvl.force_rec != 0, first ? Format::kDbioFirst : Format::kDbioLater, {}};
+}
+
+// The record text, cut at its field's width.
+struct Text350 {
+    char s[kTextWidth + 1];
+    int n = 0;
+    [[gnu::format(printf, 2, 3)]] void add(const char* fmt, ...) {
+        if (n >= kTextWidth) return;
+        va_list ap;
+        va_start(ap, fmt);
+        const int r = std::vsnprintf(s + n, sizeof s - static_cast<size_t>(n), fmt, ap);
+        va_end(ap);
+        if (r > 0) n = n + r < kTextWidth ? n + r : kTextWidth;
+    }
+};
+
+// Seconds and microseconds of a microsecond count or of a time.
+struct Secs {
+    long s, us;
+};
+Secs secs(int64_t us) { return {static_cast<long>(us / 1000000), static_cast<long>(us % 1000000)}; }
+Secs secs(const timeval& tv) { return {static_cast<long>(tv.tv_sec), static_cast<long>(tv.tv_usec)}; }
+
+void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const FinishArgs& a, const Plan& p,
+                int64_t elapsed) {
+    const bool biz_form = p.format == Format::kWithChildren || p.format == Format::kAlone;
+    const bool children = p.format == Format::kWithChildren;
+    const Secs all = secs(elapsed);
+    const Secs own = secs(!biz_form ? 0 : children ? elapsed - p.below.elapsed : elapsed);
+    const Secs called = secs(children ? p.below.elapsed - p.below.dbio : 0);
+    const Secs dbio = secs(children ? p.below.dbio : 0);
+    const Secs start = secs(lvl.start_tv);
+    const Secs end = secs(lvl.end_tv);
+    const char* label = a.kind_label ? a.kind_label : biz_form ? "METHOD" : "";
+    const Name<sizeof lvl.source_nm> kept_source(lvl.source_nm);
+    Text350 t;
+    t.add("%d,%d,%ld.%06ld,%ld.%06ld,%ld.%06ld,%ld.%06ld,%ld.%06ld,%ld.%06ld,[%s][%s at %s (%s::%05d){%d}]",
+          e.trc_lvl, e.call_trc_depth_max, all.s, all.us, own.s, own.us, called.s, called.us, dbio.s, dbio.us, start.s,
+          start.us, end.s, end.us, label, Name(lvl.func_nm).s, a.module_nm ? a.module_nm : "",
+          a.source_nm ? a.source_nm : kept_source.s, a.line_no, lvl.call_seq);
+    const int32_t sql_code = static_cast<int32_t>(e.sql_code);
+    const long fetch_ms = e.fetch_last[1] / 1000;
+    const long fetch_rest = e.fetch_last[1] % 1000;
+    const Name user(e.db_user);
+    const Name sid(e.db_sid);
+    switch (p.format) {
+        case Format::kWithChildren:
+        case Format::kAlone: t.add("#RC %d", lvl.rc); break;
+        case Format::kDbioFirst:
+            t.add("#SQLCODE %d, #RC %d (line %d) fetch %d rows (%ld.%ld ms) DB %s/%s", sql_code, lvl.rc,
+                  e.fetch_last[2], e.fetch_last[0], fetch_ms, fetch_rest, user.s, sid.s);
+            break;
+        case Format::kDbioLater:
+            t.add("#SQLCODE %d, #RC %ld (line %d) fetch %d rows(%ld.%ld ms) DB %s/%s", sql_code,
+                  static_cast<long>(lvl.rc), e.fetch_last[2], e.fetch_last[0], fetch_ms, fetch_rest, user.s, sid.s);
+            break;
+    }
+    set_log_field(t.s, t.n, body + hdr::kEnd, kTextWidth, 1);
+}
+
+// Header, GID of the open service and length around the text already in
+// the body; the dispatcher's result.
+int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h) {
+    h.gid = level_gid(*current_svc_level(cxt));
+    write_header(cxt, cxt.log_body, kind, h);
+    *cxt.log_len = kCallBodyLen;
+    return tran_logb(cxt, cxt.log_rec);
+}
+
+int callinfo_finish(int32_t tid, const FinishArgs& a) {
+    const char kind = call_kind(a.func_nm);
+    MTR_CXT_VAR* cxt = nullptr;
+    if (int rc = resolve(tid, kind, &cxt); rc != kOk) return rc;
+    if (int rc = validate_call(*cxt, kind, kTranCallinfoFApi); rc != kOk) return rc;
+    PTRC_HASH& e = *cxt->ptrc;
+    const char* name = a.func_nm ? a.func_nm : "";
+    if (e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) {
+        log_printf("<!> depth error, function(%s) call does not match the start and end.", name);
+        return VARNIX_RC_CALL_DEPTH;
+    }
+    if (e.call_trc_depth < 0) {
+        log_printf("<!> depth error, function(%s) call.", name);
+        return VARNIX_RC_CALL_DEPTH;
+    }
+    if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) {  // its start was not traced
+        --e.call_trc_depth;
+        return VARNIX_RC_NOT_TRACED;
+    }
+
+    const int depth = e.trc_lvl;
+    const int k = depth - 1;
+    CALL_LVL& lvl = e.call_lvl[k];
+    gettimeofday(&lvl.end_tv, nullptr);
+    const int64_t elapsed = usec_of(lvl.end_tv) - usec_of(lvl.start_tv);
+    lvl.rc = a.rc;
+    force_on_error(e, k);
+    const Plan plan = plan_record(*cxt, k, elapsed, kind);
+    if (plan.wanted) {
+        write_text(cxt->log_body, e, lvl, a, plan, elapsed);
+        lvl.force_rec = 0;
+    }
+    const bool skipped = kind == kDbio && e.dbio_skip != 0;
+    if (!(skipped && plan.format != Format::kWithChildren) && e.sql_rec_cnt > 0) {
+        (void)tran_sql_stmt_close(*cxt);
+        e.sql_rec_cnt = 0;
+    }
+    e.last_fin_lvl = static_cast<int8_t>(depth);
+    --e.trc_lvl;
+    if (skipped) {
+        --e.call_trc_depth;
+        return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
+    }
+    const int result = plan.wanted ? send_call_record(*cxt, kind, a.header)
+                                   : kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
+    --e.call_trc_depth;
+    return result;
+}
+
+}  // namespace
+}  // namespace varnix
+
+using varnix::Text;
+
+extern "C" {
+
+int32_t TRAN_CALLINFO_S(int32_t tid, const char*, int32_t, const char*, int32_t, const char*, int32_t, const char*,
+                        int32_t, const char*, int32_t, const char*, int32_t, const char*, int32_t, const char* module_nm,
+                        int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t start_opt,
+                        const char* func_nm) {
+    return varnix::callinfo_start(tid, {module_nm, source_nm, line_no, start_opt, func_nm});
+}
+
+int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, const char* dtl_cd, int32_t dtl_cd_len,
+                        const char*, int32_t, const char*, int32_t, const char* pid_str, int32_t pid_str_len,
+                        const char* date_str, int32_t date_str_len, const char* time_str, int32_t time_str_len,
+                        const char* module_nm, int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t rc,
+                        const char* func_nm, int32_t, const char* kind_label, int32_t) {
+    const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len}, Text{dtl_cd, dtl_cd_len}, Text{},
+                                    Text{pid_str, pid_str_len}, Text{date_str, date_str_len},
+                                    Text{time_str, time_str_len}};
+    return varnix::callinfo_finish(tid, {header, module_nm, source_nm, line_no, rc, func_nm, kind_label});
+}
+
+}  // extern "C"
