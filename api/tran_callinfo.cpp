@@ -15,6 +15,7 @@
 
 #include "api/calc_call_stat.h"
 #include "api/notice.h"
+#include "api/tran_sql.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -22,11 +23,6 @@
 #include "varnix.h"
 
 namespace varnix {
-
-// Sends the SQL texts kept for the DBIO call finishing on `cxt` and returns the
-// last dispatch result (0 when nothing was sent).  The SQL tracer provides it;
-// without one, kept texts are only dropped.
-__attribute__((weak)) int tran_sql_stmt_close(MTR_CXT_VAR&) { return kOk; }
 
 namespace {
 

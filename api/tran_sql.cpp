@@ -7,13 +7,13 @@
 // its secondary record; the collector only reads the entry.
 #include "api/tran_sql.h"
 
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 
+#include "api/notice.h"
+#include "core/clock.h"
 #include "core/encoding_util.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
@@ -79,10 +79,9 @@ int measure(const char* text) {
 }
 
 timeval read_time(const void* p, bool usec_count) {
+    if (!p) return clock_now();
     timeval tv{};
-    if (!p) {
-        gettimeofday(&tv, nullptr);
-    } else if (usec_count) {
+    if (usec_count) {
         int64_t us;
         std::memcpy(&us, p, sizeof us);
         tv.tv_sec = us / kUsecPerSec;
@@ -131,15 +130,13 @@ bool same_text(const SQL_SLOT& slot, const Stmt& st) {
 
 // The record header is written once per DBIO call, with its first statement.
 void write_sql_header(MTR_CXT_VAR& cxt, const SvcLevel& level, Text date_str, Text time_str) {
-    char* body = cxt.log_body2;
-    write_header(cxt, body, kLogType, HeaderArgs{{}, {}, {}, {}, date_str, time_str}, false);
-    set_log_field(level.gid, sizeof level.gid, body + hdr::kGid, sizeof level.gid, 1);
+    write_header(cxt, cxt.log_body2, kLogType, HeaderArgs{{}, {}, level_gid(level), {}, date_str, time_str});
 }
 
 int report(MTR_CXT_VAR& cxt, const CALL_LVL& call, const Stmt& st, Text date_str, Text time_str) {
     const SvcLevel& level = *current_svc_level(cxt);
-    if (int rc = trace_validate(cxt, kLogType, kTranSqlStmtApi, cxt.log_body2, level.svc_id, sizeof level.svc_id,
-                                nullptr);
+    const Text svc_id = level_svc_id(level);
+    if (int rc = trace_validate(cxt, kLogType, kTranSqlStmtApi, cxt.log_body2, svc_id.p, svc_id.len, nullptr);
         rc != kOk)
         return rc;
     PTRC_HASH& e = *cxt.ptrc;
@@ -244,9 +241,8 @@ struct SqlStmtArgs {
 };
 
 int tran_sql_stmt(int32_t tid, const SqlStmtArgs& a) {
-    if (int rc = check_gvar(kLogType); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
+    if (int rc = record_context(kLogType, tid, cxt); rc != kOk) return rc;
     const CALL_LVL* call = nullptr;
     if (int rc = open_dbio(*cxt, &call); rc != kOk) return rc;
     switch (a.mode) {
@@ -262,9 +258,8 @@ int tran_sql_stmt(int32_t tid, const SqlStmtArgs& a) {
 }
 
 int tran_sql_id(int32_t tid, Text sql_id) {
-    if (int rc = check_gvar(kLogType); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = get_mtr_cxt_var(tid, &cxt); rc != kOk) return rc;
+    if (int rc = record_context(kLogType, tid, cxt); rc != kOk) return rc;
     if (!cxt->ptrc) return VARNIX_RC_PTRC_FULL;
     // The field's trailing space lands in the entry's reserved bytes after it.
     char* field = reinterpret_cast<char*>(cxt->ptrc) + offsetof(PTRC_HASH, sql_id);
@@ -274,7 +269,7 @@ int tran_sql_id(int32_t tid, Text sql_id) {
 
 }  // namespace
 
-int tran_sql_close(MTR_CXT_VAR& cxt) {
+int tran_sql_stmt_close(MTR_CXT_VAR& cxt) {
     if (int rc = check_gvar(kLogType); rc != kOk) return rc;
     const CALL_LVL* call = nullptr;
     if (int rc = open_dbio(cxt, &call); rc != kOk) return rc;

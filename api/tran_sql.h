@@ -11,6 +11,6 @@ namespace varnix {
 // fit the record.  The result of the last send (0 when nothing was sent), or
 // 99..126 when SQL records are refused or no DBIO call is open.  The kept
 // statements stay counted: the call finish clears sql_rec_cnt afterwards.
-int tran_sql_close(MTR_CXT_VAR& cxt);
+int tran_sql_stmt_close(MTR_CXT_VAR& cxt);
 
 }  // namespace varnix
