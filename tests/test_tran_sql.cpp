@@ -16,6 +16,7 @@
 
 #include "api/tran_sql.h"
 #include "core/gvar.h"
+#include "support/calls.h"
 #include "support/tracing.h"
 
 namespace varnix::test {
@@ -203,7 +204,7 @@ TEST_F(TranSql, RecordBytesComeFromTheSecondaryBufferAtClose) {
     // internal close of the call finish sends the same records.
     e_->sql_rec_cnt = 0;
     EXPECT_EQ(report("SELECT 3", 9, tv(5, 0), tv(5, 2), "20270303", nullptr), 0);
-    recs = received(tran_sql_close(*cxt_), 1);
+    recs = received(tran_sql_stmt_close(*cxt_), 1);
     EXPECT_EQ(body_field(recs[0], 175, 9), "20270303 ");
     EXPECT_EQ(body_field(recs[0], 184, 13).find_first_not_of("0123456789"), 12u);
     EXPECT_EQ(body_field(recs[0], kText, 40), padded("1,1,1,1,0.000002,9,DBIO_select_emp(a),SELECT 3", 40));
@@ -283,7 +284,7 @@ TEST_F(TranSql, OutsideAnOpenDbioCallNothingIsKept) {
     e_->call_lvl[1].call_kind = 'C';
     EXPECT_EQ(report("S", 1, tv(1, 0), tv(1, 1)), VARNIX_RC_SQL_NO_DBIO);
     EXPECT_EQ(close_call(), VARNIX_RC_SQL_NO_DBIO);
-    EXPECT_EQ(tran_sql_close(*cxt_), VARNIX_RC_SQL_NO_DBIO);
+    EXPECT_EQ(tran_sql_stmt_close(*cxt_), VARNIX_RC_SQL_NO_DBIO);
     e_->call_lvl[0].call_kind = 'C';
     e_->call_lvl[1].call_kind = 'B';
     EXPECT_EQ(report("S", 1, tv(1, 0), tv(1, 1)), 0);
@@ -297,7 +298,7 @@ TEST_F(TranSql, OutsideAnOpenDbioCallNothingIsKept) {
     TestIpc::get().que_info().log_flag_set = get_log_flag_set("SEVBCIX");
     EXPECT_EQ(report("S", 2, tv(1, 0), tv(1, 1)), VARNIX_RC_CLASS_OFF);
     EXPECT_EQ(close_call(), VARNIX_RC_CLASS_OFF);
-    EXPECT_EQ(tran_sql_close(*cxt_), VARNIX_RC_CLASS_OFF);
+    EXPECT_EQ(tran_sql_stmt_close(*cxt_), VARNIX_RC_CLASS_OFF);
     EXPECT_EQ(TRAN_SQL_ID(-1, "ID", -1), VARNIX_RC_CLASS_OFF);
     EXPECT_EQ(e_->sql_rec_cnt, 1);
     EXPECT_EQ(collector().drain(), 0);
@@ -430,6 +431,29 @@ TEST_F(TranSql, SqlIdIsStoredInTheEntryAndNothingIsSent) {
     EXPECT_EQ(TRAN_SQL_ID(-1, nullptr, 5), 0);
     EXPECT_EQ(std::string_view(e_->sql_id, 200), std::string(200, ' '));
     EXPECT_EQ(collector().drain(), 0);
+}
+
+// Through the real entries: the DBIO call's finish sends the kept statements
+// ahead of its own record, which the SQL records leave intact.
+TEST_F(TranSql, CallFinishSendsTheStatementsBeforeTheCallRecord) {
+    ASSERT_EQ(open_service(*cxt_, gid_, "SVC-REAL-01"), 0);
+    ASSERT_EQ(call_start("DBIO_select(a,b)"), 0);
+    EXPECT_EQ(report("SELECT A", 1, tv(1, 0), tv(1, 10)), 0);
+    EXPECT_EQ(report("SELECT BB", 2, tv(2, 0), tv(2, 20)), 0);
+    EXPECT_EQ(report("SELECT BB", 2, tv(3, 0), tv(3, 30)), 0);
+    EXPECT_EQ(e_->sql_rec_cnt, 2);
+    std::vector<TRAN_LOG_MSG> recs = received(call_finish("DBIO_select"), 3);
+    EXPECT_EQ(body_field(recs[0], 0, 1), "Q");
+    EXPECT_EQ(body_field(recs[0], 56, 17), "SVC-REAL-01      ");
+    EXPECT_EQ(body_field(recs[0], kText, kField), padded("1,2,1,1,0.000010,1,DBIO_select(a),SELECT A", kField));
+    EXPECT_EQ(body_field(recs[1], kText, kField), padded("2,2,1,2,1.000030,2,DBIO_select(a),SELECT BB", kField));
+    const TRAN_LOG_MSG& call = recs[2];
+    EXPECT_EQ(body_field(call, 0, 1), "B");
+    EXPECT_EQ(body_len(call), 548u);
+    EXPECT_EQ(body_field(call, 175, 9), std::string(kFinishDate) + " ");
+    EXPECT_EQ(parse_call_text(call).level, 1);
+    EXPECT_NE(parse_call_text(call).rest.find("[DBIO_select(a,b) at fin_mod"), std::string::npos);
+    EXPECT_EQ(e_->sql_rec_cnt, 0);
 }
 
 // Threads keep their statements apart: every record carries its own
