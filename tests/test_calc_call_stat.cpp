@@ -14,17 +14,15 @@ namespace {
 constexpr const char* kGid = "STAT-GID-0001";
 constexpr const char* kSvc = "SVC-STATS";
 
-class CallStatTest : public ::testing::Test {
+class CallStatTest : public TracedThread {
 protected:
     void SetUp() override {
-        ASSERT_EQ(start_tracing(), 0);
-        ASSERT_EQ(get_mtr_cxt_var(-1, &cxt_), 0);
-        e_ = cxt_->ptrc;
-        ASSERT_NE(e_, nullptr);
+        TracedThread::SetUp();
+        if (HasFatalFailure()) return;
         ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
     }
     void TearDown() override {
-        stop_tracing();
+        TracedThread::TearDown();
         collector().drain();
     }
     kit::Collector& collector() { return TestIpc::get().collector(); }
@@ -37,9 +35,6 @@ protected:
             ASSERT_EQ(call_finish(func), expect) << func << " " << i;
         }
     }
-
-    MTR_CXT_VAR* cxt_ = nullptr;
-    PTRC_HASH* e_ = nullptr;
 };
 
 TEST_F(CallStatTest, CountsSumsAndMaximaFromInjectedTimes) {

@@ -31,16 +31,13 @@ TEST(SetLogField, PadsCutsBlanksAndAlwaysEndsWithASpace) {
     EXPECT_EQ(std::string_view(f, 6), "xxxx x");
 }
 
-class TraceValidate : public ::testing::Test {
+class TraceValidate : public TracedThread {
 protected:
     void SetUp() override {
-        ASSERT_EQ(start_tracing(), 0);
-        ASSERT_EQ(get_mtr_cxt_var(-1, &cxt_), 0);
-        e_ = cxt_->ptrc;
-        ASSERT_NE(e_, nullptr);
+        TracedThread::SetUp();
+        if (HasFatalFailure()) return;
         std::memset(body(hdr::kSvcId), '.', 16);
     }
-    void TearDown() override { stop_tracing(); }
 
     int validate(char type, const char* svc = "SVC-A", const char* key = nullptr, char api = kTranStartApi) {
         return trace_validate(*cxt_, type, api, cxt_->log_body, svc, -1, key);
@@ -58,9 +55,6 @@ protected:
         spec.sql_trc_limit = 13;
         return kit::add_service(*TestIpc::get().collector().svc(), spec);
     }
-
-    MTR_CXT_VAR* cxt_ = nullptr;
-    PTRC_HASH* e_ = nullptr;
 };
 
 TEST_F(TraceValidate, TypesOutsideTheTableAndCallsOutsideAServiceAreRefused) {

@@ -18,18 +18,16 @@ constexpr const char* kGid = "CALL-GID-0001";
 constexpr const char* kSvc = "SVC-CALLS";
 constexpr int64_t kSecond = 1000000;
 
-class CallInfo : public ::testing::Test {
+class CallInfo : public TracedThread {
 protected:
     void SetUp() override {
-        ASSERT_EQ(start_tracing(), 0);
-        ASSERT_EQ(get_mtr_cxt_var(-1, &cxt_), 0);
-        e_ = cxt_->ptrc;
-        ASSERT_NE(e_, nullptr);
+        TracedThread::SetUp();
+        if (HasFatalFailure()) return;
         ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
         q_ = queue_of_gid(kGid);
     }
     void TearDown() override {
-        stop_tracing();
+        TracedThread::TearDown();
         collector().drain();
     }
     kit::Collector& collector() { return TestIpc::get().collector(); }
@@ -51,8 +49,6 @@ protected:
     }
     const CALL_LVL& level(int i) const { return e_->call_lvl[i]; }
 
-    MTR_CXT_VAR* cxt_ = nullptr;
-    PTRC_HASH* e_ = nullptr;
     int q_ = -1;
 };
 

@@ -26,18 +26,16 @@ std::string local_time_field(const timeval& tv) {
     return buf;
 }
 
-class TranService : public ::testing::Test {
+class TranService : public TracedThread {
 protected:
     void SetUp() override {
-        ASSERT_EQ(start_tracing(), 0);
+        TracedThread::SetUp();
         // One queue for everything, so the records arrive in the order sent.
         TestIpc::get().que_info().que_mask = 0;
-        ASSERT_EQ(get_mtr_cxt_var(-1, &cxt_), 0);
-        e_ = cxt_->ptrc;
     }
     void TearDown() override {
         EXPECT_EQ(TestIpc::get().collector().drain(), 0) << "records nobody looked at";
-        stop_tracing();
+        TracedThread::TearDown();
     }
 
     ServiceCall svc(const std::string& gid = kGid, const std::string& id = "SVC-MAIN") {
@@ -57,9 +55,6 @@ protected:
         while (TestIpc::get().collector().receive(m, 0) == 0) t += m.text[4];
         return t;
     }
-
-    MTR_CXT_VAR* cxt_ = nullptr;
-    PTRC_HASH* e_ = nullptr;
 };
 
 TEST_F(TranService, OutermostStartAndEnd) {

@@ -30,19 +30,16 @@ timeval now() {
     return tv;
 }
 
-class TranSet : public ::testing::Test {
+class TranSet : public TracedThread {
 protected:
     void SetUp() override {
-        ASSERT_EQ(start_tracing(), 0);
+        TracedThread::SetUp();
         ASSERT_EQ(gvar.svctimeout_mark.load(), 0);  // an earlier test's time-out ended with its initialization
-        ASSERT_EQ(get_mtr_cxt_var(-1, &cxt_), 0);
-        e_ = cxt_->ptrc;
-        ASSERT_NE(e_, nullptr);
     }
     void TearDown() override {
         // The collector's release: the next test registers a fresh entry.
         if (e_) e_->ptrc_state = VARNIX_PTRC_RELEASE_ASKED;
-        stop_tracing();
+        TracedThread::TearDown();
         collector().drain();
     }
     kit::Collector& collector() { return TestIpc::get().collector(); }
@@ -95,9 +92,6 @@ protected:
         return std::string(1, type) + " " + "   " + "  " + kGid + " " + padded(gvar.proc_nm, 15) + " " + kSvc + " " +
                padded(gvar.host_name, 64) + " " + ids + date_time;
     }
-
-    MTR_CXT_VAR* cxt_ = nullptr;
-    PTRC_HASH* e_ = nullptr;
 };
 
 TEST_F(TranSet, PresetTimeAndSqlTimeThreshold) {

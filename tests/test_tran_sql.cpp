@@ -106,16 +106,14 @@ std::set<size_t> euckr_char_starts(const std::string& s) {
     return starts;
 }
 
-class TranSql : public ::testing::Test {
+class TranSql : public TracedThread {
 protected:
     void SetUp() override {
-        ASSERT_EQ(start_tracing(), 0);
-        ASSERT_EQ(get_mtr_cxt_var(-1, &cxt_), 0);
-        e_ = cxt_->ptrc;
-        ASSERT_NE(e_, nullptr);
+        TracedThread::SetUp();
+        if (HasFatalFailure()) return;
     }
     void TearDown() override {
-        stop_tracing();
+        TracedThread::TearDown();
         collector().drain();
     }
     kit::Collector& collector() { return TestIpc::get().collector(); }
@@ -146,8 +144,6 @@ protected:
     }
 
     const std::string gid_ = "GID-SQL-0000000000000000000001";
-    MTR_CXT_VAR* cxt_ = nullptr;
-    PTRC_HASH* e_ = nullptr;
 };
 
 TEST_F(TranSql, RecordBytesComeFromTheSecondaryBufferAtClose) {

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "context/hash.h"
+#include "context/mtr_cxt.h"
 #include "support/test_ipc.h"
 #include "varnix.h"
 
@@ -35,6 +36,22 @@ inline int start_tracing(std::string* banner = nullptr) {
     ipc.collector().drain();
     return rc;
 }
+
+// A test with tracing started and the calling thread's context and
+// process-thread entry at hand; tracing stops after it.
+class TracedThread : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(start_tracing(), 0);
+        ASSERT_EQ(get_mtr_cxt_var(-1, &cxt_), 0);
+        e_ = cxt_->ptrc;
+        ASSERT_NE(e_, nullptr);
+    }
+    void TearDown() override { stop_tracing(); }
+
+    MTR_CXT_VAR* cxt_ = nullptr;
+    PTRC_HASH* e_ = nullptr;
+};
 
 inline std::string_view body_field(const TRAN_LOG_MSG& m, int offset, int width) {
     return {m.text + sizeof(uint32_t) + offset, static_cast<size_t>(width)};
