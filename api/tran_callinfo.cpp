@@ -16,6 +16,7 @@
 #include "api/calc_call_stat.h"
 #include "api/notice.h"
 #include "api/tran_sql.h"
+#include "core/clock.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -71,8 +72,6 @@ struct Name {
         s[n] = '\0';
     }
 };
-
-int64_t usec_of(const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec; }
 
 // The kind's checks shared by start and finish: an open service, then the
 // validation of the record, which writes its service id.

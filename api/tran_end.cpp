@@ -6,6 +6,7 @@
 
 #include "api/notice.h"
 #include "api/service.h"
+#include "core/clock.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -103,8 +104,6 @@ void report_gid_change(const ServiceArgs& a, const SvcLevel& level) {
     log_printf("(I) EVENT_GLOBAL_ID_CHANGED (GID %.*s) TRAN_EVENT ret = %d", gid.len, gid.p, rc);
 }
 
-int64_t micros(const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1'000'000 + tv.tv_usec; }
-
 int complete_snapshot(const MTR_CXT_VAR& cxt, const ServiceArgs& a) {
     PTRC_HASH& e = *cxt.ptrc;
     const int tr_len = static_cast<int>(strnlen(e.snapshot_tr_cd, sizeof e.snapshot_tr_cd));
@@ -156,7 +155,7 @@ int service_end(const ServiceKind& kind, const ServiceArgs& a) {
     if (!a.time_str.p && outermost && cxt.log_bit != kEndBit) {
         take_service_time(e, e.svc_end_tv);
         r.at = &e.svc_end_tv;
-        r.elapsed_us = micros(e.svc_end_tv) - micros(e.svc_start_tv);
+        r.elapsed_us = usec_of(e.svc_end_tv) - usec_of(e.svc_start_tv);
         r.call_us = e.call_elapsed_sum;
     }
     write_service_body(cxt, kind, a, r);

@@ -3,6 +3,8 @@
 
 #include <sys/time.h>
 
+#include <cstdint>
+
 namespace varnix {
 
 // Now; the epoch in the (never seen) case that the clock cannot be read.
@@ -11,5 +13,8 @@ inline timeval clock_now() {
     if (gettimeofday(&tv, nullptr) != 0) return timeval{};
     return tv;
 }
+
+// Microseconds since the epoch.
+inline int64_t usec_of(const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1'000'000 + tv.tv_usec; }
 
 }  // namespace varnix

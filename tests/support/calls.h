@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "context/mtr_cxt.h"
+#include "core/clock.h"
 #include "record/record.h"
 #include "support/service_calls.h"
 #include "support/tracing.h"
@@ -60,8 +61,6 @@ inline int call_finish(const char* func, int32_t rc = 0, const char* label = nul
     return TRAN_CALLINFO_F(tid, "CL", -1, "D", -1, "IGNORED-GID", -1, "IGNORED-SVC", -1, nullptr, 0, kFinishDate, -1,
                            kFinishTime, -1, module, 5, source, 5, line, rc, func, 3, label, 2);
 }
-
-inline int64_t usec_of(const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec; }
 
 // "%ld.%06ld" of a microsecond count or of a time.
 inline std::string secs_text(int64_t us) {
