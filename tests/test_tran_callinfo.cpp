@@ -10,6 +10,7 @@
 
 #include "core/gvar.h"
 #include "support/calls.h"
+#include "support/thread_group.h"
 
 namespace varnix::test {
 namespace {
@@ -458,26 +459,22 @@ TEST(CallInfoThreads, EachThreadKeepsItsOwnStack) {
     constexpr int kThreads = 4, kEach = 300;
     std::atomic<int> failures{0};
     std::vector<PTRC_HASH*> entries(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &failures, &entries] {
-            MTR_CXT_VAR* cxt = nullptr;
-            if (get_mtr_cxt_var(-1, &cxt) != 0 || open_service(*cxt, "T" + std::to_string(t), kSvc) != 0) {
-                failures.fetch_add(1);
-                return;
-            }
-            entries[t] = cxt->ptrc;
-            cxt->ptrc->call_trc_limit = cxt->ptrc->dbio_trc_limit = 3600 * kSecond;
-            for (int i = 0; i < kEach; ++i) {
-                bool ok = call_start("biz_outer") == 0 && call_start("DBIO_inner") == 0 &&
-                          cxt->ptrc->trc_lvl == 2 && call_finish("DBIO_inner") == VARNIX_RC_DBIO_FAST &&
-                          call_finish("biz_outer") == VARNIX_RC_BIZ_FAST;
-                if (!ok) failures.fetch_add(1);
-            }
-            if (cxt->call_stat.biz_cnt != kEach || cxt->call_stat.dbio_cnt != kEach) failures.fetch_add(1);
-        });
-    }
-    for (std::thread& th : threads) th.join();
+    ThreadGroup(kThreads, [&failures, &entries](int t) {
+        MTR_CXT_VAR* cxt = nullptr;
+        if (get_mtr_cxt_var(-1, &cxt) != 0 || open_service(*cxt, "T" + std::to_string(t), kSvc) != 0) {
+            failures.fetch_add(1);
+            return;
+        }
+        entries[t] = cxt->ptrc;
+        cxt->ptrc->call_trc_limit = cxt->ptrc->dbio_trc_limit = 3600 * kSecond;
+        for (int i = 0; i < kEach; ++i) {
+            bool ok = call_start("biz_outer") == 0 && call_start("DBIO_inner") == 0 &&
+                      cxt->ptrc->trc_lvl == 2 && call_finish("DBIO_inner") == VARNIX_RC_DBIO_FAST &&
+                      call_finish("biz_outer") == VARNIX_RC_BIZ_FAST;
+            if (!ok) failures.fetch_add(1);
+        }
+        if (cxt->call_stat.biz_cnt != kEach || cxt->call_stat.dbio_cnt != kEach) failures.fetch_add(1);
+    }).join();
     EXPECT_EQ(failures.load(), 0);
     for (PTRC_HASH* e : entries) {
         ASSERT_NE(e, nullptr);

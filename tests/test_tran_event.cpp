@@ -10,6 +10,7 @@
 
 #include "api/notice.h"
 #include "core/gvar.h"
+#include "support/thread_group.h"
 #include "support/tracing.h"
 
 namespace varnix::test {
@@ -163,20 +164,17 @@ TEST_F(TranEvent, ErrinfoReportsTheOpenServiceLevel) {
 TEST_F(TranEvent, ConcurrentThreadsEachRecordArrivesOnce) {
     constexpr int kThreads = 8, kEach = 200;
     std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &failures] {
-            for (int i = 0; i < kEach; ++i) {
-                std::string text = std::to_string(t) + ":" + std::to_string(i);
-                const std::string gid = "T" + std::to_string(t);
-                Notice n = event_with_gid(gid);
-                n.msg_text = {text.c_str(), -1};
-                int rc;
-                while ((rc = send(TRAN_EVENT, -1, n)) == VARNIX_RC_SEND_FAIL) std::this_thread::yield();
-                if (rc < 0 || rc > 3) failures.fetch_add(1);
-            }
-        });
-    }
+    ThreadGroup threads(kThreads, [&failures](int t) {
+        for (int i = 0; i < kEach; ++i) {
+            std::string text = std::to_string(t) + ":" + std::to_string(i);
+            const std::string gid = "T" + std::to_string(t);
+            Notice n = event_with_gid(gid);
+            n.msg_text = {text.c_str(), -1};
+            int rc;
+            while ((rc = send(TRAN_EVENT, -1, n)) == VARNIX_RC_SEND_FAIL) std::this_thread::yield();
+            if (rc < 0 || rc > 3) failures.fetch_add(1);
+        }
+    });
     // One thread's records share a GID, hence a queue, and keep their order.
     std::set<std::string> texts;
     std::vector<int> last(kThreads, -1);
@@ -190,7 +188,7 @@ TEST_F(TranEvent, ConcurrentThreadsEachRecordArrivesOnce) {
         if (i <= last[t]) ++out_of_order;
         last[t] = i;
     }
-    for (std::thread& t : threads) t.join();
+    threads.join();
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(received_count, kThreads * kEach);
     EXPECT_EQ(texts.size(), static_cast<size_t>(kThreads * kEach));

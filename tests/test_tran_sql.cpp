@@ -17,6 +17,7 @@
 #include "api/tran_sql.h"
 #include "core/gvar.h"
 #include "support/calls.h"
+#include "support/thread_group.h"
 #include "support/tracing.h"
 
 namespace varnix::test {
@@ -457,21 +458,18 @@ TEST_F(TranSql, CallFinishSendsTheStatementsBeforeTheCallRecord) {
 TEST_F(TranSql, ThreadsKeepTheirOwnStatements) {
     constexpr int kThreads = 4, kEach = 50;
     std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &failures] {
-            MTR_CXT_VAR* cxt = nullptr;
-            if (get_mtr_cxt_var(-1, &cxt) != 0) return void(failures.fetch_add(1));
-            for (int i = 0; i < kEach; ++i) {
-                enter_dbio(*cxt, "T" + std::to_string(t), "DBIO_t");
-                std::string text = "S" + std::to_string(t) + "-" + std::to_string(i);
-                if (report(text.c_str(), 1, tv(1, 0), tv(1, 1)) != 0) failures.fetch_add(1);
-                int rc;
-                while ((rc = close_call()) == VARNIX_RC_SEND_FAIL) std::this_thread::yield();
-                if (rc < 0 || rc > 3) failures.fetch_add(1);
-            }
-        });
-    }
+    ThreadGroup threads(kThreads, [this, &failures](int t) {
+        MTR_CXT_VAR* cxt = nullptr;
+        if (get_mtr_cxt_var(-1, &cxt) != 0) return void(failures.fetch_add(1));
+        for (int i = 0; i < kEach; ++i) {
+            enter_dbio(*cxt, "T" + std::to_string(t), "DBIO_t");
+            std::string text = "S" + std::to_string(t) + "-" + std::to_string(i);
+            if (report(text.c_str(), 1, tv(1, 0), tv(1, 1)) != 0) failures.fetch_add(1);
+            int rc;
+            while ((rc = close_call()) == VARNIX_RC_SEND_FAIL) std::this_thread::yield();
+            if (rc < 0 || rc > 3) failures.fetch_add(1);
+        }
+    });
     int count = 0, mismatched = 0;
     TRAN_LOG_MSG m{};
     while (count < kThreads * kEach && collector().receive_wait(m, 5000) >= 0) {
@@ -481,7 +479,7 @@ TEST_F(TranSql, ThreadsKeepTheirOwnStatements) {
         std::string n(gid.substr(1, gid.find(' ') - 1));
         if (body_field(m, kText + 26, static_cast<int>(n.size()) + 2) != "S" + n + "-") ++mismatched;
     }
-    for (std::thread& t : threads) t.join();
+    threads.join();
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(count, kThreads * kEach);
     EXPECT_EQ(mismatched, 0);
