@@ -52,13 +52,17 @@ extern const ServiceKind kProcessTraceService;
 struct ServiceRecord {
     char log_type;
     Text gid;
-    const timeval* at;    // time field instant (null: now), unless time_str is given
-    int64_t elapsed_us;
+    // Outermost start or end: the service's own instant is taken into `timed`
+    // (after the date field, unless the caller gave the time) and stamped;
+    // an end also carries the elapsed time since `since` and `call_us`.
+    timeval* timed;
+    const timeval* since;
     int64_t call_us;
     int depth;
 };
 
-// Writes the whole body into the context's primary record.
+// Writes the whole body into the context's primary record.  The entry's
+// times are taken here, so the date is read before the clock as elsewhere.
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r);
 
 // The instant of an outermost start or end into `into`: a time preset by

@@ -45,9 +45,18 @@ const ServiceKind kProcessTraceService{
 
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r) {
     char* b = cxt.log_body;
-    write_header(cxt, b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str, r.at});
-    put_field(b + kElapsedAt, 10, "%010ld", static_cast<long>(r.elapsed_us));
-    put_field(b + kCallAt, 10, "%010ld", static_cast<long>(r.call_us));
+    write_header(cxt, b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str});
+    int64_t elapsed_us = 0, call_us = 0;
+    if (r.timed && !a.time_str.p) {
+        take_service_time(*cxt.ptrc, *r.timed);
+        put_time(b, *r.timed);
+        if (r.since) {
+            elapsed_us = usec_of(*r.timed) - usec_of(*r.since);
+            call_us = r.call_us;
+        }
+    }
+    put_field(b + kElapsedAt, 10, "%010ld", static_cast<long>(elapsed_us));
+    put_field(b + kCallAt, 10, "%010ld", static_cast<long>(call_us));
     put_field(b + kDepthAt, 2, "%0*d", 2, r.depth);
     for (size_t i = 0; i < kind.tail.size(); ++i)
         set_log_field(tail_at(a, i), b + kind.tail[i].offset, kind.tail[i].width);

@@ -6,7 +6,6 @@
 
 #include "api/notice.h"
 #include "api/service.h"
-#include "core/clock.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -151,14 +150,11 @@ int service_end(const ServiceKind& kind, const ServiceArgs& a) {
     set_log_field(level_svc_id(level), cxt.log_body + hdr::kSvcId, sizeof level.svc_id);
     if (outermost) cxt.log_bit |= kEndBit;
 
-    ServiceRecord r{'2', level_gid(level), nullptr, 0, 0, depth};
-    if (!a.time_str.p && outermost && cxt.log_bit != kEndBit) {
-        take_service_time(e, e.svc_end_tv);
-        r.at = &e.svc_end_tv;
-        r.elapsed_us = usec_of(e.svc_end_tv) - usec_of(e.svc_start_tv);
-        r.call_us = e.call_elapsed_sum;
-    }
-    write_service_body(cxt, kind, a, r);
+    // Only an outermost end whose start was recorded measures the service.
+    const bool timed = outermost && cxt.log_bit != kEndBit;
+    write_service_body(cxt, kind, a,
+                       ServiceRecord{'2', level_gid(level), timed ? &e.svc_end_tv : nullptr, &e.svc_start_tv,
+                                     e.call_elapsed_sum, depth});
     int result = tran_logb(cxt, cxt.log_rec);
     if (outermost) {
         e.svc_state = 'g';

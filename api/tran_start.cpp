@@ -17,11 +17,32 @@ constexpr int kSvcPrintMax = 16;
 constexpr int kGidPrintMax = 30;
 constexpr int kGidCompared = 30;
 
-// ICT and ICC open nested levels of other transactions without notice.
+// ICT and ICC open nested levels of other transactions without notice.  A
+// channel type given shorter than three characters is neither.
 bool quiet_channel(Text chnl) {
     if (!chnl.p || (chnl.len >= 0 && chnl.len < 3)) return false;
     return std::strncmp(chnl.p, "ICT", 3) == 0 || std::strncmp(chnl.p, "ICC", 3) == 0;
 }
+
+// The channel type column doubles as the key that arms a snapshot; it is
+// compared with a trade code of up to 15 characters, so it is copied, bounded
+// by what the caller gave, and terminated.
+class SnapshotKey {
+public:
+    explicit SnapshotKey(Text chnl) {
+        if (!chnl.p) return;
+        Printable p = printable_max(chnl, kKeyMax, kKeyMax);
+        std::memcpy(key_, p.p, static_cast<size_t>(p.len));
+        key_[p.len] = '\0';
+        set_ = true;
+    }
+    const char* get() const { return set_ ? key_ : nullptr; }
+
+private:
+    static constexpr int kKeyMax = 15;
+    char key_[kKeyMax + 1] = {};
+    bool set_ = false;
+};
 
 // The argument's first characters (at most 30) equal the kept GID's; an
 // absent GID matches.
@@ -146,18 +167,18 @@ int service_start(const ServiceKind& kind, const ServiceArgs& a) {
         check_open_service(kind, cxt, a);
     }
     set_service_depth(cxt, cxt.service_depth + 1);
-    if (int rc = trace_validate(cxt, '1', kind.start_api, cxt.log_body, a.svc_id.p, a.svc_id.len,
-                                tail_at(a, kTailChnlTypCd).p);
+    SnapshotKey key(tail_at(a, kTailChnlTypCd));
+    if (int rc = trace_validate(cxt, '1', kind.start_api, cxt.log_body, a.svc_id.p, a.svc_id.len, key.get());
         rc != kOk)
         return rc;
     const bool outermost = cxt.service_depth == 1;
     if (outermost) {
         check_log_bit(cxt, a);
         cxt.log_bit = 1;
-        if (!a.time_str.p) take_service_time(*cxt.ptrc, cxt.ptrc->svc_start_tv);
     }
     write_service_body(cxt, kind, a,
-                       ServiceRecord{'1', a.gid, outermost ? &cxt.ptrc->svc_start_tv : nullptr, 0, 0, cxt.service_depth});
+                       ServiceRecord{'1', a.gid, outermost ? &cxt.ptrc->svc_start_tv : nullptr, nullptr, 0,
+                                     cxt.service_depth});
     if (outermost) begin_outermost(kind, cxt);
     push_level(cxt);
     return tran_logb(cxt, cxt.log_rec);

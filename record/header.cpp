@@ -77,7 +77,6 @@ void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const Heade
     if (a.date_str.p) set_log_field(a.date_str, body + hdr::kDate, 8);
     else put_date_now(body);
     if (a.time_str.p) set_log_field(a.time_str, body + hdr::kTime, 12);
-    else if (a.at) put_time(body, *a.at);
     else put_time_now(body);
 }
 

@@ -54,11 +54,10 @@ enum ApiType : char {
 };
 extern const char* const api_type_nm[20];
 
-// The caller's header arguments (each blank when its pointer is null).  The
-// time field is `time_str` when given, else the instant `at`, else now.
+// The caller's header arguments (each blank when its pointer is null; date
+// and time are now when not given).
 struct HeaderArgs {
     Text cls_cd, dtl_cd, gid, pid_str, date_str, time_str;
-    const timeval* at = nullptr;
 };
 
 // Writes log_type, cls_cd, dtl_cd, gid, the pid when given, tid, idx, pidx,
