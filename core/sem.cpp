@@ -30,5 +30,12 @@ void sem_wait(int semid, int semnum) { sem_op(semid, semnum, 0, 0); }
 }  // namespace varnix
 
 extern "C" int init_sem_val(int semid, int semnum, int value) {
-    return semctl(semid, semnum, SETVAL, value) < 0 ? -1 : 1;
+    // The caller defines semun (the system headers do not).
+    union semun {
+        int val;
+        struct semid_ds* buf;
+        unsigned short* array;
+    } arg{};
+    arg.val = value;
+    return semctl(semid, semnum, SETVAL, arg) < 0 ? -1 : 1;
 }

@@ -176,9 +176,9 @@ int read_process_keys(const char* agt_home, int& max_que_cnt) {
     copy_prefix(gvar.tr_section, t.text, 1);
     if (!read_key("IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", 1, t)) return VARNIX_RC_NOT_INIT;
     if (int rc = attach_que_info(static_cast<key_t>(t.num())); rc != kOk) return rc;
-    if (!read_key("TRAN_LOGF", "IDLE_THREAD_RELEASE", 1, t) || !read_key("TRAN_LOGF", "IDLE_THREAD_RELEASE", 2, t2))
-        return VARNIX_RC_NOT_INIT;
+    if (!read_key("TRAN_LOGF", "IDLE_THREAD_RELEASE", 1, t)) return VARNIX_RC_NOT_INIT;
     gvar.idle_thread_release[0] = static_cast<int32_t>(t.num());
+    if (!read_key("TRAN_LOGF", "IDLE_THREAD_RELEASE", 2, t2)) return VARNIX_RC_NOT_INIT;
     gvar.idle_thread_release[1] = static_cast<int32_t>(t2.num());
     if (!read_key("TRAN_LOGF", "INFINITE_LOOP_BASE_CNT", 1, t)) return VARNIX_RC_NOT_INIT;
     gvar.infinite_loop_base_cnt = static_cast<int32_t>(t.num());
@@ -214,9 +214,9 @@ int read_gid_range() {
 // Keys 15 and 16: the DBIO function signature and the abandoned-service time.
 int read_service_keys() {
     Token no{}, nm{}, t{};
-    if (!read_key("DATA_SIGNATURE", "DBIO_FUNC", 1, no) || !read_key("DATA_SIGNATURE", "DBIO_FUNC", 2, nm))
-        return VARNIX_RC_NOT_INIT;
+    if (!read_key("DATA_SIGNATURE", "DBIO_FUNC", 1, no)) return VARNIX_RC_NOT_INIT;
     gvar.dbio_func_no = static_cast<int32_t>(no.num());
+    if (!read_key("DATA_SIGNATURE", "DBIO_FUNC", 2, nm)) return VARNIX_RC_NOT_INIT;
     std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);
     copy_prefix(gvar.dbio_func_nm, nm.text, 10);
     if (!read_key("SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", 1, t)) return VARNIX_RC_NOT_INIT;
@@ -302,23 +302,20 @@ void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid) {
 int apply_fst_err_rc(std::span<int8_t, 128> table, const char* spec) {
     const char* comma = spec ? std::strchr(spec, ',') : nullptr;
     if (!comma || comma == spec) return -1;
-    char digits[32] = {};
-    copy_prefix(digits, spec, static_cast<size_t>(comma - spec));
-    long code = std::strtol(digits, nullptr, 10);
+    // strtol stops at the comma and saturates, so no magnitude below can
+    // overflow; anything beyond -128..128 is refused before indexing.
+    long code = std::strtol(spec, nullptr, 10);
     const char* verdict = comma + 1;
     if (verdict[0] < '0' || verdict[0] > '9' || verdict[1] != '\0') return -1;
     int v = verdict[0] - '0';
-    if (v > 2 || code >= 129) return -1;
+    if (v > 2 || code >= 129 || code <= -129) return -1;
     long magnitude = code < 0 ? -code : code;
     if (magnitude <= 127) {
         table[magnitude] = static_cast<int8_t>(v);
         return 0;
     }
-    if (magnitude == 128) {
-        for (int8_t& e : table) e = static_cast<int8_t>(v);
-        return 0;
-    }
-    return -1;
+    for (int8_t& e : table) e = static_cast<int8_t>(v);  // magnitude 128: every entry
+    return 0;
 }
 
 int is_err_rc(CALL_LVL* lvl) {
@@ -353,12 +350,13 @@ int read_config(void) {
     MutexGuard guard(lock);
     std::time_t now = std::time(nullptr);
     if (now - last_look < 60) return 0;
+    const bool first_look = last_look == 0;
+    last_look = now;
     const char* path = std::getenv("TRAN_AGT_CFG_FILE");
     struct stat st {};
     if (!path || stat(path, &st) != 0) return 0;
-    if (last_look == 0) cur_mtime = st.st_mtime;
+    if (first_look) cur_mtime = st.st_mtime;
     seen_mtime = st.st_mtime;
-    last_look = now;
     if (seen_mtime == cur_mtime) return 0;
     log_printf("@@@ Config-File 수정 확인\n");
     cur_mtime = seen_mtime;

@@ -233,9 +233,13 @@ TEST(FlagEncoders, ReturnCodeVerdicts) {
     EXPECT_EQ(table[100], 2);
     EXPECT_EQ(apply_fst_err_rc(table, "7,1"), 0);
     EXPECT_EQ(table[7], 1);
-    for (const char* bad : {"5,12", "5,3", ",1", "5", "5,", "5,x", "129,1", "-129,1"})
+    // Codes beyond any table entry, however long, are refused, never indexed.
+    for (const char* bad : {"5,12", "5,3", ",1", "5", "5,", "5,x", "129,1", "-129,1", "-9223372036854775808,1",
+                            "-99999999999999999999999,1"})
         EXPECT_EQ(apply_fst_err_rc(table, bad), -1) << bad;
     EXPECT_EQ(table[5], 0);
+    EXPECT_EQ(apply_fst_err_rc(table, "-0000000000000000000000000000000000000000006,1"), 0);  // read whole
+    EXPECT_EQ(table[6], 1);
     EXPECT_EQ(apply_fst_err_rc(table, "128,1"), 0);
     for (int8_t v : table) EXPECT_EQ(v, 1);
     EXPECT_EQ(apply_fst_err_rc(table, "-128,0"), 0);
