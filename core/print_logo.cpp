@@ -9,12 +9,12 @@ namespace {
 
 constexpr std::array<std::string_view, 8> kLogo = {
     "#################################################################################",
-    "##            V       V    AAA    RRRRRR   N     N  IIIII  X     X             ##",
-    "##             V     V    A   A   R     R  NN    N    I     X   X              ##",
-    "##              V   V    AAAAAAA  RRRRRR   N  N  N    I       X                ##",
-    "##               V V     A     A  R   R    N    NN    I     X   X              ##",
-    "##                V      A     A  R    RR  N     N  IIIII  X     X             ##",
-    "##                                                                   ver 8.0   ##",
+    "##      V       V    AAA    RRRRRR   N     N  IIIII  X     X                   ##",
+    "##      V       V   A   A   R     R  NN    N    I     X   X                    ##",
+    "##       V     V   A     A  R     R  N N   N    I      X X                     ##",
+    "##        V   V    AAAAAAA  RRRRRR   N  N  N    I       X                      ##",
+    "##         V V     A     A  R   R    N   N N    I      X X                     ##",
+    "##          V      A     A  R    RR  N    NN  IIIII  XX   XX          ver 8.0  ##",
     "#################################################################################",
 };
 
