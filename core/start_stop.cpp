@@ -172,7 +172,7 @@ extern "C" {
 
 int32_t TRAN_INIT(void) {
     MutexGuard guard(main_lock);
-    if (!guard.owns()) return VARNIX_RC_MUTEX;
+    if (!guard.owns()) return VARNIX_RC_MUTEX;  // the start lock failed: a mutex status, nothing started
     return init_locked();
 }
 
