@@ -8,7 +8,7 @@ namespace {
 
 constexpr uint32_t kBodyMax = sizeof(TRAN_LOG_MSG::text) - sizeof(uint32_t);
 
-constexpr std::array<FieldSpec, 13> kHeader = {{
+constexpr std::array<NamedField, 13> kHeader = {{
     {"log_type", 0, 1},
     {"cls_cd", 2, 2},
     {"dtl_cd", 5, 1},
@@ -24,29 +24,29 @@ constexpr std::array<FieldSpec, 13> kHeader = {{
     {"time", 184, 12},
 }};
 
-constexpr std::array<FieldSpec, 4> kEvent = {{
+constexpr std::array<NamedField, 4> kEvent = {{
     {"evt_no", 197, 4},
     {"recv_svc_cd", 202, 12},
     {"chnl_class", 215, 4},
     {"msg_text", 220, 512},
 }};
 
-constexpr std::array<FieldSpec, 4> kErrinfo = {{
+constexpr std::array<NamedField, 4> kErrinfo = {{
     {"err_no", 197, 4},
     {"recv_svc_cd", 202, 12},
     {"chnl_class", 215, 4},
     {"msg_text", 220, 350},
 }};
 
-constexpr std::array<FieldSpec, 1> kInfo = {{{"msg_text", 197, 350}}};
-constexpr std::array<FieldSpec, 2> kInfoEx = {{{"info_cd", 197, 4}, {"msg_text", 202, 350}}};
+constexpr std::array<NamedField, 1> kInfo = {{{"msg_text", 197, 350}}};
+constexpr std::array<NamedField, 2> kInfoEx = {{{"info_cd", 197, 4}, {"msg_text", 202, 350}}};
 
 #define VARNIX_SERVICE_HEAD_FIELDS                                                                          \
     {"elapsed_us", 197, 10}, {"call_us", 208, 10}, {"depth", 219, 2}, {"tmsg_flag", 222, 1},               \
         {"trsc_grco_br", 224, 6}, {"chnl_typ_cd", 231, 3}, {"recv_svc_cd", 235, 12}, {"scrn_id", 248, 9},   \
         {"emp_no", 258, 7}, {"proc_rslt_dv_cd", 266, 1}, {"std_tmsg_err_cd", 268, 9}
 
-constexpr std::array<FieldSpec, 25> kService = {{
+constexpr std::array<NamedField, 25> kService = {{
     VARNIX_SERVICE_HEAD_FIELDS,
     {"std_tmsg_len", 278, 8},
     {"ipv6_adr", 287, 39},
@@ -64,7 +64,7 @@ constexpr std::array<FieldSpec, 25> kService = {{
     {"opt_flag2", 424, 1},
 }};
 
-constexpr std::array<FieldSpec, 16> kProcessTraceService = {{
+constexpr std::array<NamedField, 16> kProcessTraceService = {{
     VARNIX_SERVICE_HEAD_FIELDS,
     {"pt_param1", 278, 30},
     {"pt_param2", 309, 20},
@@ -79,9 +79,9 @@ constexpr uint32_t kProcessTraceBody = 386;
 
 }  // namespace
 
-std::span<const FieldSpec> header_fields() { return kHeader; }
+std::span<const NamedField> header_fields() { return kHeader; }
 
-std::span<const FieldSpec> body_fields(char log_type, uint32_t body_len) {
+std::span<const NamedField> body_fields(char log_type, uint32_t body_len) {
     switch (log_type) {
         case 'V': return kEvent;
         case 'E': return kErrinfo;
@@ -89,7 +89,7 @@ std::span<const FieldSpec> body_fields(char log_type, uint32_t body_len) {
         case 'X': return kInfoEx;
         case '1':
         case '2':
-        case '9': return body_len == kProcessTraceBody ? std::span<const FieldSpec>(kProcessTraceService) : kService;
+        case '9': return body_len == kProcessTraceBody ? std::span<const NamedField>(kProcessTraceService) : kService;
         default: return {};
     }
 }
@@ -100,7 +100,7 @@ uint32_t body_length(const TRAN_LOG_MSG& m) {
     return n < kBodyMax ? n : kBodyMax;
 }
 
-std::string_view field_text(const TRAN_LOG_MSG& m, const FieldSpec& f) {
+std::string_view field_text(const TRAN_LOG_MSG& m, const NamedField& f) {
     if (f.offset < 0 || f.width <= 0 || static_cast<uint32_t>(f.offset + f.width) > body_length(m)) return {};
     std::string_view v(m.text + sizeof(uint32_t) + f.offset, static_cast<size_t>(f.width));
     size_t end = v.find_last_not_of(' ');
@@ -109,8 +109,8 @@ std::string_view field_text(const TRAN_LOG_MSG& m, const FieldSpec& f) {
 
 std::string describe(const TRAN_LOG_MSG& m) {
     std::string out;
-    auto add = [&](std::span<const FieldSpec> fields) {
-        for (const FieldSpec& f : fields) {
+    auto add = [&](std::span<const NamedField> fields) {
+        for (const NamedField& f : fields) {
             std::string_view v = field_text(m, f);
             if (v.empty()) continue;
             out.append(f.name).append(": ").append(v).append("\n");

@@ -81,7 +81,7 @@ pid_t owner_of_key(key_t key) {
     return (key - kKeyRangeBase) / kKeysPerPid;
 }
 
-std::string config_text(const ConfigSpec& s) {
+std::string config_text(const AgentConfig& s) {
     char buf[4096];
     std::snprintf(buf, sizeof buf,
                   "[COMMON]\n"
@@ -240,19 +240,19 @@ int Collector::drain() const {
     return n;
 }
 
-SVC_HASH* add_service(SVC_HASH_TBL& tbl, const ServiceSpec& spec) {
+SVC_HASH* add_service(SVC_HASH_TBL& tbl, const ServiceListing& listing) {
     if (tbl.svc_free_stk.cnt == 0) return nullptr;
     uint32_t n = svc_hash_pop(&tbl.svc_free_stk);
     if (n >= VARNIX_TBL_ENTRIES) return nullptr;
     SVC_HASH& e = tbl.entry[n];
     std::memset(&e, 0, sizeof e);
     std::memset(e.svc_id, ' ', sizeof e.svc_id);
-    std::memcpy(e.svc_id, spec.svc_id.data(), std::min(spec.svc_id.size(), sizeof e.svc_id));
-    e.svc_flag_set = spec.flags;
-    e.call_trc_depth = spec.call_trc_depth;
-    e.call_trc_limit = spec.call_trc_limit;
-    e.dbio_trc_limit = spec.dbio_trc_limit;
-    e.sql_trc_limit = spec.sql_trc_limit;
+    std::memcpy(e.svc_id, listing.svc_id.data(), std::min(listing.svc_id.size(), sizeof e.svc_id));
+    e.svc_flag_set = listing.flags;
+    e.call_trc_depth = listing.call_trc_depth;
+    e.call_trc_limit = listing.call_trc_limit;
+    e.dbio_trc_limit = listing.dbio_trc_limit;
+    e.sql_trc_limit = listing.sql_trc_limit;
     e.pidx = n;
     e.hidx = get_hidx(e.svc_id, sizeof e.svc_id, VARNIX_HASH_BUCKETS - 1);
     e.prev = -1;

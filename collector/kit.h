@@ -32,7 +32,7 @@ Keys keys_for_pid(pid_t pid);
 pid_t owner_of_key(key_t key);
 
 // Settings of a configuration file, as the kit writes them.
-struct ConfigSpec {
+struct AgentConfig {
     Keys keys;
     std::string log_home;       // COMMON LOG_HOME
     std::string tong_log_home;  // COMMON TONG_LOG_HOME
@@ -52,7 +52,7 @@ struct ConfigSpec {
     std::string dbio_func = "0 DBIO_";
 };
 
-std::string config_text(const ConfigSpec& spec);
+std::string config_text(const AgentConfig& conf);
 bool write_file(const std::string& path, const std::string& text);
 
 // A new message queue of the kind the collector creates (exclusive, 0666),
@@ -112,12 +112,12 @@ void remove_ids(const Collector::Ids& ids);
 // Lists a service in the service table as the collector does: a free entry
 // appended to the chain of its id's bucket, with its own record-class switches
 // (VARNIX_FLAG_*) and call-trace limits.  Null when the table is full.
-struct ServiceSpec {
+struct ServiceListing {
     std::string svc_id;  // up to 16 characters
     uint8_t flags = 0xFF;
     int32_t call_trc_depth = 0;
     int64_t call_trc_limit = 0, dbio_trc_limit = 0, sql_trc_limit = 0;
 };
-SVC_HASH* add_service(SVC_HASH_TBL& tbl, const ServiceSpec& spec);
+SVC_HASH* add_service(SVC_HASH_TBL& tbl, const ServiceListing& listing);
 
 }  // namespace varnix::kit

@@ -79,7 +79,7 @@ int check_gvar(char log_type);
 void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid);
 // The verdict of the return-code table for a finished call level.
 int is_err_rc(CALL_LVL* lvl);
-// Applies one "code,verdict" specification to a return-code table.
-int apply_fst_err_rc(std::span<int8_t, 128> table, const char* spec);
+// Applies one "code,verdict" rule to a return-code table.
+int apply_fst_err_rc(std::span<int8_t, 128> table, const char* rule);
 
 }  // namespace varnix

@@ -299,12 +299,12 @@ void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid) {
     std::fclose(fp);
 }
 
-int apply_fst_err_rc(std::span<int8_t, 128> table, const char* spec) {
-    const char* comma = spec ? std::strchr(spec, ',') : nullptr;
-    if (!comma || comma == spec) return -1;
+int apply_fst_err_rc(std::span<int8_t, 128> table, const char* rule) {
+    const char* comma = rule ? std::strchr(rule, ',') : nullptr;
+    if (!comma || comma == rule) return -1;
     // strtol stops at the comma and saturates, so no magnitude below can
     // overflow; anything beyond -128..128 is refused before indexing.
-    long code = std::strtol(spec, nullptr, 10);
+    long code = std::strtol(rule, nullptr, 10);
     const char* verdict = comma + 1;
     if (verdict[0] < '0' || verdict[0] > '9' || verdict[1] != '\0') return -1;
     int v = verdict[0] - '0';
@@ -339,9 +339,9 @@ uint8_t get_log_flag_set(const char* letters) {
     return set;
 }
 
-int set_fst_err_rc_set(const char* spec) {
+int set_fst_err_rc_set(const char* rule) {
     if (!gvar.fst_err_rc_set) return -1;
-    return apply_fst_err_rc(std::span<int8_t, 128>(gvar.fst_err_rc_set, 128), spec);
+    return apply_fst_err_rc(std::span<int8_t, 128>(gvar.fst_err_rc_set, 128), rule);
 }
 
 int read_config(void) {

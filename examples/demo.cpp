@@ -87,15 +87,15 @@ void show_log(const std::string& dir) {
 }
 
 int run(const std::string& home) {
-    kit::ConfigSpec spec;
-    spec.keys = kit::keys_for_pid(getpid());
-    spec.log_home = "log";
-    spec.tong_log_home = home + "/tong";
+    kit::AgentConfig conf;
+    conf.keys = kit::keys_for_pid(getpid());
+    conf.log_home = "log";
+    conf.tong_log_home = home + "/tong";
     const std::string cfg = home + "/agt/varnix.cfg";
     kit::Collector collector;
-    if (!kit::write_file(cfg, kit::config_text(spec)) || collector.create(cfg.c_str()) != 0) return 1;
+    if (!kit::write_file(cfg, kit::config_text(conf)) || collector.create(cfg.c_str()) != 0) return 1;
     std::printf("collector created its objects from %s (keys from 0x%x)\n", cfg.c_str(),
-                static_cast<unsigned>(spec.keys.que_info));
+                static_cast<unsigned>(conf.keys.que_info));
     if (setenv("TRAN_HOME", home.c_str(), 1) != 0 || setenv("TRAN_AGT_HOME", (home + "/agt").c_str(), 1) != 0 ||
         setenv("TRAN_AGT_CFG_FILE", cfg.c_str(), 1) != 0)
         return 1;

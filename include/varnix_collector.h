@@ -374,7 +374,7 @@ static_assert(sizeof(TRAN_LOG_MSG) == 792, "TRAN_LOG_MSG size");
 
 /* Configuration encoders for the shared block. */
 VARNIX_API uint8_t get_log_flag_set(const char *letters);
-VARNIX_API int set_fst_err_rc_set(const char *spec);
+VARNIX_API int set_fst_err_rc_set(const char *rule);
 VARNIX_API int read_config(void);
 
 /* Table initializers: work on the tables attached by the library. */

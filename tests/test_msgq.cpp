@@ -88,7 +88,7 @@ protected:
     void TearDown() override { ipc_.collector().drain(); }
 
     int qid(int q) const { return ipc_.collector().msgq_id(q); }
-    kit::Keys keys() const { return ipc_.default_spec().keys; }
+    kit::Keys keys() const { return ipc_.default_config().keys; }
 
     TestIpc& ipc_ = TestIpc::get();
 };

@@ -62,7 +62,7 @@ protected:
 };
 
 TEST_F(Sem, CreateAttachesTheCollectorsSetsOnly) {
-    kit::Keys keys = ipc_.default_spec().keys;
+    kit::Keys keys = ipc_.default_config().keys;
     EXPECT_EQ(create_sem(keys.ptrc_sem, 1), ptrc());
     EXPECT_EQ(create_sem(keys.svc_sem, 1), svc());
     EXPECT_EQ(outcome([&] { return create_sem(keys.ptrc_sem, 2); }), failed(EINVAL));

@@ -46,14 +46,14 @@ protected:
     std::string_view svc_field() { return {body(hdr::kSvcId), 16}; }
     TRAN_LOGF_QUE_INFO& sw() { return TestIpc::get().que_info(); }
     SVC_HASH* add_service(const char* id, uint8_t flags) {
-        kit::ServiceSpec spec;
-        spec.svc_id = id;
-        spec.flags = flags;
-        spec.call_trc_depth = 0x107;  // only the low byte is a depth
-        spec.call_trc_limit = 11;
-        spec.dbio_trc_limit = 12;
-        spec.sql_trc_limit = 13;
-        return kit::add_service(*TestIpc::get().collector().svc(), spec);
+        kit::ServiceListing listing;
+        listing.svc_id = id;
+        listing.flags = flags;
+        listing.call_trc_depth = 0x107;  // only the low byte is a depth
+        listing.call_trc_limit = 11;
+        listing.dbio_trc_limit = 12;
+        listing.sql_trc_limit = 13;
+        return kit::add_service(*TestIpc::get().collector().svc(), listing);
     }
 };
 

@@ -428,11 +428,11 @@ TEST_F(CallInfo, AbsentLongAndMeasuredTexts) {
 TEST_F(CallInfo, FilteredDbioRecordsAreSuppressedByTheValidationMark) {
     TestIpc& ipc = TestIpc::get();
     ipc.que_info().svc_filtering = 1;
-    kit::ServiceSpec spec;
-    spec.svc_id = kSvc;
-    spec.flags = static_cast<uint8_t>(0xFF & ~VARNIX_FLAG_B);
-    spec.call_trc_depth = 10;
-    ASSERT_NE(kit::add_service(*ipc.collector().svc(), spec), nullptr);
+    kit::ServiceListing listing;
+    listing.svc_id = kSvc;
+    listing.flags = static_cast<uint8_t>(0xFF & ~VARNIX_FLAG_B);
+    listing.call_trc_depth = 10;
+    ASSERT_NE(kit::add_service(*ipc.collector().svc(), listing), nullptr);
     ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
     ASSERT_EQ(call_start("DBIO_q"), 0);
     age(*e_, 0, kSecond);

@@ -156,7 +156,7 @@ TEST_F(TranInit, EveryMissingKeyFailsWithItsMessage) {
 }
 
 TEST_F(TranInit, MissingIpcObjectsFailWithTheirMessages) {
-    kit::Keys keys = ipc.default_spec().keys;
+    kit::Keys keys = ipc.default_config().keys;
     const int unused = keys.que_info + 7;  // in this process's key block, never created
     struct Case {
         std::string line;

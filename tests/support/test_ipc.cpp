@@ -69,7 +69,7 @@ TestIpc::TestIpc() {
     std::error_code ec;
     std::filesystem::create_directories(log_dir(), ec);
     std::filesystem::create_directories(tong_dir(), ec);
-    if (ec || !write_config(default_spec())) return;
+    if (ec || !write_config(default_config())) return;
     if (collector_.create(cfg_path().c_str()) != 0) return;
     remove_on_crash(collector_.ids());
     std::atexit([] {
@@ -81,30 +81,30 @@ TestIpc::TestIpc() {
     ok_ = true;
 }
 
-kit::ConfigSpec TestIpc::default_spec() const {
-    kit::ConfigSpec spec;
-    spec.keys = kit::keys_for_pid(getpid());
-    spec.log_home = "log";
-    spec.tong_log_home = tong_dir();
-    return spec;
+kit::AgentConfig TestIpc::default_config() const {
+    kit::AgentConfig conf;
+    conf.keys = kit::keys_for_pid(getpid());
+    conf.log_home = "log";
+    conf.tong_log_home = tong_dir();
+    return conf;
 }
 
-bool TestIpc::write_config(const kit::ConfigSpec& spec) const {
-    if (!kit::write_file(cfg_path(), kit::config_text(spec))) return false;
+bool TestIpc::write_config(const kit::AgentConfig& conf) const {
+    if (!kit::write_file(cfg_path(), kit::config_text(conf))) return false;
     return setenv("TRAN_HOME", dir_.c_str(), 1) == 0 && setenv("TRAN_AGT_HOME", (dir_ + "/agt").c_str(), 1) == 0 &&
            setenv("TRAN_AGT_CFG_FILE", cfg_path().c_str(), 1) == 0;
 }
 
 void TestIpc::reset() {
-    kit::ConfigSpec spec = default_spec();
-    write_config(spec);
+    kit::AgentConfig conf = default_config();
+    write_config(conf);
     TRAN_LOGF_QUE_INFO& q = que_info();
     std::memset(&q, 0, sizeof q);
-    q.qcnt = spec.que_cnt;
-    q.que_mask = static_cast<uint32_t>(spec.que_cnt - 1);
+    q.qcnt = conf.que_cnt;
+    q.que_mask = static_cast<uint32_t>(conf.que_cnt - 1);
     q.magic_code = VARNIX_MAGIC_CODE;
-    q.log_flag_set = get_log_flag_set(spec.log_flag_set.c_str());
-    q.call_trc_depth = spec.call_trc_depth;
+    q.log_flag_set = get_log_flag_set(conf.log_flag_set.c_str());
+    q.call_trc_depth = conf.call_trc_depth;
     q.tong_log_flag = '0';
     init_svc_hash_tbl(*collector_.svc());
     collector_.drain();

@@ -27,10 +27,10 @@ public:
     std::string log_dir() const { return dir_ + "/agt/log/proc/libvarnix"; }
 
     // The configuration this binary's collector was created from.
-    kit::ConfigSpec default_spec() const;
+    kit::AgentConfig default_config() const;
     // Rewrites the configuration file (the keys stay this process's) and sets
     // TRAN_HOME, TRAN_AGT_HOME and TRAN_AGT_CFG_FILE for it.
-    bool write_config(const kit::ConfigSpec& spec) const;
+    bool write_config(const kit::AgentConfig& conf) const;
     // Puts back the default configuration and control block, empties the
     // service table and drains the queues.
     void reset();

@@ -73,9 +73,9 @@ inline std::string padded(std::string_view s, size_t width) {
 // The queue a 32-byte GID field picks under the default configuration.
 inline int queue_of_gid(std::string_view gid) {
     std::string field = padded(gid, 32);
-    const kit::ConfigSpec spec = TestIpc::get().default_spec();
-    return static_cast<int>(get_hash_code(field.data() + spec.gid_rng_pos, spec.gid_rng_siz) &
-                            static_cast<uint32_t>(spec.que_cnt - 1));
+    const kit::AgentConfig conf = TestIpc::get().default_config();
+    return static_cast<int>(get_hash_code(field.data() + conf.gid_rng_pos, conf.gid_rng_siz) &
+                            static_cast<uint32_t>(conf.que_cnt - 1));
 }
 
 // Diagnostic log messages appended since the last call, without the
