@@ -84,17 +84,15 @@ int validate_call(MTR_CXT_VAR& cxt, char kind, char api_type) {
 // The context of `tid` with its entry, after the library and record checks.
 int resolve(int32_t tid, char kind, MTR_CXT_VAR** out) {
     if (int rc = check_gvar(kind); rc != kOk) return rc;
-    if (int rc = get_mtr_cxt_var(tid, out); rc != kOk) return rc;
-    return (*out)->ptrc ? kOk : VARNIX_RC_PTRC_FULL;
+    return context_with_entry(tid, out);
 }
 
 // Refuses a DBIO call inside an open DBIO call.
 int check_nesting(const PTRC_HASH& e, char kind, const char* name) {
-    if (kind != kDbio || e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) return kOk;
-    const CALL_LVL& open = e.call_lvl[e.trc_lvl - 1];
-    if (open.call_kind != kDbio) return kOk;
+    const CALL_LVL* open = kind == kDbio ? innermost_call(e) : nullptr;
+    if (!open || open->call_kind != kDbio) return kOk;
     log_printf("<!> log_type error, DBIO_TYPE {%d-%s} can't call in DBIO_TYPE {%d-%s}.", e.total_call_cnt, name,
-               open.call_seq, Name(open.func_nm).s);
+               open->call_seq, Name(open->func_nm).s);
     return VARNIX_RC_DBIO_IN_DBIO;
 }
 

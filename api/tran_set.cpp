@@ -34,19 +34,6 @@ constexpr size_t kNoticeTextSize = 1024;  // the longest time-out notice is well
 constexpr char kNotSubjectToFlags = '_';  // API type 95: checked, whatever the record classes
 constexpr char kDbioKind = 'B';
 
-// The context of `tid` and its process-thread entry: 0, or the retrieval's
-// status (116 when the context has lost its entry).
-int context_with_entry(int32_t tid, MTR_CXT_VAR** out) {
-    if (int rc = get_mtr_cxt_var(tid, out); rc != kOk) return rc;
-    return (*out)->ptrc ? kOk : VARNIX_RC_PTRC_FULL;
-}
-
-// The innermost open traced call of the entry, or null when none is open.
-const CALL_LVL* innermost_call(const PTRC_HASH& e) {
-    int lvl = e.trc_lvl;
-    return lvl >= 1 && lvl <= VARNIX_CALL_LVL_CNT ? &e.call_lvl[lvl - 1] : nullptr;
-}
-
 // Sends event 1810 for an SQL error of the open DBIO call; its result is the
 // event's own business.
 void report_sql_error(int32_t tid, const SvcLevel& level, const CALL_LVL& call, int64_t sqlcode, const char* msg,

@@ -105,11 +105,10 @@ int64_t elapsed_us(const timeval& start, const timeval& end) {
 int open_dbio(MTR_CXT_VAR& cxt, const CALL_LVL** out) {
     if (!cxt.ptrc) return VARNIX_RC_PTRC_FULL;
     if (!current_svc_level(cxt)) return VARNIX_RC_SVC_DEPTH;
-    const int lvl = cxt.ptrc->trc_lvl;
-    if (lvl < 1 || lvl > VARNIX_CALL_LVL_CNT) return VARNIX_RC_CALL_DEPTH;
-    const CALL_LVL& call = cxt.ptrc->call_lvl[lvl - 1];
-    if (call.call_kind != 'B') return VARNIX_RC_SQL_NO_DBIO;
-    *out = &call;
+    const CALL_LVL* call = innermost_call(*cxt.ptrc);
+    if (!call) return VARNIX_RC_CALL_DEPTH;
+    if (call->call_kind != 'B') return VARNIX_RC_SQL_NO_DBIO;
+    *out = call;
     return kOk;
 }
 

@@ -190,4 +190,9 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     return kOk;
 }
 
+int context_with_entry(int32_t tid, MTR_CXT_VAR** out) {
+    if (int rc = get_mtr_cxt_var(tid, out); rc != kOk) return rc;
+    return (*out)->ptrc ? kOk : VARNIX_RC_PTRC_FULL;
+}
+
 }  // namespace varnix

@@ -84,8 +84,17 @@ inline SvcLevel* current_svc_level(MTR_CXT_VAR& cxt) {
     return depth >= 1 && depth <= VARNIX_SVC_DEPTH_MAX ? &cxt.svc_stack[depth - 1] : nullptr;
 }
 
+// The innermost open traced call of the entry, or null when none is open.
+inline const CALL_LVL* innermost_call(const PTRC_HASH& e) {
+    const int lvl = e.trc_lvl;
+    return lvl >= 1 && lvl <= VARNIX_CALL_LVL_CNT ? &e.call_lvl[lvl - 1] : nullptr;
+}
+
 // Finds or creates the context of a thread: 0 with *out set, or 103, 107, 116, 117.
 int get_mtr_cxt_var(int32_t tid, MTR_CXT_VAR** out);
+// The same, for entries that work on the thread's process-thread entry: 116
+// when the context has lost it.
+int context_with_entry(int32_t tid, MTR_CXT_VAR** out);
 // A negative id means the calling thread; any other id is itself the thread id.
 uint64_t get_tid(int32_t tid);
 MTR_CXT_VAR* get_empty_mtr_cxt_var(MTR_CXT_VAR (&pool)[kMtrPerBucket]);
