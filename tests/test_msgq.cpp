@@ -9,12 +9,10 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "core/ipc.h"
-#include "support/interrupter.h"
 #include "support/log_capture.h"
 #include "support/outcome.h"
 #include "support/test_ipc.h"
@@ -154,26 +152,6 @@ TEST_F(Msgq, SendOnAFullQueueFailsAtOnceAndQuietly) {
     }
     EXPECT_EQ(get_msgq_num(qid(2)), 0);
     EXPECT_EQ(send_msgq(qid(2), &extra, VARNIX_REC_TEXT), 0);
-}
-
-TEST_F(Msgq, BlockingReadWaitsThroughSignals) {
-    test::Interrupter interrupter;
-    std::atomic<pid_t> tid{0};
-    Outcome result{};
-    TRAN_LOG_MSG out{};
-    std::thread reader([&] {
-        tid = gettid();
-        result = outcome([&] { return read_msgq(qid(3), 0, &out, VARNIX_REC_TEXT, 0); });
-    });
-    while (tid.load() == 0) std::this_thread::yield();
-    bool interrupted = interrupter.interrupt(reader.native_handle(), tid, {SYS_msgrcv}, 3);
-    TRAN_LOG_MSG in = record(1, 77);
-    ASSERT_EQ(send_msgq(qid(3), &in, VARNIX_REC_TEXT), 0);  // also frees the reader when interrupting failed
-    reader.join();
-
-    EXPECT_TRUE(interrupted);
-    EXPECT_EQ(result, ok(VARNIX_REC_TEXT));
-    EXPECT_EQ(seq_of(out), 77);
 }
 
 TEST_F(Msgq, InvalidIdsFailWithTheSystemsError) {

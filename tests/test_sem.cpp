@@ -8,12 +8,10 @@
 
 #include <atomic>
 #include <cerrno>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "core/ipc.h"
-#include "support/interrupter.h"
 #include "support/outcome.h"
 #include "support/test_ipc.h"
 
@@ -93,50 +91,6 @@ TEST_F(Sem, TheKernelReleasesADeadHoldersLock) {
     // Without the undo flag the lock outlives its holder.
     EXPECT_EQ(in_child([semid] { return sem_lock(semid, 0, 0) == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(value_of(semid), 0);
-}
-
-TEST_F(Sem, LockWaitsThroughSignals) {
-    ASSERT_EQ(sem_lock(ptrc(), 0, kSemUndo), 0);
-    test::Interrupter interrupter;
-    std::atomic<pid_t> tid{0};
-    Outcome result{};
-    std::thread waiter([&] {
-        tid = gettid();
-        result = outcome([&] { return sem_lock(ptrc(), 0, kSemUndo); });
-    });
-    while (tid.load() == 0) std::this_thread::yield();
-    bool interrupted = interrupter.interrupt(waiter.native_handle(), tid, kSemSleepCalls, 3);
-    EXPECT_EQ(value_of(ptrc()), 0);
-    ASSERT_EQ(sem_unlock(ptrc(), 0, kSemUndo), 0);  // hands the lock to the waiter
-    waiter.join();
-
-    EXPECT_TRUE(interrupted);
-    EXPECT_EQ(result, ok(0));
-    EXPECT_EQ(value_of(ptrc()), 0);
-    EXPECT_EQ(sem_unlock(ptrc(), 0, kSemUndo), 0);
-}
-
-TEST_F(Sem, WaitReturnsOnceTheValueIsZero) {
-    ASSERT_EQ(sem_lock(svc(), 0, kSemUndo), 0);
-    sem_wait(svc(), 0);  // zero already: no wait
-    ASSERT_EQ(sem_unlock(svc(), 0, kSemUndo), 0);
-
-    test::Interrupter interrupter;
-    std::atomic<pid_t> tid{0};
-    std::atomic<bool> done{false};
-    std::thread waiter([&] {
-        tid = gettid();
-        sem_wait(svc(), 0);
-        done = true;
-    });
-    while (tid.load() == 0) std::this_thread::yield();
-    bool interrupted = interrupter.interrupt(waiter.native_handle(), tid, kSemSleepCalls, 2);
-    EXPECT_FALSE(done.load());
-    ASSERT_EQ(sem_lock(svc(), 0, kSemUndo), 0);
-    waiter.join();
-    EXPECT_TRUE(interrupted);
-    EXPECT_TRUE(done.load());
-    EXPECT_EQ(sem_unlock(svc(), 0, kSemUndo), 0);
 }
 
 TEST_F(Sem, InitSemValSetsOrRefuses) {

@@ -5,12 +5,10 @@
 #include <atomic>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/gvar.h"
 #include "support/calls.h"
-#include "support/thread_group.h"
 
 namespace varnix::test {
 namespace {
@@ -450,40 +448,6 @@ TEST_F(CallInfo, FilteredDbioRecordsAreSuppressedByTheValidationMark) {
     // BIZCALL records of the service still go.
     ASSERT_EQ(call_start("biz_ok"), 0);
     EXPECT_EQ(finished("biz_ok").level, 1);
-}
-
-// Threads nest calls on their own contexts at the same time; none sees
-// another's levels or counts.
-TEST(CallInfoThreads, EachThreadKeepsItsOwnStack) {
-    ASSERT_EQ(start_tracing(), 0);
-    constexpr int kThreads = 4, kEach = 300;
-    std::atomic<int> failures{0};
-    std::vector<PTRC_HASH*> entries(kThreads);
-    ThreadGroup(kThreads, [&failures, &entries](int t) {
-        MTR_CXT_VAR* cxt = nullptr;
-        if (get_mtr_cxt_var(-1, &cxt) != 0 || open_service(*cxt, "T" + std::to_string(t), kSvc) != 0) {
-            failures.fetch_add(1);
-            return;
-        }
-        entries[t] = cxt->ptrc;
-        cxt->ptrc->call_trc_limit = cxt->ptrc->dbio_trc_limit = 3600 * kSecond;
-        for (int i = 0; i < kEach; ++i) {
-            bool ok = call_start("biz_outer") == 0 && call_start("DBIO_inner") == 0 &&
-                      cxt->ptrc->trc_lvl == 2 && call_finish("DBIO_inner") == VARNIX_RC_DBIO_FAST &&
-                      call_finish("biz_outer") == VARNIX_RC_BIZ_FAST;
-            if (!ok) failures.fetch_add(1);
-        }
-        if (cxt->call_stat.biz_cnt != kEach || cxt->call_stat.dbio_cnt != kEach) failures.fetch_add(1);
-    }).join();
-    EXPECT_EQ(failures.load(), 0);
-    for (PTRC_HASH* e : entries) {
-        ASSERT_NE(e, nullptr);
-        EXPECT_EQ(e->total_call_cnt, 2 * kEach);
-        EXPECT_EQ(e->trc_lvl, 0);
-        EXPECT_EQ(e->call_trc_depth, 0);
-    }
-    EXPECT_EQ(TestIpc::get().collector().drain(), 0);
-    stop_tracing();
 }
 
 }  // namespace

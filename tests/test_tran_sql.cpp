@@ -11,13 +11,11 @@
 #include <cstring>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "api/tran_sql.h"
 #include "core/gvar.h"
 #include "support/calls.h"
-#include "support/thread_group.h"
 #include "support/tracing.h"
 
 namespace varnix::test {
@@ -428,61 +426,6 @@ TEST_F(TranSql, SqlIdIsStoredInTheEntryAndNothingIsSent) {
     EXPECT_EQ(TRAN_SQL_ID(-1, nullptr, 5), 0);
     EXPECT_EQ(std::string_view(e_->sql_id, 200), std::string(200, ' '));
     EXPECT_EQ(collector().drain(), 0);
-}
-
-// Through the real entries: the DBIO call's finish sends the kept statements
-// ahead of its own record, which the SQL records leave intact.
-TEST_F(TranSql, CallFinishSendsTheStatementsBeforeTheCallRecord) {
-    ASSERT_EQ(open_service(*cxt_, gid_, "SVC-REAL-01"), 0);
-    ASSERT_EQ(call_start("DBIO_select(a,b)"), 0);
-    EXPECT_EQ(report("SELECT A", 1, tv(1, 0), tv(1, 10)), 0);
-    EXPECT_EQ(report("SELECT BB", 2, tv(2, 0), tv(2, 20)), 0);
-    EXPECT_EQ(report("SELECT BB", 2, tv(3, 0), tv(3, 30)), 0);
-    EXPECT_EQ(e_->sql_rec_cnt, 2);
-    std::vector<TRAN_LOG_MSG> recs = received(call_finish("DBIO_select"), 3);
-    EXPECT_EQ(body_field(recs[0], 0, 1), "Q");
-    EXPECT_EQ(body_field(recs[0], 56, 17), "SVC-REAL-01      ");
-    EXPECT_EQ(body_field(recs[0], kText, kField), padded("1,2,1,1,0.000010,1,DBIO_select(a),SELECT A", kField));
-    EXPECT_EQ(body_field(recs[1], kText, kField), padded("2,2,1,2,1.000030,2,DBIO_select(a),SELECT BB", kField));
-    const TRAN_LOG_MSG& call = recs[2];
-    EXPECT_EQ(body_field(call, 0, 1), "B");
-    EXPECT_EQ(body_len(call), 548u);
-    EXPECT_EQ(body_field(call, 175, 9), std::string(kFinishDate) + " ");
-    EXPECT_EQ(parse_call_text(call).level, 1);
-    EXPECT_NE(parse_call_text(call).rest.find("[DBIO_select(a,b) at fin_mod"), std::string::npos);
-    EXPECT_EQ(e_->sql_rec_cnt, 0);
-}
-
-// Threads keep their statements apart: every record carries its own
-// thread's GID and text.
-TEST_F(TranSql, ThreadsKeepTheirOwnStatements) {
-    constexpr int kThreads = 4, kEach = 50;
-    std::atomic<int> failures{0};
-    ThreadGroup threads(kThreads, [this, &failures](int t) {
-        MTR_CXT_VAR* cxt = nullptr;
-        if (get_mtr_cxt_var(-1, &cxt) != 0) return void(failures.fetch_add(1));
-        for (int i = 0; i < kEach; ++i) {
-            enter_dbio(*cxt, "T" + std::to_string(t), "DBIO_t");
-            std::string text = "S" + std::to_string(t) + "-" + std::to_string(i);
-            if (report(text.c_str(), 1, tv(1, 0), tv(1, 1)) != 0) failures.fetch_add(1);
-            int rc;
-            while ((rc = close_call()) == VARNIX_RC_SEND_FAIL) std::this_thread::yield();
-            if (rc < 0 || rc > 3) failures.fetch_add(1);
-        }
-    });
-    int count = 0, mismatched = 0;
-    TRAN_LOG_MSG m{};
-    while (count < kThreads * kEach && collector().receive_wait(m, 5000) >= 0) {
-        ++count;
-        // GID "T<n>" and text "S<n>-<i>" behind "1,1,1,1,0.000001,1,DBIO_t,".
-        std::string_view gid = body_field(m, 7, 32);
-        std::string n(gid.substr(1, gid.find(' ') - 1));
-        if (body_field(m, kText + 26, static_cast<int>(n.size()) + 2) != "S" + n + "-") ++mismatched;
-    }
-    threads.join();
-    EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(count, kThreads * kEach);
-    EXPECT_EQ(mismatched, 0);
 }
 
 }  // namespace
