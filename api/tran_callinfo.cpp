@@ -17,6 +17,7 @@
 #include "api/notice.h"
 #include "api/tran_sql.h"
 #include "core/clock.h"
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -348,6 +349,7 @@ int32_t TRAN_CALLINFO_S(int32_t tid, const char*, int32_t, const char*, int32_t,
                         int32_t, const char*, int32_t, const char*, int32_t, const char*, int32_t, const char* module_nm,
                         int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t start_opt,
                         const char* func_nm) {
+    const varnix::EntryGate gate;
     return varnix::callinfo_start(tid, {module_nm, source_nm, line_no, start_opt, func_nm});
 }
 
@@ -356,6 +358,7 @@ int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, con
                         const char* date_str, int32_t date_str_len, const char* time_str, int32_t time_str_len,
                         const char* module_nm, int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t rc,
                         const char* func_nm, int32_t, const char* kind_label, int32_t) {
+    const varnix::EntryGate gate;
     const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len}, Text{dtl_cd, dtl_cd_len}, Text{},
                                     Text{pid_str, pid_str_len}, Text{date_str, date_str_len},
                                     Text{time_str, time_str_len}};

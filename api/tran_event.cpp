@@ -1,5 +1,6 @@
 // Event and error-information records.
 #include "api/notice.h"
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/status.h"
 #include "record/record.h"
@@ -57,7 +58,13 @@ using varnix::Notice;
 
 extern "C" {
 
-int32_t TRAN_EVENT(VARNIX_NOTICE_PARAMS) { return varnix::tran_event(tid, VARNIX_NOTICE); }
-int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS) { return varnix::tran_errinfo(tid, VARNIX_NOTICE); }
+int32_t TRAN_EVENT(VARNIX_NOTICE_PARAMS) {
+    const varnix::EntryGate gate;
+    return varnix::tran_event(tid, VARNIX_NOTICE);
+}
+int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS) {
+    const varnix::EntryGate gate;
+    return varnix::tran_errinfo(tid, VARNIX_NOTICE);
+}
 
 }  // extern "C"

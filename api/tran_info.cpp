@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "api/notice.h"
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -67,6 +68,7 @@ int32_t TRAN_INFO(int32_t tid, const char* cls_cd, int32_t cls_cd_len, const cha
                   const char* gid, int32_t gid_len, const char* svc_id, int32_t svc_id_len, const char* pid_str,
                   int32_t pid_str_len, const char* date_str, int32_t date_str_len, const char* time_str,
                   int32_t time_str_len, const char* msg_text, int32_t msg_text_len) {
+    const varnix::EntryGate gate;
     Notice n{{cls_cd, cls_cd_len},     {dtl_cd, dtl_cd_len},     {gid, gid_len},
              {svc_id, svc_id_len},     {pid_str, pid_str_len},   {date_str, date_str_len},
              {time_str, time_str_len}, {},                       {},
@@ -79,6 +81,7 @@ int32_t TRAN_INFO_EX(int32_t tid, const char* cls_cd, int32_t cls_cd_len, const 
                      int32_t pid_str_len, const char* date_str, int32_t date_str_len, const char* time_str,
                      int32_t time_str_len, const char* info_cd, int32_t info_cd_len, const char* msg_text,
                      int32_t msg_text_len) {
+    const varnix::EntryGate gate;
     Notice n{{cls_cd, cls_cd_len},     {dtl_cd, dtl_cd_len},   {gid, gid_len},
              {svc_id, svc_id_len},     {pid_str, pid_str_len}, {date_str, date_str_len},
              {time_str, time_str_len}, {info_cd, info_cd_len}, {},

@@ -1,6 +1,7 @@
 // The exported service entries: their arguments packed for the shared
 // service code.
 #include "api/service.h"
+#include "core/entry_gate.h"
 #include "varnix.h"
 
 using varnix::ServiceArgs;
@@ -27,26 +28,31 @@ using varnix::Text;
 extern "C" {
 
 int32_t TRAN_START(VARNIX_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
     const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
     return varnix::service_start(varnix::kStandardService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
 }
 
 int32_t TRAN_END(VARNIX_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
     const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
     return varnix::service_end(varnix::kStandardService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
 }
 
 int32_t TRAN_ERROR(VARNIX_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
     const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
     return varnix::service_error(ServiceArgs{VARNIX_SERVICE_HEAD, tail});
 }
 
 int32_t TRAN_PT_START(VARNIX_PT_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
     const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_PT_TAIL};
     return varnix::service_start(varnix::kProcessTraceService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
 }
 
 int32_t TRAN_PT_END(VARNIX_PT_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
     const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_PT_TAIL};
     return varnix::service_end(varnix::kProcessTraceService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
 }

@@ -18,6 +18,7 @@
 #include "api/notice.h"
 #include "context/hash.h"
 #include "core/copy_prefix.h"
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/status.h"
 #include "varnix.h"
@@ -86,6 +87,7 @@ using namespace varnix;
 extern "C" {
 
 int32_t TRAN_SET_TIME(int32_t tid) {
+    const varnix::EntryGate gate;
     if (int rc = check_gvar(kNotSubjectToFlags); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = context_with_entry(tid, &cxt); rc != kOk) return rc;
@@ -95,6 +97,7 @@ int32_t TRAN_SET_TIME(int32_t tid) {
 }
 
 int32_t TRAN_CHECK_SQL_TIME(int32_t tid, int64_t elapsed_us) {
+    const varnix::EntryGate gate;
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = context_with_entry(tid, &cxt); rc != kOk) return rc;
     return elapsed_us < cxt->ptrc->sql_trc_limit ? -1 : kOk;
@@ -106,6 +109,7 @@ int32_t TRAN_GET_HASH_CODE(int64_t, int64_t, int32_t, const char* text) {
 }
 
 int32_t TRAN_SET_DBIO_STS(int32_t tid, int32_t sts) {
+    const varnix::EntryGate gate;
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = context_with_entry(tid, &cxt); rc != kOk) return rc;
     cxt->ptrc->dbio_sts = static_cast<uint8_t>(sts);
@@ -113,6 +117,7 @@ int32_t TRAN_SET_DBIO_STS(int32_t tid, int32_t sts) {
 }
 
 int32_t TRAN_SET_SQLCA_INFO(int32_t tid, int64_t sqlcode, const char* errmsg, int16_t line) {
+    const varnix::EntryGate gate;
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = context_with_entry(tid, &cxt); rc != kOk) return rc;
     const SvcLevel* level = current_svc_level(*cxt);
@@ -140,6 +145,7 @@ int32_t TRAN_SET_DBCONN_INFO(int32_t, const char* db_user, const char* db_sid) {
 }
 
 int32_t TRAN_SET_FETCH_INFO(int32_t tid, int32_t rows, int64_t fetch_us, int16_t line) {
+    const varnix::EntryGate gate;
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = context_with_entry(tid, &cxt); rc != kOk) return rc;
     PTRC_HASH& e = *cxt->ptrc;
@@ -157,6 +163,7 @@ int32_t TRAN_SET_FETCH_INFO(int32_t tid, int32_t rows, int64_t fetch_us, int16_t
 // Called from the application's tpsvctimeout routine: records the time-out,
 // then stops tracing in the whole process.
 int32_t TRAN_SET_SVCTIMEOUT(int32_t tid) {
+    const varnix::EntryGate gate;
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = context_with_entry(tid, &cxt); rc != kOk) return rc;
     cxt->ptrc->svctimeout_flag = 1;

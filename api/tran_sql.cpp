@@ -15,6 +15,7 @@
 #include "api/notice.h"
 #include "core/clock.h"
 #include "core/encoding_util.h"
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -282,11 +283,13 @@ extern "C" {
 int32_t TRAN_SQL_STMT(int32_t tid, int32_t mode, const char* date_str, int32_t date_str_len, const char* time_str,
                       int32_t time_str_len, int32_t sql_no, const void* start_tm, const void* end_tm,
                       const char* sql_text, int32_t /*sql_text_len: the text is measured*/) {
+    const varnix::EntryGate gate;
     return varnix::tran_sql_stmt(tid, {mode, {date_str, date_str_len}, {time_str, time_str_len}, sql_no, start_tm,
                                        end_tm, sql_text});
 }
 
 int32_t TRAN_SQL_ID(int32_t tid, const char* sql_id, int32_t sql_id_len) {
+    const varnix::EntryGate gate;
     return varnix::tran_sql_id(tid, {sql_id, sql_id_len});
 }
 

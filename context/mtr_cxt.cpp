@@ -18,9 +18,9 @@
 #include "context/get_ptrc_hash.h"
 #include "context/mtr_cxt.h"
 #include "context/ptrc_sem.h"
+#include "core/clock.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
-#include "core/mutex.h"
 #include "core/status.h"
 #include "record/log_field.h"
 
@@ -38,11 +38,11 @@ void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* 
 
 // Fills the context taken for `tid` and registers it in the process-thread
 // table: 0, or 116 with the slot left free.
-int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid) {
+int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t ktid) {
     cxt.pid = gvar.pid;
     cxt.tid = tid;
     cxt.idx = bucket.mtr_tid_idx;
-    cxt.ktid = 0;
+    cxt.ktid = ktid;
     {
         PtrcSemGuard sem;
         cxt.ptrc = sem.owns() ? get_ptrc_hash(&cxt) : nullptr;
@@ -74,10 +74,10 @@ MtrIdxEntry* find_entry(MTR_TID_IDX& bucket, uint64_t tid) {
 }
 
 // Adds a context for `tid` at the end of the list and keeps the list sorted.
-int add_context(MTR_TID_IDX& bucket, uint64_t tid, MTR_CXT_VAR** out) {
+int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out) {
     MTR_CXT_VAR* cxt = get_empty_mtr_cxt_var(bucket.mtr_var);
     if (!cxt) return VARNIX_RC_NO_CONTEXT;
-    if (int rc = create_context(bucket, *cxt, tid); rc != kOk) return rc;
+    if (int rc = create_context(bucket, *cxt, tid, ktid); rc != kOk) return rc;
     // Blank service levels: a level read before any service wrote it must
     // not carry NUL bytes or a previous thread's identity into a record.
     std::memset(cxt->svc_stack, ' ', sizeof cxt->svc_stack);
@@ -90,24 +90,45 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, MTR_CXT_VAR** out) {
 }
 
 // A miss: reclaim what can be reclaimed, then add the thread.
-int miss(MTR_TID_IDX& bucket, uint64_t tid, MTR_CXT_VAR** out) {
+int miss(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out) {
     if (bucket.mtr_cnt > 0) {
         PtrcSemGuard sem;
         if (!sem.owns()) return VARNIX_RC_PTRC_FULL;
-        check_mtr_cxt_var(bucket);
+        check_mtr_cxt_var(bucket, ThreadKey{tid, ktid});
     }
     if (bucket.mtr_cnt >= kMtrPerBucket) return VARNIX_RC_NO_CONTEXT;
-    return add_context(bucket, tid, out);
+    return add_context(bucket, tid, ktid, out);
 }
 
+// The bucket mutex is held only for list work and for one bounded semaphore
+// wait, so a waiter gets it soon; the wait is bounded all the same.
+class BucketLock {
+public:
+    explicit BucketLock(pthread_mutex_t& m) : m_(m), rc_(pthread_mutex_trylock(&m)) {
+        if (rc_ != EBUSY) return;
+        const int64_t deadline = monotonic_us() + kBucketWaitUs;
+        const timespec ts{static_cast<time_t>(deadline / 1'000'000), static_cast<long>(deadline % 1'000'000) * 1000};
+        rc_ = pthread_mutex_clocklock(&m, CLOCK_MONOTONIC, &ts);
+    }
+    ~BucketLock() {
+        if (rc_ == 0) (void)pthread_mutex_unlock(&m_);
+    }
+    BucketLock(const BucketLock&) = delete;
+    BucketLock& operator=(const BucketLock&) = delete;
+    // 0, or the status of an entry that could not have the bucket.
+    int status() const { return rc_ == 0 ? kOk : rc_ == ETIMEDOUT ? VARNIX_RC_NO_CONTEXT : VARNIX_RC_MUTEX; }
+
+private:
+    static constexpr int64_t kBucketWaitUs = 50'000;
+    pthread_mutex_t& m_;
+    int rc_;
+};
+
 // Kernel id of the calling thread, asked once per thread.  A forked child's
-// thread inherits the cache but not the id, hence the reset.
+// thread inherits the cache but not the id: the fork handler forgets it.
 thread_local pid_t own_ktid = 0;
-void forget_ktid() { own_ktid = 0; }
 
 pid_t current_ktid() {
-    static const bool cacheable = pthread_atfork(nullptr, nullptr, forget_ktid) == 0;
-    if (!cacheable) return static_cast<pid_t>(syscall(SYS_gettid));
     if (own_ktid == 0) own_ktid = static_cast<pid_t>(syscall(SYS_gettid));
     return own_ktid;
 }
@@ -115,6 +136,24 @@ pid_t current_ktid() {
 // The entry still describes this context's thread.
 bool entry_is_ours(const MTR_CXT_VAR& cxt) {
     return cxt.ptrc && cxt.ptrc->pid == cxt.pid && cxt.ptrc->tid == cxt.tid;
+}
+
+// The context was made by another kernel thread that had the same handle: the
+// handle was handed on after that thread ended, and its state with it must not.
+bool left_by_earlier_thread(const MTR_CXT_VAR& cxt, const ThreadKey& caller) {
+    return caller.ktid != 0 && cxt.ktid != 0 && cxt.ktid != caller.ktid && cxt.tid == caller.tid;
+}
+
+void free_context(MTR_TID_IDX& bucket, int pos, bool alive) {
+    MTR_CXT_VAR& cxt = *bucket.mtr_idx_list[pos].var;
+    const bool ours = entry_is_ours(cxt);
+    log_printf("(I) mtr_tid_idx#%d-%d, tid %lu (thread %s, ptrc %d) resource clear.(%d->%d)", bucket.mtr_tid_idx, pos,
+               static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), alive ? "alive" : "killed",
+               cxt.ptrc ? cxt.ptrc->ptrc_state : 0, bucket.mtr_cnt, bucket.mtr_cnt - 1);
+    if (ours) cxt.ptrc->ptrc_state = VARNIX_PTRC_RELEASED;
+    cxt.in_use = 0;
+    --bucket.mtr_cnt;
+    if (bucket.last_var == &cxt) bucket.last_var = nullptr;
 }
 
 }  // namespace
@@ -129,6 +168,8 @@ MTR_CXT_VAR* get_empty_mtr_cxt_var(MTR_CXT_VAR (&pool)[kMtrPerBucket]) {
 
 int comp_chk_tid(const MtrIdxEntry& a, const MtrIdxEntry& b) { return a.tid < b.tid ? -1 : a.tid > b.tid ? 1 : 0; }
 
+void forget_own_ktid() { own_ktid = 0; }
+
 int isalive(const MTR_CXT_VAR& cxt) {
     // Only a kernel thread id recorded by the thread itself can be tested;
     // ids given by callers (Java thread ids, the process context 0) cannot.
@@ -138,50 +179,46 @@ int isalive(const MTR_CXT_VAR& cxt) {
     return 0;
 }
 
-void check_mtr_cxt_var(MTR_TID_IDX& bucket) {
+void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller) {
     const int count = bucket.mtr_cnt;
     int j = 0;
     for (int i = 0; i < count; ++i) {
-        MtrIdxEntry entry = bucket.mtr_idx_list[i];
-        MTR_CXT_VAR& cxt = *entry.var;
-        bool process_context = entry.tid == 0 && i == 0 && bucket.mtr_tid_idx == 0;
-        bool alive = process_context || isalive(cxt);
+        const MtrIdxEntry entry = bucket.mtr_idx_list[i];
+        const MTR_CXT_VAR& cxt = *entry.var;
+        const bool process_context = entry.tid == 0 && i == 0 && bucket.mtr_tid_idx == 0;
+        const bool alive = process_context || (!left_by_earlier_thread(cxt, caller) && isalive(cxt));
         // A context without an entry, or whose entry now belongs to another
         // thread, has nothing left to keep: it is treated as released.
-        bool ours = entry_is_ours(cxt);
-        if (process_context || (alive && ours && cxt.ptrc->ptrc_state != VARNIX_PTRC_RELEASE_ASKED)) {
+        if (process_context || (alive && entry_is_ours(cxt) && cxt.ptrc->ptrc_state != VARNIX_PTRC_RELEASE_ASKED)) {
             bucket.mtr_idx_list[j++] = entry;
             continue;
         }
-        log_printf("(I) mtr_tid_idx#%d-%d, tid %lu (thread %s, ptrc %d) resource clear.(%d->%d)", bucket.mtr_tid_idx,
-                   i, static_cast<unsigned long>(entry.tid), alive ? "alive" : "killed",
-                   cxt.ptrc ? cxt.ptrc->ptrc_state : 0, bucket.mtr_cnt, bucket.mtr_cnt - 1);
-        if (ours) cxt.ptrc->ptrc_state = VARNIX_PTRC_RELEASED;
-        cxt.in_use = 0;
-        --bucket.mtr_cnt;
-        if (bucket.last_var == &cxt) bucket.last_var = nullptr;
+        free_context(bucket, i, alive);
     }
 }
 
 int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
-    uint64_t tid = get_tid(tid_arg);
-    if (gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return VARNIX_RC_NOT_INIT;
-    pid_t ktid = tid_arg < 0 ? current_ktid() : 0;
-    MTR_TID_IDX& bucket = gvar.mtr_tid_idx[bucket_of(tid)];
-    MutexGuard guard(bucket.mtr_lock);
-    if (!guard.owns()) return VARNIX_RC_MUTEX;
+    const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
+    // Sequentially consistent: read after the entry gate counted the caller.
+    if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
+    MTR_TID_IDX& bucket = gvar.mtr_tid_idx[bucket_of(caller.tid)];
+    BucketLock lock(bucket.mtr_lock);
+    if (int rc = lock.status(); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
-    if (bucket.last_var && bucket.last_var->pid == gvar.pid && bucket.last_var->tid == tid) {
+    if (bucket.last_var && bucket.last_var->pid == gvar.pid && bucket.last_var->tid == caller.tid) {
         cxt = bucket.last_var;
-    } else if (MtrIdxEntry* e = find_entry(bucket, tid)) {
+    } else if (MtrIdxEntry* e = find_entry(bucket, caller.tid)) {
         cxt = e->var;
-    } else if (int rc = miss(bucket, tid, &cxt); rc != kOk) {
-        return rc;
+    }
+    if (cxt && left_by_earlier_thread(*cxt, caller)) cxt = nullptr;  // the miss reclaims it
+    if (!cxt) {
+        if (int rc = miss(bucket, caller.tid, caller.ktid, &cxt); rc != kOk) return rc;
     }
     cxt->lasted_access = std::time(nullptr);
-    // A new thread may get the pthread id of a dead one and with it the old
-    // context: from now on the context's liveness is this thread's.
-    if (ktid != 0) cxt->ktid = ktid;
+    // A context made for an id a caller gave, now used by the thread whose
+    // handle that id is, takes that thread's liveness.
+    if (cxt->ktid == 0) cxt->ktid = caller.ktid;
+    const uint64_t tid = caller.tid;
     if (cxt->ptrc && cxt->ptrc->tid != tid)
         log_printf("<!> get_mtr_cxt_var return error!! tid (%lu) <> get_ptrc-> tid (%lu)[ pid %d, pidx %d ]",
                    static_cast<unsigned long>(tid), static_cast<unsigned long>(cxt->ptrc->tid), cxt->ptrc->pid,

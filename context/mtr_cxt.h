@@ -98,9 +98,18 @@ int context_with_entry(int32_t tid, MTR_CXT_VAR** out);
 // A negative id means the calling thread; any other id is itself the thread id.
 uint64_t get_tid(int32_t tid);
 MTR_CXT_VAR* get_empty_mtr_cxt_var(MTR_CXT_VAR (&pool)[kMtrPerBucket]);
-// Reclaims dead or released contexts of a bucket; the caller holds the bucket
+// The thread an entry works for: its id, and the kernel id of the calling
+// thread when it called for itself (0 for ids a caller gave).
+struct ThreadKey {
+    uint64_t tid;
+    pid_t ktid;
+};
+// Reclaims dead or released contexts of a bucket, and a context that another
+// kernel thread left under the caller's handle; the caller holds the bucket
 // mutex and the process-thread table semaphore.
-void check_mtr_cxt_var(MTR_TID_IDX& bucket);
+void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller = {0, 0});
+// A forked child's thread must ask the kernel for its id again.
+void forget_own_ktid();
 int isalive(const MTR_CXT_VAR& cxt);
 int comp_chk_tid(const MtrIdxEntry& a, const MtrIdxEntry& b);
 // Bucket of a thread id: its lowest byte, or the second-lowest when that is 0.

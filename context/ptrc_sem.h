@@ -1,19 +1,19 @@
-// Holder of the process-thread table semaphore.
+// Holder of the process-thread table semaphore.  The semaphore is shared by
+// every traced process on the host, so a holder that is stopped or slow must
+// not freeze this process's threads: the wait is bounded, and a time-out is
+// reported (at most once a second) and treated like a semaphore that is gone.
 #pragma once
-
-#include "core/gvar.h"
-#include "core/ipc.h"
 
 namespace varnix {
 
-// owns() is false when the semaphore could not be taken (the collector
-// removed it): the table's chains must then be left alone.
+inline constexpr int kPtrcSemWaitMs = 20;
+
+// owns() is false when the semaphore could not be taken in time or the
+// collector removed it: the table's chains must then be left alone.
 class PtrcSemGuard {
 public:
-    PtrcSemGuard() : owned_(sem_lock(gvar.ptrc_hash_semid, 0, kSemUndo) == 0) {}
-    ~PtrcSemGuard() {
-        if (owned_) sem_unlock(gvar.ptrc_hash_semid, 0, kSemUndo);
-    }
+    explicit PtrcSemGuard(int timeout_ms = kPtrcSemWaitMs);
+    ~PtrcSemGuard();
     PtrcSemGuard(const PtrcSemGuard&) = delete;
     PtrcSemGuard& operator=(const PtrcSemGuard&) = delete;
     bool owns() const { return owned_; }

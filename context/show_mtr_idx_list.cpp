@@ -2,14 +2,18 @@
 #include <cstdio>
 #include <ctime>
 
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/mutex.h"
+#include "core/status.h"
 #include "varnix.h"
 
 extern "C" void show_mtr_idx_list(int32_t bucket_no) {
     using namespace varnix;
     if (bucket_no < 0 || bucket_no >= kMtrBuckets) return;
+    const EntryGate gate;
+    if (gvar.init_mark.load() != kInitMarkReady) return;  // the bucket mutexes may be gone
     MTR_TID_IDX& bucket = gvar.mtr_tid_idx[bucket_no];
     MutexGuard guard(bucket.mtr_lock);
     if (!guard.owns()) return;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/time.h>
+#include <time.h>
 
 #include <cstdint>
 
@@ -16,5 +17,12 @@ inline timeval clock_now() {
 
 // Microseconds since the epoch.
 inline int64_t usec_of(const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1'000'000 + tv.tv_usec; }
+
+// Microseconds of the monotonic clock, for deadlines of bounded waits.
+inline int64_t monotonic_us() {
+    timespec ts{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &ts);  // CLOCK_MONOTONIC is always there
+    return static_cast<int64_t>(ts.tv_sec) * 1'000'000 + ts.tv_nsec / 1000;
+}
 
 }  // namespace varnix

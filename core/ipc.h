@@ -18,6 +18,9 @@ int send_msgq(int qid, const void* msg, int size);
 
 int create_sem(key_t key, int nsems);
 int sem_lock(int semid, int semnum, short flags);
+// sem_lock that gives up after timeout_ms (errno EAGAIN): a holder that is
+// stopped or slow must never freeze a host thread.
+int sem_lock_for(int semid, int semnum, short flags, int timeout_ms);
 int sem_unlock(int semid, int semnum, short flags);
 // Waits until the semaphore is zero.  Kept inside the library: its name is
 // that of the POSIX function, which an exported symbol would replace for the

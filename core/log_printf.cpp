@@ -4,7 +4,9 @@
 // name parts, so that the day roll-over (close, then reopen) can never free a
 // stream another thread is writing to.  It is a leaf lock: nothing else is
 // taken while it is held, so it may be used under any other lock of the
-// library.  Time stamps are formatted into per-call buffers.
+// library.  Cancellation is off while it is held (a thread cancelled in the
+// write would keep it for ever).  Time stamps are formatted into per-call
+// buffers.
 #include "core/log_printf.h"
 
 #include <pthread.h>
@@ -19,6 +21,7 @@
 
 #include "core/clock.h"
 #include "core/mutex.h"
+#include "core/no_cancel.h"
 
 namespace varnix {
 namespace {
@@ -52,7 +55,7 @@ int open_log_locked(const char* dir, const char* title, mode_t mask) {
     char path[sizeof log_dir + sizeof log_title + sizeof date_str + 8];
     std::snprintf(path, sizeof path, "%s/%s-%s-log", log_dir, log_title, date_str);
     mode_t old = umask(mask);
-    log_file = std::fopen(path, "a+");
+    log_file = std::fopen(path, "a+e");
     umask(old);
     if (!log_file) return -1;
     std::setvbuf(log_file, nullptr, _IONBF, 0);
@@ -77,18 +80,29 @@ void check_day_locked() {
 }  // namespace
 
 int open_log(const char* dir, const char* title, mode_t mask) {
+    NoCancel no_cancel;
     MutexGuard guard(log_lock);
     return open_log_locked(dir, title, mask);
 }
 
 void close_log() {
+    NoCancel no_cancel;
     MutexGuard guard(log_lock);
     close_log_locked();
 }
 
 void check_day() {
+    NoCancel no_cancel;
     MutexGuard guard(log_lock);
     check_day_locked();
+}
+
+void reset_log_after_fork() {
+    (void)pthread_mutex_init(&log_lock, nullptr);
+    // The stream's own lock may be held by a thread that the child does not
+    // have, so it is dropped rather than closed; the descriptor is closed.
+    if (log_file) (void)close(fileno(log_file));
+    log_file = nullptr;
 }
 
 const char* get_cur_time(std::span<char, 32> out) {
@@ -108,6 +122,7 @@ int log_printf(const char* fmt, ...) {
     if (len < 1) return len;
     char stamp[32];
     get_cur_time(stamp);
+    NoCancel no_cancel;
     MutexGuard guard(log_lock);
     check_day_locked();
     if (!log_file) return len;

@@ -19,6 +19,9 @@ int log_printf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // Reopens the file when the local day changed.
 void check_day();
 
+// In a forked child: a fresh lock, and no stream until the next open_log.
+void reset_log_after_fork();
+
 // "%m-%d %T  " of the local time now, into `out`.
 const char* get_cur_time(std::span<char, 32> out);
 

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 
+#include "core/clock.h"
 #include "core/ipc.h"
 
 namespace varnix {
@@ -18,6 +19,17 @@ int sem_op(int semid, int semnum, short op, short flags) {
 }
 
 }  // namespace
+
+int sem_lock_for(int semid, int semnum, short flags, int timeout_ms) {
+    sembuf sb{static_cast<unsigned short>(semnum), -1, flags};
+    const int64_t deadline = monotonic_us() + static_cast<int64_t>(timeout_ms) * 1000;
+    for (;;) {
+        const int64_t left = deadline - monotonic_us();
+        timespec ts{left > 0 ? left / 1'000'000 : 0, left > 0 ? (left % 1'000'000) * 1000 : 0};
+        if (semtimedop(semid, &sb, 1, &ts) == 0) return 0;
+        if (errno != EINTR) return -1;  // EAGAIN: the time ran out
+    }
+}
 
 int create_sem(key_t key, int nsems) { return semget(key, nsems, kIpcPerm); }
 

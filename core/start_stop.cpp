@@ -2,10 +2,18 @@
 //
 // main_lock serializes the two entries; everything they do happens under it,
 // including the start-up event.  Other threads learn the state only through
-// gvar.init_mark (release on publish, acquire in check_gvar).  Teardown first
-// withdraws init_mark and waits 10 ms for calls already past the check, then
-// takes each bucket mutex in order and, inside it, the process-thread table
-// semaphore once per context: bucket mutex before semaphore, as everywhere.
+// gvar.init_mark and pass the entry gate (core/entry_gate.h) on the way in.
+// Teardown withdraws init_mark and waits, for a bounded time, until the gate
+// shows no caller inside; only then are the contexts closed and the shared
+// blocks detached.  Callers that do not leave in time keep the teardown
+// pending: nothing is detached, TRAN_DONE fails, and the next TRAN_DONE or
+// TRAN_INIT finishes it once they have left.  Closing takes each bucket mutex
+// in order and, inside it, the process-thread table semaphore once per
+// context: bucket mutex before semaphore, as everywhere.
+//
+// A forked child has only the thread that called fork: it is left untraced,
+// with every lock of the library fresh and nothing of its parent's attached,
+// until it calls TRAN_INIT itself.
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -16,9 +24,12 @@
 
 #include "api/notice.h"
 #include "context/ptrc_sem.h"
+#include "core/clock.h"
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/mutex.h"
+#include "core/no_cancel.h"
 #include "core/start_stop.h"
 #include "core/status.h"
 #include "tong/th_job.h"
@@ -32,9 +43,12 @@ namespace varnix {
 namespace {
 
 pthread_mutex_t main_lock = PTHREAD_MUTEX_INITIALIZER;
+bool teardown_pending;  // main_lock: init_mark withdrawn, blocks still attached
+int atfork_rc;          // the fork handler's registration, reported by TRAN_INIT
 
 constexpr int kQueInfoDataBytes = 740;
-constexpr useconds_t kDrainDelayUs = 10'000;
+constexpr int kStopBudgetMs = 100;    // TRAN_DONE returns within about this
+constexpr int kCloseBudgetMs = 30;    // of which closing the contexts may take this
 
 // Wipes the process block and gives every bucket its number and a fresh mutex.
 int clear_gvar() {
@@ -74,6 +88,11 @@ void announce_process_start() {
 }
 
 int init_locked() {
+    if (atfork_rc != 0) log_printf("<!> pthread_atfork error %d", atfork_rc);
+    if (teardown_pending) {
+        if (tran_destroy() != kOk) return VARNIX_RC_NOT_INIT;  // callers of the last run are still inside
+        gvar_cleared = 0;
+    }
     if (gvar_cleared == 0) {
         if (int rc = clear_gvar(); rc != kOk) return rc;
         gvar_cleared = 1;
@@ -103,8 +122,9 @@ const char* yes_no(bool b) { return b ? "true" : "false"; }
 
 // Detaches one context from its process-thread entry.  The entry of a thread
 // that went away inside a service is marked 'h' for the collector.
-void close_context(int bucket_no, int pos, int count, uint64_t list_tid, MTR_CXT_VAR& cxt) {
-    PtrcSemGuard sem;
+void close_context(int bucket_no, int pos, int count, uint64_t list_tid, MTR_CXT_VAR& cxt, int64_t deadline_us) {
+    const int64_t left_us = deadline_us - monotonic_us();
+    PtrcSemGuard sem(left_us > 0 ? static_cast<int>(left_us / 1000) : 0);
     PTRC_HASH* e = cxt.ptrc;
     if (!e) {
         log_printf("(I) mtr_tid_idx[%04d - %d of %d] pid(%d/?\?)-tid(%lu/?\?) closing error. get_ptrc is [ null ]",
@@ -126,22 +146,30 @@ void close_context(int bucket_no, int pos, int count, uint64_t list_tid, MTR_CXT
     cxt.ptrc = nullptr;
 }
 
-void close_bucket(MTR_TID_IDX& bucket) {
-    {
-        MutexGuard guard(bucket.mtr_lock);
-        if (!guard.owns()) return;
-        const int count = bucket.mtr_cnt;
-        for (int i = 0; i < count && i < kMtrPerBucket; ++i)
-            close_context(bucket.mtr_tid_idx, i, count, bucket.mtr_idx_list[i].tid, *bucket.mtr_idx_list[i].var);
+// No caller is inside any more, so every bucket mutex is free.
+void close_bucket(MTR_TID_IDX& bucket, int64_t deadline_us) {
+    if (int rc = pthread_mutex_trylock(&bucket.mtr_lock); rc != 0) {
+        log_printf("<!> pthread_mutex_lock error %d", rc);
+        return;
     }
+    const int count = bucket.mtr_cnt;
+    for (int i = 0; i < count && i < kMtrPerBucket; ++i)
+        close_context(bucket.mtr_tid_idx, i, count, bucket.mtr_idx_list[i].tid, *bucket.mtr_idx_list[i].var,
+                      deadline_us);
+    (void)pthread_mutex_unlock(&bucket.mtr_lock);  // ours, locked just now
     if (int rc = pthread_mutex_destroy(&bucket.mtr_lock); rc != 0) log_printf("<!> pthread_mutex_destroy error %d", rc);
 }
 
-int detach(void* addr, const char* what) {
+template <typename Block>
+int detach(Block*& addr, const char* what) {
     if (!addr) return kOk;
     int rc = shmdt(addr);
-    if (rc != 0) log_printf("<!> %s shmdt error %d", what, rc);
-    return rc;
+    if (rc != 0) {
+        log_printf("<!> %s shmdt error %d", what, rc);
+        return rc;
+    }
+    addr = nullptr;
+    return kOk;
 }
 
 int detach_blocks() {
@@ -150,13 +178,51 @@ int detach_blocks() {
     return detach(gvar.ptrc_hash_tbl, "ptrc_hash_tbl");
 }
 
+// Withdraws init_mark (sequentially consistent: see the entry gate) and waits
+// for the callers that saw it.  False when some are still inside.
+bool withdraw() {
+    if (!teardown_pending) {
+        gvar.init_mark.store(0);
+        wake_th_job();
+        teardown_pending = true;
+    }
+    if (!wait_callers_out(kStopBudgetMs - kCloseBudgetMs)) {
+        log_printf("<!> tran_destroy() callers still inside after %d ms, shared memory kept attached",
+                   kStopBudgetMs - kCloseBudgetMs);
+        return false;
+    }
+    teardown_pending = false;
+    return true;
+}
+
+// The child of a fork: nothing of the parent's is to be touched, and what the
+// parent's other threads held is held by nobody here.
+void after_fork_in_child() {
+    (void)pthread_mutex_init(&main_lock, nullptr);
+    gvar.init_mark.store(0, std::memory_order_relaxed);
+    gvar.svctimeout_mark.store(0, std::memory_order_relaxed);
+    // The child's own mappings; the parent keeps its own.  A failure leaves
+    // a mapping nobody reads.
+    (void)detach_blocks();
+    gvar_cleared = 0;
+    teardown_pending = false;
+    reset_gate_after_fork();
+    forget_own_ktid();
+    reset_log_after_fork();
+    reset_th_job_after_fork();
+}
+
+__attribute__((constructor)) void register_fork_handler() {
+    atfork_rc = pthread_atfork(nullptr, nullptr, after_fork_in_child);
+}
+
 }  // namespace
 
 int tran_destroy() {
-    if (gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return kOk;
-    gvar.init_mark.store(0, std::memory_order_release);
-    usleep(kDrainDelayUs);
-    for (MTR_TID_IDX& bucket : gvar.mtr_tid_idx) close_bucket(bucket);
+    if (!teardown_pending && gvar.init_mark.load() != kInitMarkReady) return kOk;
+    if (!withdraw()) return -1;
+    const int64_t close_deadline = monotonic_us() + kCloseBudgetMs * 1000;
+    for (MTR_TID_IDX& bucket : gvar.mtr_tid_idx) close_bucket(bucket, close_deadline);
     if (int rc = detach_blocks(); rc != 0) return rc;
     log_printf("(I) [SHARED_LIB] tran_destroy() [%s] complete.. proc_nm : %s %s(%d)", kVersionBanner, gvar.proc_nm,
                gvar.cont_nm, static_cast<int>(getpid()));
@@ -171,12 +237,14 @@ using namespace varnix;
 extern "C" {
 
 int32_t TRAN_INIT(void) {
+    NoCancel no_cancel;
     MutexGuard guard(main_lock);
     if (!guard.owns()) return VARNIX_RC_MUTEX;  // the start lock failed: a mutex status, nothing started
     return init_locked();
 }
 
 int32_t TRAN_DONE(void) {
+    NoCancel no_cancel;
     MutexGuard guard(main_lock);
     if (!guard.owns()) return -1;
     if (tran_destroy() < 0) {

@@ -20,6 +20,7 @@
 
 #include "core/copy_prefix.h"
 #include "core/encoding_util.h"
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/ipc.h"
 #include "core/log_printf.h"
@@ -277,7 +278,8 @@ int tran_init() {
 }
 
 int check_gvar(char log_type) {
-    if (gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return VARNIX_RC_NOT_INIT;
+    // Sequentially consistent: read after the entry gate counted the caller.
+    if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
     if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
     int32_t qcnt = shm_load(gvar.qcnt);
     if (gvar.que_info_shmid < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT) return VARNIX_RC_NO_QUE_INFO;
@@ -340,7 +342,8 @@ uint8_t get_log_flag_set(const char* letters) {
 }
 
 int set_fst_err_rc_set(const char* rule) {
-    if (!gvar.fst_err_rc_set) return -1;
+    const EntryGate gate;
+    if (gvar.init_mark.load() != kInitMarkReady || !gvar.fst_err_rc_set) return -1;
     return apply_fst_err_rc(std::span<int8_t, 128>(gvar.fst_err_rc_set, 128), rule);
 }
 

@@ -246,10 +246,12 @@ TEST(FlagEncoders, ReturnCodeVerdicts) {
     for (int8_t v : table) EXPECT_EQ(v, 0);
 
     // The exported encoder works on the attached control block, and refuses without one.
+    const int32_t saved_mark = gvar.init_mark.load();
     int8_t* saved = gvar.fst_err_rc_set;
-    gvar.fst_err_rc_set = nullptr;
-    EXPECT_EQ(set_fst_err_rc_set("-1,2"), -1);
     gvar.fst_err_rc_set = table;
+    gvar.init_mark.store(0);
+    EXPECT_EQ(set_fst_err_rc_set("-1,2"), -1);
+    gvar.init_mark.store(kInitMarkReady);
     EXPECT_EQ(set_fst_err_rc_set("-1,2"), 0);
     EXPECT_EQ(table[1], 2);
 
@@ -268,6 +270,7 @@ TEST(FlagEncoders, ReturnCodeVerdicts) {
     EXPECT_EQ(is_err_rc(&lvl), 0);
     EXPECT_EQ(lvl.rc, 99);
     gvar.fst_err_rc_set = saved;
+    gvar.init_mark.store(saved_mark);
 }
 
 TEST(ProcessNames, FromProcAndContainerName) {

@@ -21,13 +21,17 @@
 // stops within one record or one idle step even when init_mark is already
 // back at 1111, and a start that a later one overtook creates nothing.
 //
+// Idling.  With nothing to write the writer waits on idle_cv for one idle
+// step.  It checks that it should go on under idle_lock, and whoever ends its
+// run (TRAN_DONE, the next start) changes the state first and then signals
+// under idle_lock, so the writer leaves at once instead of after its step.
+//
 // Cancellation is enabled only between records (before one is taken, and
 // while idling), never with a record in hand.
 #include "tong/th_job.h"
 
 #include <pthread.h>
 #include <signal.h>
-#include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -40,9 +44,11 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/clock.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/mutex.h"
+#include "core/no_cancel.h"
 #include "core/status.h"
 #include "tong/deffered_que.h"
 #include "tong/tong_slot.h"
@@ -56,7 +62,7 @@ namespace varnix {
 namespace {
 
 constexpr int kPathSize = 128;  // paths of at most 127 characters
-constexpr suseconds_t kIdleUsec = 300000;
+constexpr int64_t kIdleUs = 300'000;
 constexpr int kNoWriter = -1;
 
 struct WriterHandle {
@@ -70,6 +76,8 @@ pthread_mutex_t th_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t th_ended = PTHREAD_COND_INITIALIZER;
 WriterHandle writer;
 std::atomic<uint32_t> th_generation;
+pthread_mutex_t idle_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t idle_cv = PTHREAD_COND_INITIALIZER;
 
 // Writer thread only.
 char date_str[32];
@@ -114,7 +122,7 @@ void open_tong_file() {
     if (compose_path()) {
         // Files are created 0666: the collector and its tools run as other users.
         mode_t old = umask(0);
-        tong_fp = std::fopen(tong_path, "a");
+        tong_fp = std::fopen(tong_path, "ae");
         umask(old);
         // Unbuffered, so that the write meets the file itself and its item
         // count tells whether the record got there.  Should this fail, the
@@ -151,30 +159,29 @@ int set_cancel(int state) {
     return old;
 }
 
-// Keeps a host thread from being cancelled while it holds th_lock or waits
-// under it: its guard would not be unwound, th_lock would stay taken, and the
-// writer, which needs th_lock once more to end, could never be joined.
-class NoCancel {
-public:
-    NoCancel() : old_(set_cancel(PTHREAD_CANCEL_DISABLE)) {}
-    ~NoCancel() { (void)set_cancel(old_); }
-    NoCancel(const NoCancel&) = delete;
-    NoCancel& operator=(const NoCancel&) = delete;
+bool keep_running(uint32_t generation);
 
-private:
-    int old_;
-};
+void unlock_idle(void*) { (void)pthread_mutex_unlock(&idle_lock); }
+
+// One idle step, cut short by wake_th_job.  A cancellation point.
+void idle(uint32_t generation) {
+    if (pthread_mutex_lock(&idle_lock) != 0) return;
+    pthread_cleanup_push(unlock_idle, nullptr);
+    if (keep_running(generation)) {
+        const int64_t until = monotonic_us() + kIdleUs;
+        const timespec ts{static_cast<time_t>(until / 1'000'000), static_cast<long>(until % 1'000'000) * 1000};
+        (void)pthread_cond_clockwait(&idle_cv, &idle_lock, CLOCK_MONOTONIC, &ts);  // a time-out is the idle step
+    }
+    pthread_cleanup_pop(1);
+}
 
 // The writer's only cancellation point: before a record is taken, and while
 // idling.
-const DeferredSlot* next_record() {
+const DeferredSlot* next_record(uint32_t generation) {
     set_cancel(PTHREAD_CANCEL_ENABLE);
     pthread_testcancel();
     const DeferredSlot* slot = get_deffered_que();
-    if (!slot) {
-        timeval idle{0, kIdleUsec};
-        (void)select(0, nullptr, nullptr, nullptr, &idle);  // a signal only shortens this idle step
-    }
+    if (!slot) idle(generation);
     set_cancel(PTHREAD_CANCEL_DISABLE);
     return slot;
 }
@@ -207,7 +214,7 @@ void* th_job(void* arg) {
     set_cancel(PTHREAD_CANCEL_DISABLE);
     pthread_cleanup_push(writer_left, nullptr);
     while (keep_running(generation)) {
-        if (const DeferredSlot* slot = next_record()) store_record(*slot);
+        if (const DeferredSlot* slot = next_record(generation)) store_record(*slot);
     }
     pthread_cleanup_pop(1);
     return nullptr;
@@ -231,6 +238,7 @@ int join_writer_locked() {
 // Caller holds th_lock.
 int start_locked() {
     const uint32_t generation = th_generation.fetch_add(1, std::memory_order_acq_rel) + 1;
+    wake_th_job();
     if (int rc = join_writer_locked(); rc > 0) {
         log_printf("<!> cannot join main_thread.");
         return rc;
@@ -249,6 +257,22 @@ int start_locked() {
 }
 
 }  // namespace
+
+void wake_th_job() {
+    if (pthread_mutex_lock(&idle_lock) != 0) return;
+    (void)pthread_cond_broadcast(&idle_cv);
+    (void)pthread_mutex_unlock(&idle_lock);
+}
+
+void reset_th_job_after_fork() {
+    for (pthread_mutex_t* m : {&th_lock, &idle_lock}) (void)pthread_mutex_init(m, nullptr);
+    for (pthread_cond_t* c : {&th_ended, &idle_cv}) (void)pthread_cond_init(c, nullptr);
+    writer = WriterHandle{};  // the parent's writer does not run here
+    // The parent's file is the parent's: the child writes a file of its own pid.
+    if (tong_fp) (void)close(fileno(tong_fp));
+    tong_fp = nullptr;
+    date_known = false;
+}
 
 int start_th_job() {
     NoCancel no_cancel;

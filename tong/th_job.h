@@ -11,5 +11,10 @@ namespace varnix {
 // an earlier one is stopped and joined first, so only one ever consumes the
 // queue.  0, or the pthread error that prevented the start.
 int start_th_job();
+// Ends the writer's idle step at once, so that it sees a stop or a newer
+// start without waiting it out.
+void wake_th_job();
+// In a forked child: no writer, fresh locks, no data file.
+void reset_th_job_after_fork();
 
 }  // namespace varnix

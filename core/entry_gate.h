@@ -1,0 +1,55 @@
+// The entry gate: every public entry that reaches the process block or the
+// shared blocks holds an EntryGate for its whole run, so that the library's
+// stop can tell when no caller is inside any more before it detaches what
+// those callers read.
+//
+// Callers count themselves in one of a few counters picked by their thread,
+// so that threads on different cores do not share a cache line.  The count
+// is raised (sequentially consistent) before the caller reads init_mark, and
+// the stop clears init_mark (sequentially consistent) before it reads the
+// counts: either the caller sees the cleared mark and leaves without touching
+// anything, or the stop sees the caller and waits for it.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "core/no_cancel.h"
+
+namespace varnix {
+
+inline constexpr int kGateStripes = 32;
+
+struct alignas(64) GateStripe {
+    std::atomic<int32_t> inside{0};
+};
+extern GateStripe gate_stripes[kGateStripes];
+
+inline GateStripe& gate_stripe() {
+    // Thread handles are aligned addresses: the bits above the page offset
+    // differ between threads.
+    const auto h = static_cast<uintptr_t>(pthread_self());
+    return gate_stripes[((h >> 12) ^ (h >> 21)) % kGateStripes];
+}
+
+class EntryGate {
+public:
+    EntryGate() : stripe_(gate_stripe()) { stripe_.inside.fetch_add(1, std::memory_order_seq_cst); }
+    ~EntryGate() { stripe_.inside.fetch_sub(1, std::memory_order_release); }
+    EntryGate(const EntryGate&) = delete;
+    EntryGate& operator=(const EntryGate&) = delete;
+
+private:
+    NoCancel no_cancel_;
+    GateStripe& stripe_;
+};
+
+// After init_mark has been withdrawn: waits until no caller that saw it set
+// is still inside, for at most `budget_ms`.  True when none is.
+bool wait_callers_out(int budget_ms);
+// A forked child has only the thread that forked.
+void reset_gate_after_fork();
+
+}  // namespace varnix
