@@ -48,7 +48,7 @@ int atfork_rc;          // the fork handler's registration, reported by TRAN_INI
 
 constexpr int kQueInfoDataBytes = 740;
 constexpr int kStopBudgetMs = 100;    // TRAN_DONE returns within about this
-constexpr int kCloseBudgetMs = 30;    // of which closing the contexts may take this
+constexpr int kCloseBudgetMs = 20;    // of which closing the contexts may take this
 
 // Wipes the process block and gives every bucket its number and a fresh mutex.
 int clear_gvar() {

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "core/gvar.h"
+#include "support/service_calls.h"
 #include "support/tracing.h"
 
 namespace varnix::test {
@@ -92,6 +93,39 @@ TEST_F(MtrCxt, DeadThreadIsReclaimedOnTheNextMissOfItsBucket) {
                                  created_line(other, bucket, count)}));
     EXPECT_EQ(entry->ptrc_state, VARNIX_PTRC_RELEASED);
     EXPECT_EQ(b.mtr_cnt, count);
+}
+
+// The handle of an ended thread goes to the next new thread: that thread
+// starts afresh instead of inheriting the ended one's open service.
+TEST_F(MtrCxt, ReusedThreadHandleStartsFresh) {
+    pthread_t first{};
+    PTRC_HASH* old_entry = nullptr;
+    std::thread([&] {
+        ServiceCall s;
+        s.gid = "ENDED-GID";
+        s.svc_id = "SVC-ENDED";
+        MTR_CXT_VAR* cxt = nullptr;
+        if (call(TRAN_START, s) < VARNIX_MAX_QUE_CNT && get_mtr_cxt_var(-1, &cxt) == 0) old_entry = cxt->ptrc;
+        first = pthread_self();
+    }).join();
+    ASSERT_NE(old_entry, nullptr);
+    TestIpc::get().collector().drain();
+    bool reused = false;
+    MTR_CXT_VAR* fresh = nullptr;
+    for (int i = 0; i < 20 && !reused; ++i) {
+        std::thread([&] {
+            if (!pthread_equal(pthread_self(), first)) return;
+            reused = true;
+            ASSERT_EQ(get_mtr_cxt_var(-1, &fresh), 0);
+        }).join();
+    }
+    if (!reused) GTEST_SKIP() << "no thread got the ended thread's handle";
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(fresh->service_depth, 0);
+    EXPECT_EQ(fresh->log_bit, 0);
+    EXPECT_NE(fresh->ptrc, old_entry);
+    EXPECT_EQ(old_entry->ptrc_state, VARNIX_PTRC_RELEASED);
+    EXPECT_EQ(fresh->ptrc->service_depth, 0);
 }
 
 TEST_F(MtrCxt, FullProcessThreadTableGives116AndKeepsTheSlotFree) {

@@ -1,19 +1,84 @@
-// TRAN_INIT and TRAN_DONE in this test process against its collector.
+// TRAN_INIT and TRAN_DONE in this test process against its collector: the
+// start and stop themselves, stopping and restarting under load, forked
+// children, and the collector's faults.
 #include <gtest/gtest.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <thread>
 
+#include "core/entry_gate.h"
 #include "core/gvar.h"
+#include "core/ipc.h"
 #include "core/start_stop.h"
 #include "core/status.h"
+#include "support/drainer.h"
+#include "support/service_calls.h"
+#include "support/thread_group.h"
 #include "support/tracing.h"
 
 namespace varnix::test {
 namespace {
+
+using Lines = std::vector<std::string>;
+using std::chrono::steady_clock;
+
+int32_t event(const char* code = "1") {
+    return TRAN_EVENT(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, code, -1,
+                      nullptr, 0, nullptr, 0, nullptr, 0);
+}
+
+bool sent(int32_t rc) { return rc >= 0 && rc < VARNIX_MAX_QUE_CNT; }
+// Sent, or refused by a queue that busy threads filled up.
+bool traced(int32_t rc) { return sent(rc) || rc == VARNIX_RC_SEND_FAIL; }
+
+int64_t ms_since(steady_clock::time_point t0) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - t0).count();
+}
+
+int init_quietly() {
+    testing::internal::CaptureStdout();
+    int rc = TRAN_INIT();
+    testing::internal::GetCapturedStdout();
+    return rc;
+}
+
+// Runs `body` in a forked child (standard output discarded) and returns its
+// exit status, or -1 when it had not ended after 10 s and was killed.
+template <typename Body>
+int run_forked(Body body) {
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (!std::freopen("/dev/null", "w", stdout)) _exit(99);
+        _exit(body());
+    }
+    if (pid < 0) return -2;
+    int status = 0;
+    for (int i = 0; i < 1000; ++i) {
+        if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -3;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return -1;
+}
+
+// ThreadSanitizer cannot follow a process that forks while threads run.
+bool forks_unsupported() {
+#if defined(__SANITIZE_THREAD__)
+    return true;
+#else
+    return false;
+#endif
+}
 
 std::string today() {
     std::time_t now = std::time(nullptr);
@@ -108,9 +173,7 @@ TEST_F(StartStop, SecondInitRefusesAndStopsTracingUntilRestarted) {
     EXPECT_EQ(TRAN_INIT(), VARNIX_RC_ALREADY_INIT);
     EXPECT_EQ(log.take(), std::vector<std::string>{"<!> already TRAN_INIT API initialized."});
     EXPECT_EQ(gvar_cleared, 2);
-    EXPECT_EQ(TRAN_EVENT(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, "1",
-                         -1, nullptr, 0, nullptr, 0, nullptr, 0),
-              VARNIX_RC_NOT_INIT);
+    EXPECT_EQ(event(), VARNIX_RC_NOT_INIT);
     // Nothing was attached any more to detach, but the next start clears again.
     EXPECT_EQ(TRAN_DONE(), 0);
     EXPECT_EQ(gvar_cleared, 0);
@@ -128,9 +191,7 @@ TEST_F(StartStop, MissingEnvironmentFailsAndApisReport103) {
     ASSERT_EQ(setenv("TRAN_HOME", home.c_str(), 1), 0);
     EXPECT_EQ(rc, VARNIX_RC_NO_ENV);
     EXPECT_EQ(gvar.init_mark.load(), kInitMarkFailed);
-    EXPECT_EQ(TRAN_EVENT(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, "1",
-                         -1, nullptr, 0, nullptr, 0, nullptr, 0),
-              VARNIX_RC_NOT_INIT);
+    EXPECT_EQ(event(), VARNIX_RC_NOT_INIT);
 }
 
 // TRAN_DONE detaches every context; a thread that was registered is marked
@@ -140,8 +201,7 @@ TEST_F(StartStop, DoneDetachesContextsAndMarksThreadEntries) {
     uint64_t worker_tid = 0;
     std::thread([&] {
         worker_tid = static_cast<uint64_t>(pthread_self());
-        TRAN_EVENT(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, "1", -1,
-                   nullptr, 0, nullptr, 0, nullptr, 0);
+        event();
     }).join();
     TestIpc::get().collector().drain();
     PTRC_HASH* worker = const_cast<PTRC_HASH*>(entry_of(getpid(), worker_tid));
@@ -219,6 +279,202 @@ TEST_F(StartStop, TwoProcessesKeepSeparateEntries) {
     EXPECT_EQ(body_field(m, 197, 4), "7777");
     EXPECT_EQ(body_field(m, 138, 9), pid8);
     EXPECT_EQ(TestIpc::get().collector().drain(), 0);
+}
+
+// A stop while threads trace lets the callers inside finish, refuses new ones
+// and returns at once; a restart right after it traces again.
+TEST_F(StartStop, StopAndRestartWhileThreadsTrace) {
+    ASSERT_EQ(start_tracing(), 0);
+    Drainer drainer;
+    std::atomic<bool> stop{false};
+    std::atomic<int32_t> unexpected{0};
+    ThreadGroup tracers(6, [&](int t) {
+        ServiceCall s;
+        s.gid = "GID-" + std::to_string(t);
+        s.svc_id = "SVC-LOAD";
+        while (!stop.load()) {
+            // A restart between a start and its end leaves the end without a service.
+            for (int32_t rc : {call(TRAN_START, s), event(), call(TRAN_END, s)})
+                if (!traced(rc) && rc != VARNIX_RC_NOT_INIT && rc != VARNIX_RC_NO_SERVICE && rc != VARNIX_RC_SVC_DEPTH)
+                    unexpected.store(rc);
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        const auto t0 = steady_clock::now();
+        // -1: a caller was kept from leaving in time (a busy machine), and
+        // the stop stays pending until a start finds it gone.
+        const int32_t done = TRAN_DONE();
+        EXPECT_TRUE(done == 0 || done == -1);
+        EXPECT_LT(ms_since(t0), 1000);
+        EXPECT_EQ(event(), VARNIX_RC_NOT_INIT);
+        int32_t init = init_quietly();
+        for (int retry = 0; init == VARNIX_RC_NOT_INIT && retry < 20; ++retry) init = init_quietly();
+        EXPECT_EQ(init, 0);
+    }
+    stop.store(true);
+    tracers.join();
+    EXPECT_EQ(unexpected.load(), 0);
+}
+
+// A caller that does not leave keeps the shared blocks attached: the stop
+// fails at once instead of detaching under it, and the next start finishes
+// the stop once the caller has left.
+TEST_F(StartStop, CallerStillInsideKeepsTheStopPending) {
+    ASSERT_EQ(start_tracing(), 0);
+    std::optional<EntryGate> stuck;
+    stuck.emplace();
+    LogTail log;
+    const auto t0 = steady_clock::now();
+    EXPECT_EQ(TRAN_DONE(), -1);
+    EXPECT_LT(ms_since(t0), 1000);
+    const Lines lines = log.take();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0], "<!> tran_destroy() callers still inside after 80 ms, shared memory kept attached");
+    EXPECT_EQ(TestIpc::get().que_info().magic_code, *gvar.magic_code);  // still attached
+    EXPECT_EQ(event(), VARNIX_RC_NOT_INIT);
+    EXPECT_EQ(init_quietly(), VARNIX_RC_NOT_INIT);
+    stuck.reset();
+    EXPECT_EQ(init_quietly(), 0);
+    EXPECT_EQ(gvar_cleared, 1);
+    EXPECT_TRUE(sent(event()));
+}
+
+// Servers that fork workers: a child is untraced and touches nothing of the
+// parent's until it starts tracing itself, which then works at once, however
+// busy the parent's threads were when it forked.
+TEST_F(StartStop, ForkedChildrenAreUntracedUntilTheyStartThemselves) {
+    if (forks_unsupported()) GTEST_SKIP() << "fork with running threads";
+    ASSERT_EQ(start_tracing(), 0);
+    ASSERT_TRUE(sent(event()));
+    const PTRC_HASH* mine = entry_of(getpid(), static_cast<uint64_t>(pthread_self()));
+    ASSERT_NE(mine, nullptr);
+    const int8_t depth = mine->service_depth;
+    const char state = mine->svc_state;
+    Drainer drainer;
+    std::atomic<bool> stop{false};
+    ThreadGroup tracers(4, [&](int t) {
+        ServiceCall s;
+        s.gid = "PARENT-" + std::to_string(t);
+        s.svc_id = "SVC-PARENT";
+        while (!stop.load()) {
+            call(TRAN_START, s);
+            event();
+            call(TRAN_END, s);
+        }
+    });
+    for (int i = 0; i < 8; ++i) {
+        const int status = run_forked([] {
+            ServiceCall s;
+            s.gid = "CHILD";
+            s.svc_id = "SVC-CHILD";
+            if (call(TRAN_START, s) != VARNIX_RC_NOT_INIT) return 1;
+            if (TRAN_DONE() != 0 || TRAN_INIT() != 0) return 2;
+            MTR_CXT_VAR* cxt = nullptr;
+            if (get_mtr_cxt_var(-1, &cxt) != 0 || cxt->ptrc->pid != getpid() || gvar.pid != getpid()) return 3;
+            if (!traced(call(TRAN_START, s)) || !traced(call(TRAN_END, s))) return 4;
+            if (TRAN_DONE() != 0) return 5;
+            th_join_thread();
+            return 0;
+        });
+        EXPECT_EQ(status, 0) << "child " << i;
+    }
+    stop.store(true);
+    tracers.join();
+    EXPECT_EQ(mine->service_depth, depth);
+    EXPECT_EQ(mine->svc_state, state);
+}
+
+// Another process holds the host-wide table semaphore and is killed inside a
+// service: a newcomer's registration gives up in time and succeeds once the
+// kernel has undone the dead holder's lock; registered threads trace on; the
+// dead process's entries stay for the collector.
+TEST_F(StartStop, TableSemaphoreHeldByAnotherProcess) {
+    if (forks_unsupported()) GTEST_SKIP() << "fork with running threads";
+    ASSERT_EQ(start_tracing(), 0);
+    ASSERT_TRUE(sent(event()));
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t holder = fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+        if (!std::freopen("/dev/null", "w", stdout)) _exit(99);
+        ServiceCall s;
+        s.gid = "HELD";
+        s.svc_id = "SVC-HELD";
+        const bool ok = TRAN_DONE() == 0 && TRAN_INIT() == 0 && sent(call(TRAN_START, s)) &&
+                        sem_lock(gvar.ptrc_hash_semid, 0, kSemUndo) == 0;
+        const char c = ok ? '1' : '0';
+        if (write(ready[1], &c, 1) != 1) _exit(98);
+        pause();
+        _exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    close(ready[0]);
+    close(ready[1]);
+    EXPECT_EQ(c, '1');
+
+    LogTail log;
+    int32_t newcomer = 0;
+    const auto t0 = steady_clock::now();
+    std::thread([&] { newcomer = event(); }).join();
+    EXPECT_EQ(newcomer, VARNIX_RC_PTRC_FULL);
+    EXPECT_LT(ms_since(t0), 1000);
+    EXPECT_TRUE(sent(event()));
+    EXPECT_EQ(log.take(), Lines{"<!> ptrc_hash_tbl semaphore busy for 20 ms, thread registration deferred"});
+
+    ASSERT_EQ(kill(holder, SIGKILL), 0);
+    ASSERT_EQ(waitpid(holder, nullptr, 0), holder);
+    EXPECT_EQ(semctl(gvar.ptrc_hash_semid, 0, GETVAL), 1);
+    std::thread([&] { newcomer = event(); }).join();
+    EXPECT_TRUE(sent(newcomer));
+
+    int entries = 0, in_service = 0;
+    for (const PTRC_HASH& e : TestIpc::get().collector().ptrc()->entry) {
+        if (e.pid != holder || e.ptrc_state != VARNIX_PTRC_REGISTERED) continue;
+        ++entries;
+        in_service += e.service_depth == 1;
+    }
+    EXPECT_EQ(entries, 2);
+    EXPECT_EQ(in_service, 1);
+}
+
+// No collector at the start: 103 and the line naming the missing block.  A
+// magic code cleared while tracing stops every entry with 99 until restored.
+TEST_F(StartStop, CollectorFaults) {
+    TestIpc& ipc = TestIpc::get();
+    kit::AgentConfig conf = ipc.default_config();
+    conf.keys.que_info += kit::kKeysPerPid - 2;  // in this process's key block, created by nobody
+    ASSERT_TRUE(ipc.write_config(conf));
+    LogTail log;
+    EXPECT_EQ(TRAN_INIT(), VARNIX_RC_NOT_INIT);
+    ASSERT_TRUE(ipc.write_config(ipc.default_config()));
+    EXPECT_EQ(log.take(), Lines{"<!> tran_init fail, shared-memory initialize [TRAN_LOGF_QUE_INFO], errno : 2"});
+    EXPECT_EQ(event(), VARNIX_RC_NOT_INIT);
+
+    ASSERT_EQ(start_tracing(), 0);
+    ipc.que_info().magic_code = 0;
+    ServiceCall s;
+    s.gid = "MAGIC";
+    s.svc_id = "SVC-MAGIC";
+    EXPECT_EQ(event(), VARNIX_RC_BAD_MAGIC);
+    EXPECT_EQ(call(TRAN_START, s), VARNIX_RC_BAD_MAGIC);
+    ipc.que_info().magic_code = VARNIX_MAGIC_CODE;
+    EXPECT_TRUE(sent(call(TRAN_START, s)));
+    EXPECT_TRUE(sent(call(TRAN_END, s)));
+    ipc.collector().drain();
+}
+
+// A restart does not wait out the writer thread's idle step.
+TEST_F(StartStop, RestartIsPrompt) {
+    ASSERT_EQ(start_tracing(), 0);
+    const auto t0 = steady_clock::now();
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(TRAN_DONE(), 0);
+        ASSERT_EQ(init_quietly(), 0);
+    }
+    EXPECT_LT(ms_since(t0), 1000);  // an idle step is 300 ms
+    TestIpc::get().collector().drain();
 }
 
 }  // namespace
