@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -80,11 +81,9 @@ TEST_F(TranInit, AttachesEverythingTheConfigurationNames) {
     write_config_with("DBIO_FUNC", "DBIO_FUNC = 3 ABCDEFGHIJKLMN");
     ASSERT_EQ(tran_init(), kOk);
     kit::Collector& c = ipc.collector();
-    EXPECT_EQ(gvar.que_info_shmid, c.ids().que_info_shm);
-    EXPECT_EQ(gvar.svc_hash_shmid, c.ids().svc_shm);
-    EXPECT_EQ(gvar.svc_hash_semid, c.ids().svc_sem);
-    EXPECT_EQ(gvar.ptrc_hash_shmid, c.ids().ptrc_shm);
-    EXPECT_EQ(gvar.ptrc_hash_semid, c.ids().ptrc_sem);
+    EXPECT_EQ((std::vector{gvar.que_info_shmid, gvar.svc_hash_shmid, gvar.svc_hash_semid, gvar.ptrc_hash_shmid,
+                           gvar.ptrc_hash_semid}),
+              (std::vector{c.ids().que_info_shm, c.ids().svc_shm, c.ids().svc_sem, c.ids().ptrc_shm, c.ids().ptrc_sem}));
     for (int q = 0; q < VARNIX_MAX_QUE_CNT; ++q) EXPECT_EQ(gvar.msgq_id[q], q < 4 ? c.msgq_id(q) : -1) << q;
     EXPECT_EQ(gvar.msgq_key_base, ipc.default_config().keys.msgq);
     EXPECT_EQ(gvar.msgq_cnt, 4);
@@ -97,11 +96,9 @@ TEST_F(TranInit, AttachesEverythingTheConfigurationNames) {
     EXPECT_STREQ(tong_log_home_dir, "/tong");
     EXPECT_STREQ(gvar.log_interface, "MQ");
     EXPECT_STREQ(gvar.tr_section, "A");
-    EXPECT_EQ(gvar.idle_thread_release[0], 30);
-    EXPECT_EQ(gvar.idle_thread_release[1], 60);
-    EXPECT_EQ(gvar.infinite_loop_base_cnt, 1000);
-    EXPECT_EQ(gvar.default_timeout_sec, 60);
-    EXPECT_EQ(gvar.dbio_func_no, 3);
+    EXPECT_EQ((std::vector{gvar.idle_thread_release[0], gvar.idle_thread_release[1], gvar.infinite_loop_base_cnt,
+                           gvar.default_timeout_sec, gvar.dbio_func_no}),
+              (std::vector{30, 60, 1000, 60, 3}));
     EXPECT_STREQ(gvar.dbio_func_nm, "ABCDEFGHIJ");
     EXPECT_EQ(gvar.pid, getpid());
     char host[65] = {};
@@ -132,6 +129,8 @@ TEST_F(TranInit, BadConfigurationFailsWithItsMessage) {
     const std::string unused = std::to_string(ipc.default_config().keys.que_info + 7);  // never created
     char unused_hex[16];
     std::snprintf(unused_hex, sizeof unused_hex, "%x", ipc.default_config().keys.que_info + 7);
+    auto missing = [](const char* key) { return std::string("<!> tran_init fail, not found section [") + key + "]"; };
+    const std::string kInvalid = "invalid";  // the invalid-key line of the case's key and value
     struct Case {
         std::string key, value;
         std::string message;  // "": fails silently
@@ -139,23 +138,23 @@ TEST_F(TranInit, BadConfigurationFailsWithItsMessage) {
     };
     const Case cases[] = {
         // Missing keys: nothing is attached before every key has been read.
-        {"TONG_LOG_HOME", "#", "<!> tran_init fail, not found section [TONG_LOG_HOME]", false},
-        {"LOG_INTERFACE", "#", "<!> tran_init fail, not found section [LOG_INTERFACE]", false},
+        {"TONG_LOG_HOME", "#", missing("TONG_LOG_HOME"), false},
+        {"LOG_INTERFACE", "#", missing("LOG_INTERFACE"), false},
         {"TR_SECTION", "#", "", false},
-        {"TRAN_LOGF_QUE_INFO_SHMKEY", "#", "<!> tran_init fail, not found section [TRAN_LOGF_QUE_INFO_SHMKEY]", false},
-        {"IDLE_THREAD_RELEASE", "#", "<!> tran_init fail, not found section [IDLE_THREAD_RELEASE]", false},
-        {"IDLE_THREAD_RELEASE", "30", "<!> tran_init fail, not found section [IDLE_THREAD_RELEASE]", false},
-        {"INFINITE_LOOP_BASE_CNT", "#", "<!> tran_init fail, not found section [INFINITE_LOOP_BASE_CNT]", false},
-        {"MAX_QUE_CNT", "#", "<!> tran_init fail, not found section [MAX_QUE_CNT]", false},
+        {"TRAN_LOGF_QUE_INFO_SHMKEY", "#", missing("TRAN_LOGF_QUE_INFO_SHMKEY"), false},
+        {"IDLE_THREAD_RELEASE", "#", missing("IDLE_THREAD_RELEASE"), false},
+        {"IDLE_THREAD_RELEASE", "30", missing("IDLE_THREAD_RELEASE"), false},
+        {"INFINITE_LOOP_BASE_CNT", "#", missing("INFINITE_LOOP_BASE_CNT"), false},
+        {"MAX_QUE_CNT", "#", missing("MAX_QUE_CNT"), false},
         {"SVC_HASH_TBL_SHMKEY", "#", "", false},
         {"SVC_HASH_TBL_SEMKEY", "#", "", false},
         {"PTRC_HASH_TBL_SHMKEY", "#", "", false},
         {"PTRC_HASH_TBL_SEMKEY", "#", "", false},
-        {"WRITE_QUE_IDX_GID_RNG", "#", "<!> tran_init fail, not found section [WRITE_QUE_IDX_GID_RNG]", false},
-        {"TRAN_LOGF_MSGQKEY", "#", "<!> tran_init fail, not found section [TRAN_LOGF_MSGQKEY]", false},
-        {"TRAN_LOGF_MSGQKEY", "", "<!> tran_init fail, not found section [TRAN_LOGF_MSGQKEY]", false},
-        {"DBIO_FUNC", "#", "<!> tran_init fail, not found section [DBIO_FUNC]", false},
-        {"DEFAULT_TIMEOUT_SEC", "#", "<!> tran_init fail, not found section [DEFAULT_TIMEOUT_SEC]", false},
+        {"WRITE_QUE_IDX_GID_RNG", "#", missing("WRITE_QUE_IDX_GID_RNG"), false},
+        {"TRAN_LOGF_MSGQKEY", "#", missing("TRAN_LOGF_MSGQKEY"), false},
+        {"TRAN_LOGF_MSGQKEY", "", missing("TRAN_LOGF_MSGQKEY"), false},
+        {"DBIO_FUNC", "#", missing("DBIO_FUNC"), false},
+        {"DEFAULT_TIMEOUT_SEC", "#", missing("DEFAULT_TIMEOUT_SEC"), false},
         // Out-of-range values.
         {"MAX_QUE_CNT", "17", "<!> tran_init fail, MAX_QUE_CNT(17) out of range (1..16)", false},
         {"MAX_QUE_CNT", "0", "<!> tran_init fail, MAX_QUE_CNT(0) out of range (1..16)", false},
@@ -163,17 +162,14 @@ TEST_F(TranInit, BadConfigurationFailsWithItsMessage) {
          "<!> tran_init fail, WRITE_QUE_IDX_GID_RNG out of the GID (offset : 20, size 13)", false},
         // Keys that are no decimal number, or read as 0 (a private object
         // per attempt), or whose queue keys would reach 0 or overflow.
-        {"PTRC_HASH_TBL_SHMKEY", "0", "<!> tran_init fail, invalid IPC key [PTRC_HASH_TBL_SHMKEY] : 0", false},
-        {"TRAN_LOGF_QUE_INFO_SHMKEY", "0x40001234",
-         "<!> tran_init fail, invalid IPC key [TRAN_LOGF_QUE_INFO_SHMKEY] : 0x40001234", false},
-        {"SVC_HASH_TBL_SEMKEY", "12abc", "<!> tran_init fail, invalid IPC key [SVC_HASH_TBL_SEMKEY] : 12abc", false},
-        {"SVC_HASH_TBL_SHMKEY", "-0", "<!> tran_init fail, invalid IPC key [SVC_HASH_TBL_SHMKEY] : -0", false},
-        {"PTRC_HASH_TBL_SEMKEY", "+5", "<!> tran_init fail, invalid IPC key [PTRC_HASH_TBL_SEMKEY] : +5", false},
-        {"TRAN_LOGF_MSGQKEY", "-3", "<!> tran_init fail, invalid IPC key [TRAN_LOGF_MSGQKEY] : -3", false},
-        {"TRAN_LOGF_MSGQKEY", "2147483646",
-         "<!> tran_init fail, invalid IPC key [TRAN_LOGF_MSGQKEY] : 2147483646", false},
-        {"TRAN_LOGF_QUE_INFO_SHMKEY", "4294967296",
-         "<!> tran_init fail, invalid IPC key [TRAN_LOGF_QUE_INFO_SHMKEY] : 4294967296", false},
+        {"PTRC_HASH_TBL_SHMKEY", "0", kInvalid, false},
+        {"TRAN_LOGF_QUE_INFO_SHMKEY", "0x40001234", kInvalid, false},
+        {"SVC_HASH_TBL_SEMKEY", "12abc", kInvalid, false},
+        {"SVC_HASH_TBL_SHMKEY", "-0", kInvalid, false},
+        {"PTRC_HASH_TBL_SEMKEY", "+5", kInvalid, false},
+        {"TRAN_LOGF_MSGQKEY", "-3", kInvalid, false},
+        {"TRAN_LOGF_MSGQKEY", "2147483646", kInvalid, false},
+        {"TRAN_LOGF_QUE_INFO_SHMKEY", "4294967296", kInvalid, false},
         // Objects the collector has not created.
         {"TRAN_LOGF_QUE_INFO_SHMKEY", unused,
          "<!> tran_init fail, shared-memory initialize [TRAN_LOGF_QUE_INFO], errno : 2", false},
@@ -192,7 +188,9 @@ TEST_F(TranInit, BadConfigurationFailsWithItsMessage) {
         ::testing::internal::CaptureStderr();
         EXPECT_EQ(tran_init(), VARNIX_RC_NOT_INIT) << c.key << " = " << c.value;
         ::testing::internal::GetCapturedStderr();
-        EXPECT_EQ(last_log_message(), c.message.empty() ? "marker" : c.message) << c.key << " = " << c.value;
+        std::string expected = c.message.empty() ? "marker" : c.message;
+        if (c.message == kInvalid) expected = "<!> tran_init fail, invalid IPC key [" + c.key + "] : " + c.value;
+        EXPECT_EQ(last_log_message(), expected) << c.key << " = " << c.value;
         EXPECT_EQ(gvar.que_info != nullptr, c.attaches) << c.key << " = " << c.value;
         detach_gvar();
         ipc.reset();
