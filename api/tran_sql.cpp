@@ -41,42 +41,15 @@ struct Stmt {
     timeval start, end;
 };
 
-// Length of the UTF-8 sequence that `lead` starts; 0 when it starts none.
-int utf8_seq_len(unsigned char lead) {
-    if (lead < 0x80) return 1;
-    if (lead >= 0xC2 && lead <= 0xDF) return 2;
-    if (lead >= 0xE0 && lead <= 0xEF) return 3;
-    if (lead >= 0xF0 && lead <= 0xF4) return 4;
-    return 0;
-}
-
-// Native servers hand over EUC-KR statements, Java containers UTF-8 ones.
-// A text that reads as well-formed UTF-8 (a sequence cut off by the end of
-// `len` included) is cut by the UTF-8 rule, any other by the EUC-KR rule; for
-// plain ASCII both rules agree.
-int sql_encoding(const char* text, int len) {
-    const auto* s = reinterpret_cast<const unsigned char*>(text);
-    for (int i = 0; i < len;) {
-        const int n = utf8_seq_len(s[i]);
-        if (n == 0) return kEncEucKr;
-        for (int k = 1; k < n && i + k < len; ++k)
-            if ((s[i + k] & 0xC0) != 0x80) return kEncEucKr;
-        i += n;
-    }
-    return kEncUtf8;
-}
-
-// Bytes of `text` to keep: at most kSqlTextMax, ending on a character
-// boundary.  Reads no further than the cut rules look.
+// Bytes of `text` to keep: at most kSqlTextMax, and no byte beyond them is
+// read, so a text that fills them is taken to go on and is cut on a character
+// boundary.  Statements are always cut by the EUC-KR rule: it only drops a
+// trailing run of Hangul lead-range bytes, so a text in another encoding loses
+// at most the bytes of one character, never its whole tail.
 int measure(const char* text) {
     if (!text) return 0;
-    const int n = static_cast<int>(strnlen(text, kSqlTextMax + 3));
-    int len = hcut(text, n, kSqlTextMax, sql_encoding(text, std::min(n, kSqlTextMax)));
-    if (len < 0) {
-        log_printf("(!) vlen5(%d) error", len);
-        len = 0;
-    }
-    return len;
+    const int n = static_cast<int>(strnlen(text, kSqlTextMax));
+    return n < kSqlTextMax ? n : hangul_euckr(text, n, n);
 }
 
 timeval read_time(const void* p, bool usec_count) {
@@ -195,7 +168,6 @@ int piece_header(char (&head)[128], const SQL_SLOT& slot, int slot_no, int cnt, 
 int send_slot(MTR_CXT_VAR& cxt, SQL_SLOT& slot, int slot_no, int cnt) {
     char* text_field = cxt.log_body2 + hdr::kEnd;
     const int len = std::min<int>(slot.sql_len, kSqlTextMax);
-    const int enc = sql_encoding(slot.sql_text, len);
     cut_at_comma(slot);
     int rc = kOk;
     for (int offset = 0, piece = 1; offset < len; ++piece) {
@@ -205,7 +177,7 @@ int send_slot(MTR_CXT_VAR& cxt, SQL_SLOT& slot, int slot_no, int cnt) {
         const int remaining = len - offset;
         int n = remaining;
         if (remaining >= room) {
-            n = hcut(slot.sql_text + offset, remaining, room, enc);
+            n = hcut(slot.sql_text + offset, remaining, room, kEncEucKr);
             if (n < 1) {
                 n = room;
                 log_printf("<!> send_len(%d) length error", n);

@@ -57,6 +57,12 @@ struct Gvar {
     int32_t idle_thread_release[2];
     int32_t infinite_loop_base_cnt;
     int32_t default_timeout_sec;
+
+    // The collector may remove and re-create its queues while the process
+    // runs; a send that finds its queue gone looks the key up again.
+    int32_t msgq_key_base;  // key_t of queue 0; queue i has key msgq_key_base + i
+    int32_t msgq_cnt;     // queues attached by tran_init; no others are looked up
+    int64_t msgq_lookup_due_ms[VARNIX_MAX_QUE_CNT];  // monotonic; one look-up per queue until then
 };
 
 static_assert(std::is_standard_layout_v<Gvar>);

@@ -15,6 +15,11 @@ inline constexpr short kSemUndo = 4096;  // SEM_UNDO: the kernel reverts a dead 
 int create_msgq(key_t key);
 // msgsnd with IPC_NOWAIT: a full queue fails at once with EAGAIN.
 int send_msgq(int qid, const void* msg, int size);
+// Sends to the attached queue number q (below VARNIX_MAX_QUE_CNT) without
+// waiting.  When the queue has been removed, its key is looked up again, at
+// most every 100 ms, so that records flow again once the collector re-creates
+// it; the failed record itself is dropped.
+int send_to_queue(int q, const void* msg, int size);
 
 int create_sem(key_t key, int nsems);
 int sem_lock(int semid, int semnum, short flags);

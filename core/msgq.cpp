@@ -3,14 +3,52 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 
+#include "core/gvar.h"
 #include "core/ipc.h"
 
 namespace varnix {
+namespace {
+
+// A queue found gone is looked up at most this often: a removed queue then
+// costs one failed send per record, not a look-up per record.
+constexpr int64_t kLookupIntervalMs = 100;
+
+int64_t monotonic_ms() {
+    timespec ts{};
+    if (clock_gettime(CLOCK_MONOTONIC, &ts) != 0) return -1;
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
+}
+
+// Takes up queue q again if the collector has re-created it.  Only the thread
+// that moves the due time on looks; the others keep dropping their records
+// meanwhile.  msgget without the create flag neither creates nor waits.
+void look_up_again(int q) {
+    if (q >= __atomic_load_n(&gvar.msgq_cnt, __ATOMIC_RELAXED)) return;  // never attached: stays refused
+    const int64_t now = monotonic_ms();
+    int64_t due = __atomic_load_n(&gvar.msgq_lookup_due_ms[q], __ATOMIC_RELAXED);
+    if (now < 0 || now < due) return;
+    if (!__atomic_compare_exchange_n(&gvar.msgq_lookup_due_ms[q], &due, now + kLookupIntervalMs, false,
+                                     __ATOMIC_RELAXED, __ATOMIC_RELAXED))
+        return;
+    const int id = create_msgq(__atomic_load_n(&gvar.msgq_key_base, __ATOMIC_RELAXED) + q);
+    if (id >= 0) __atomic_store_n(&gvar.msgq_id[q], id, __ATOMIC_RELAXED);
+}
+
+}  // namespace
 
 int create_msgq(key_t key) { return msgget(key, kIpcPerm); }
 
 int send_msgq(int qid, const void* msg, int size) { return msgsnd(qid, msg, size, IPC_NOWAIT); }
+
+int send_to_queue(int q, const void* msg, int size) {
+    if (send_msgq(__atomic_load_n(&gvar.msgq_id[q], __ATOMIC_RELAXED), msg, size) == 0) return 0;
+    // EAGAIN is a full queue that is still there; EIDRM and EINVAL say that
+    // the id no longer names a queue.
+    if (errno == EIDRM || errno == EINVAL) look_up_again(q);
+    return -1;
+}
 
 }  // namespace varnix
 

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <span>
 
 #include "core/copy_prefix.h"
@@ -65,6 +66,40 @@ bool read_key(const char* section, const char* key, int n, Token& out, bool repo
     return false;
 }
 
+// The IPC keys of the configuration, read and checked before the first attach.
+struct IpcKeys {
+    key_t que_info, svc_shm, svc_sem, ptrc_shm, ptrc_sem, msgq;
+};
+
+// An IPC key is a decimal number that fits key_t and is not 0.  Key 0 is
+// IPC_PRIVATE, for which the system makes a new private object on every
+// attempt instead of finding the collector's, and a decimal reading turns hex
+// text into 0 or into a stranger's key.
+bool parse_ipc_key(const char* text, long& key) {
+    const char* digits = text[0] == '-' ? text + 1 : text;
+    if (digits[0] == '\0' || digits[std::strspn(digits, "0123456789")] != '\0') return false;
+    errno = 0;
+    key = std::strtol(text, nullptr, 10);
+    return errno == 0 && key != 0 && key >= std::numeric_limits<key_t>::min() &&
+           key <= std::numeric_limits<key_t>::max();
+}
+
+// Token 1 of an IPC key; `count` keys from it on (queues) must all be valid.
+bool read_ipc_key(const char* section, const char* name, bool report, key_t& out, int count = 1) {
+    Token t{};
+    if (!read_key(section, name, 1, t, report)) return false;
+    long key = 0;
+    if (parse_ipc_key(t.text, key)) {
+        const long last = key + count - 1;
+        if ((key > 0 || last < 0) && last <= std::numeric_limits<key_t>::max()) {
+            out = static_cast<key_t>(key);
+            return true;
+        }
+    }
+    log_printf("<!> tran_init fail, invalid IPC key [%s] : %s", name, t.text);
+    return false;
+}
+
 void point_at_que_info(TRAN_LOGF_QUE_INFO* q) {
     gvar.que_info = q;
     gvar.qcnt = &q->qcnt;
@@ -103,8 +138,8 @@ int attach_que_info(key_t key) {
 // A shared table with its semaphore: the keys, the diagnostics' names and
 // where the ids and the attach address go.
 struct SharedTable {
-    const char* shm_key;
-    const char* sem_key;
+    key_t shm_key;
+    key_t sem_key;
     const char* name;      // for the shared-memory messages
     const char* sem_name;  // for the semaphore message
     size_t size;
@@ -114,17 +149,14 @@ struct SharedTable {
 };
 
 int attach_table(const SharedTable& t) {
-    Token shm_key{}, sem_key{};
-    if (!read_key("IPC_SHARED_MEMORY", t.shm_key, 1, shm_key, false)) return VARNIX_RC_NOT_INIT;
-    if (!read_key("IPC_SEMAPHORE", t.sem_key, 1, sem_key, false)) return VARNIX_RC_NOT_INIT;
-    int semid = create_sem(static_cast<key_t>(sem_key.num()), 1);
+    int semid = create_sem(t.sem_key, 1);
     if (semid < 0) {
-        log_printf("<!> %s semaphore create error.[key:0x%x]", t.sem_name, static_cast<unsigned>(sem_key.num()));
+        log_printf("<!> %s semaphore create error.[key:0x%x]", t.sem_name, static_cast<unsigned>(t.sem_key));
         return VARNIX_RC_NOT_INIT;
     }
     *t.semid = semid;
     int size = static_cast<int>(t.size);
-    int shmid = shmget(static_cast<key_t>(shm_key.num()), t.size, kIpcPerm);
+    int shmid = shmget(t.shm_key, t.size, kIpcPerm);
     if (shmid < 0) {
         log_printf("<!> tran_init fail, shared-memory initialize [%s] ( %d bytes)", t.name, size);
         return VARNIX_RC_NOT_INIT;
@@ -141,15 +173,19 @@ int attach_table(const SharedTable& t) {
     return kOk;
 }
 
+// The ids are read by every sending thread, which may also replace one when
+// the collector re-creates its queue (send_to_queue).
 int attach_queues(key_t base, int count) {
+    gvar.msgq_key_base = base;
     for (int i = 0; i < count; ++i) {
         int id = create_msgq(base + i);
         if (id < 0) {
             log_printf("<!> create fail msgq#%02d", i);
             return VARNIX_RC_NOT_INIT;
         }
-        gvar.msgq_id[i] = id;
+        __atomic_store_n(&gvar.msgq_id[i], id, __ATOMIC_RELAXED);
     }
+    __atomic_store_n(&gvar.msgq_cnt, count, __ATOMIC_RELAXED);
     return kOk;
 }
 
@@ -165,7 +201,7 @@ void open_diag_log(const char* agt_home, const char* value) {
 
 // Keys 1 to 8: log homes, interface, control block, thread and loop settings,
 // number of queues.
-int read_process_keys(const char* agt_home, int& max_que_cnt) {
+int read_process_keys(const char* agt_home, int& max_que_cnt, key_t& que_info_key) {
     Token t{}, t2{};
     if (!read_key("COMMON", "LOG_HOME", 1, t)) return VARNIX_RC_NOT_INIT;
     open_diag_log(agt_home, t.text);
@@ -175,8 +211,8 @@ int read_process_keys(const char* agt_home, int& max_que_cnt) {
     copy_prefix(gvar.log_interface, t.text, 2);
     if (!read_key("TRAN_LOGF", "TR_SECTION", 1, t, false)) return VARNIX_RC_NOT_INIT;
     copy_prefix(gvar.tr_section, t.text, 1);
-    if (!read_key("IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", 1, t)) return VARNIX_RC_NOT_INIT;
-    if (int rc = attach_que_info(static_cast<key_t>(t.num())); rc != kOk) return rc;
+    if (!read_ipc_key("IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", true, que_info_key))
+        return VARNIX_RC_NOT_INIT;
     if (!read_key("TRAN_LOGF", "IDLE_THREAD_RELEASE", 1, t)) return VARNIX_RC_NOT_INIT;
     gvar.idle_thread_release[0] = static_cast<int32_t>(t.num());
     if (!read_key("TRAN_LOGF", "IDLE_THREAD_RELEASE", 2, t2)) return VARNIX_RC_NOT_INIT;
@@ -225,22 +261,30 @@ int read_service_keys() {
     return kOk;
 }
 
-int read_keys_and_attach(const char* agt_home) {
-    int max_que_cnt = 0;
-    if (int rc = read_process_keys(agt_home, max_que_cnt); rc != kOk) return rc;
-    SharedTable svc{"SVC_HASH_TBL_SHMKEY", "SVC_HASH_TBL_SEMKEY", "SVC_HASH_TBL", "svc_hash_tbl",
-                    sizeof(SVC_HASH_TBL), &gvar.svc_hash_shmid, &gvar.svc_hash_semid,
-                    reinterpret_cast<void**>(&gvar.svc_hash_tbl)};
-    if (int rc = attach_table(svc); rc != kOk) return rc;
-    SharedTable ptrc{"PTRC_HASH_TBL_SHMKEY", "PTRC_HASH_TBL_SEMKEY", "PTRC_HASH_TBL", "ptrc_hash_tbl",
-                     sizeof(PTRC_HASH_TBL), &gvar.ptrc_hash_shmid, &gvar.ptrc_hash_semid,
-                     reinterpret_cast<void**>(&gvar.ptrc_hash_tbl)};
-    if (int rc = attach_table(ptrc); rc != kOk) return rc;
+// Every key is read and checked before anything is attached, so that a bad
+// configuration attaches nothing (and, with a private key, creates nothing).
+int read_keys(const char* agt_home, int& max_que_cnt, IpcKeys& keys) {
+    if (int rc = read_process_keys(agt_home, max_que_cnt, keys.que_info); rc != kOk) return rc;
+    if (!read_ipc_key("IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY", false, keys.svc_shm) ||
+        !read_ipc_key("IPC_SEMAPHORE", "SVC_HASH_TBL_SEMKEY", false, keys.svc_sem) ||
+        !read_ipc_key("IPC_SHARED_MEMORY", "PTRC_HASH_TBL_SHMKEY", false, keys.ptrc_shm) ||
+        !read_ipc_key("IPC_SEMAPHORE", "PTRC_HASH_TBL_SEMKEY", false, keys.ptrc_sem))
+        return VARNIX_RC_NOT_INIT;
     if (int rc = read_gid_range(); rc != kOk) return rc;
-    Token msgq_key{};
-    if (!read_key("IPC_MESSAGE_QUE", "TRAN_LOGF_MSGQKEY", 1, msgq_key)) return VARNIX_RC_NOT_INIT;
-    if (int rc = attach_queues(static_cast<key_t>(msgq_key.num()), max_que_cnt); rc != kOk) return rc;
+    if (!read_ipc_key("IPC_MESSAGE_QUE", "TRAN_LOGF_MSGQKEY", true, keys.msgq, max_que_cnt))
+        return VARNIX_RC_NOT_INIT;
     return read_service_keys();
+}
+
+int attach_all(const IpcKeys& keys, int max_que_cnt) {
+    if (int rc = attach_que_info(keys.que_info); rc != kOk) return rc;
+    SharedTable svc{keys.svc_shm, keys.svc_sem, "SVC_HASH_TBL", "svc_hash_tbl", sizeof(SVC_HASH_TBL),
+                    &gvar.svc_hash_shmid, &gvar.svc_hash_semid, reinterpret_cast<void**>(&gvar.svc_hash_tbl)};
+    if (int rc = attach_table(svc); rc != kOk) return rc;
+    SharedTable ptrc{keys.ptrc_shm, keys.ptrc_sem, "PTRC_HASH_TBL", "ptrc_hash_tbl", sizeof(PTRC_HASH_TBL),
+                     &gvar.ptrc_hash_shmid, &gvar.ptrc_hash_semid, reinterpret_cast<void**>(&gvar.ptrc_hash_tbl)};
+    if (int rc = attach_table(ptrc); rc != kOk) return rc;
+    return attach_queues(keys.msgq, max_que_cnt);
 }
 
 }  // namespace
@@ -263,8 +307,12 @@ int tran_init() {
     gvar.dbio_func_no = -1;
     // Queues that are not attached must refuse records, never reach a
     // stranger's queue: id 0 is a valid id.
-    for (int32_t& id : gvar.msgq_id) id = -1;
-    if (int rc = read_keys_and_attach(std::getenv("TRAN_AGT_HOME")); rc != kOk) return rc;
+    __atomic_store_n(&gvar.msgq_cnt, 0, __ATOMIC_RELAXED);
+    for (int32_t& id : gvar.msgq_id) __atomic_store_n(&id, -1, __ATOMIC_RELAXED);
+    int max_que_cnt = 0;
+    IpcKeys keys{};
+    if (int rc = read_keys(std::getenv("TRAN_AGT_HOME"), max_que_cnt, keys); rc != kOk) return rc;
+    if (int rc = attach_all(keys, max_que_cnt); rc != kOk) return rc;
     if (gethostname(gvar.host_name, sizeof gvar.host_name) != 0) {
         log_printf("<!> tran_init fail, gethostname() error");
         return VARNIX_RC_NOT_INIT;

@@ -10,8 +10,10 @@ void set_log_field(const char* src, int len, char* dst, int width, int copy) {
     if (!src) {
         std::memset(dst, ' ', static_cast<size_t>(width));
     } else {
-        size_t n = len >= 0 ? static_cast<size_t>(len) : std::strlen(src);
         size_t w = static_cast<size_t>(width);
+        // A text without a length is read no further than the field holds:
+        // an unterminated buffer is cut, not run off.
+        size_t n = len >= 0 ? static_cast<size_t>(len) : strnlen(src, w);
         if (n < w) {
             if (copy) std::memcpy(dst, src, n);
             std::memset(dst + n, ' ', w - n);

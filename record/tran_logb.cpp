@@ -1,6 +1,7 @@
 // Dispatch of a finished record to the collector queue its transaction's GID
 // picks, so that every record of one transaction keeps its order.  Never
-// waits: a full or removed queue drops the record and counts it.
+// waits: a full or removed queue drops the record and counts it; a removed
+// queue is taken up again once the collector re-creates it.
 #include <string_view>
 
 #include "context/hash.h"
@@ -24,7 +25,7 @@ int tran_logb(MTR_CXT_VAR& cxt, TRAN_LOG_MSG& rec) {
     int q = static_cast<int>(hash & shm_load(gvar.que_mask) & (VARNIX_MAX_QUE_CNT - 1));
     if (cxt.ptrc) cxt.ptrc->qidx = static_cast<uint8_t>(q);
     if (kSentTypes.find(body[hdr::kLogType]) == std::string_view::npos) return VARNIX_RC_BAD_TYPE;
-    if (send_msgq(gvar.msgq_id[q], &rec, sizeof rec.text) == 0) return q;
+    if (send_to_queue(q, &rec, sizeof rec.text) == 0) return q;
     __atomic_fetch_add(&gvar.msgq_fail_cnt[q], 1u, __ATOMIC_RELAXED);
     return VARNIX_RC_SEND_FAIL;
 }

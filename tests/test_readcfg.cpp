@@ -60,7 +60,11 @@ protected:
     test::TempDir dir_;
 };
 
-TEST_F(ReadCfg, SectionIsTheFirstHeaderContainingTheName) {
+TEST_F(ReadCfg, SectionIsTheFirstHeaderContainingTheNameAndTheFileIsReadOnEveryCall) {
+    const std::string missing = dir_.file("agent.cfg");
+    EXPECT_EQ(lookup(missing, "A", "K", 1),
+              failed("[get_nth_token_in_file_section] fopen fail[" + missing + "]; errno=" + std::to_string(ENOENT) +
+                     "(" + std::strerror(ENOENT) + ")\n"));
     std::string p = write(
         "TRAN_LOGF = 0\n"   // 1: names the section but is no header
         " [TRAN_LOGF]\n"    // 2: a header must start in column one
@@ -73,123 +77,83 @@ TEST_F(ReadCfg, SectionIsTheFirstHeaderContainingTheName) {
     );
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "QUE_CNT", 1), found("8"));
     EXPECT_EQ(lookup(p, "LOGF_X", "QUE_CNT", 1), found("8"));
-    EXPECT_EQ(lookup(p, "COMMON", "LOG_HOME", 1), found("log"));
     EXPECT_EQ(lookup(p, "common", "LOG_HOME", 1), failed(no_section(p, "common")));
-    EXPECT_EQ(lookup(p, "IPC_SEMAPHORE", "QUE_CNT", 1), failed(no_section(p, "IPC_SEMAPHORE")));
 
     std::FILE* fp = std::fopen(p.c_str(), "r");
     ASSERT_NE(fp, nullptr);
-    char line[64];
-    EXPECT_EQ(seek_section(fp, "TRAN_LOGF"), 3);
-    ASSERT_NE(std::fgets(line, sizeof line, fp), nullptr);
-    EXPECT_STREQ(line, "QUE_CNT = 8\n");
     char value[288] = {};
-    EXPECT_EQ(seek_section(fp, "COMMON"), 7);  // from the start again
+    EXPECT_EQ(seek_section(fp, "COMMON"), 7);
     EXPECT_EQ(get_string_in_section(fp, "LOG_HOME", value), 1);
     EXPECT_STREQ(value, "log\n");
-    EXPECT_EQ(seek_section(fp, "TRAN_LOGF"), 3);
+    EXPECT_EQ(seek_section(fp, "TRAN_LOGF"), 3);  // from the start again
     EXPECT_EQ(get_string_in_section(fp, "QUE_CNT", value), 1);
     EXPECT_STREQ(value, "8\n");
     std::fclose(fp);
+
+    write("[A]\nK = 2\n");
+    EXPECT_EQ(lookup(p, "A", "K", 1), found("2"));
 }
 
-TEST_F(ReadCfg, KeywordIsTheWholeFirstWord) {
+TEST_F(ReadCfg, KeywordIsTheWholeFirstWordOfALineThatIsNoComment) {
+    std::string line = "T17 =";
+    for (int i = 1; i <= 17; ++i) line += " v" + std::to_string(i);
     std::string p = write(
         "[TRAN_LOGF]\n"                   // 1
         "QUE_CNT=4\n"                     // 2: first word is QUE_CNT=4
         "que_cnt = 5\n"                   // 3
-        "QUE_CNT_MAX = 6\n"               // 4
-        "QUE_CNT =4\n"                    // 5
-        "QUE_CNT = 7\n"                   // 6: the first match wins
-        "  MAX_QUE_CNT\t=\t9   10\n"      // 7
-        "FLAGS = a=b c\n"                 // 8: split at the first '='
-        "NOVALUE 5\n"                     // 9: no '=', empty value
-        "[NOSPACE]\n"                     // 10
-        "QUE_CNT=4\n");                   // 11
+        "#QUE_CNT = 2\n"                  // 4: comment
+        " #QUE_CNT = 3\n"                 // 5: no comment, its first word is #QUE_CNT
+        "\n"                              // 6
+        "QUE_CNT_MAX = 6\n"               // 7
+        "QUE_CNT =4\n"                    // 8
+        "QUE_CNT = 7\n"                   // 9: the first match wins
+        "  MAX_QUE_CNT\t=\t9   10\n"      // 10
+        "FLAGS = a=b c\n"                 // 11: split at the first '='
+        "NOVALUE 5\n"                     // 12: no '=', empty value
+        + line + "\n"                     // 13: 17 tokens
+        "[NEXT]\n"                        // 14
+        "LATE_KEY = x\n");                // 15
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "QUE_CNT", 1), found("4"));
-    EXPECT_EQ(lookup(p, "TRAN_LOGF", "QUE_CNT_MAX", 1), found("6"));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", "#QUE_CNT", 1), found("3"));
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "MAX_QUE_CNT", 2), found("10"));
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "FLAGS", 1), found("a=b"));
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "FLAGS", 2), found("c"));
-    EXPECT_EQ(lookup(p, "TRAN_LOGF", "NOVALUE", 1), failed(no_token(p, "TRAN_LOGF", "NOVALUE", 1, 9)));
-    EXPECT_EQ(lookup(p, "TRAN_LOGF", "QUE", 1), failed(no_keyword(p, "TRAN_LOGF", "QUE")));
-    EXPECT_EQ(lookup(p, "NOSPACE", "QUE_CNT", 1), failed(no_keyword(p, "NOSPACE", "QUE_CNT")));
-}
-
-TEST_F(ReadCfg, CommentsBlankLinesAndTheEndOfASection) {
-    std::string p = write(
-        "[COMMON]\n"                        // 1
-        "# QUE_CNT = 1\n"                   // 2
-        "#QUE_CNT = 2\n"                    // 3: comment
-        " #QUE_CNT = 3\n"                   // 4: no comment, its first word is #QUE_CNT
-        "\n"                                // 5
-        "IDLE_THREAD_RELEASE = 30 60\n"     // 6
-        "[TRAN_LOGF]\n"                     // 7
-        "LATE_KEY = x\n");                  // 8
-    EXPECT_EQ(lookup(p, "COMMON", "QUE_CNT", 1), failed(no_keyword(p, "COMMON", "QUE_CNT")));
-    EXPECT_EQ(lookup(p, "COMMON", "#QUE_CNT", 1), found("3"));
-    EXPECT_EQ(lookup(p, "COMMON", "IDLE_THREAD_RELEASE", 1), found("30"));
-    EXPECT_EQ(lookup(p, "COMMON", "IDLE_THREAD_RELEASE", 2), found("60"));
     // Comment and blank lines count in the line number.
-    EXPECT_EQ(lookup(p, "COMMON", "IDLE_THREAD_RELEASE", 3),
-              failed(no_token(p, "COMMON", "IDLE_THREAD_RELEASE", 3, 6)));
-    EXPECT_EQ(lookup(p, "COMMON", "LATE_KEY", 1), failed(no_keyword(p, "COMMON", "LATE_KEY")));
-    EXPECT_EQ(lookup(p, "TRAN_LOGF", "LATE_KEY", 1), found("x"));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", "NOVALUE", 1), failed(no_token(p, "TRAN_LOGF", "NOVALUE", 1, 12)));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", "T17", 16), found("v16"));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", "T17", 17), failed(no_token(p, "TRAN_LOGF", "T17", 17, 13)));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", "QUE", 1), failed(no_keyword(p, "TRAN_LOGF", "QUE")));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", "LATE_KEY", 1), failed(no_keyword(p, "TRAN_LOGF", "LATE_KEY")));
+    EXPECT_EQ(lookup(p, "NEXT", "LATE_KEY", 1), found("x"));
 }
 
-TEST_F(ReadCfg, AtMostSixteenTokens) {
-    std::string line = "T17 =";
-    for (int i = 1; i <= 17; ++i) line += " v" + std::to_string(i);
-    std::string p = write("[A]\n\n" + line + "\n");
-    EXPECT_EQ(lookup(p, "A", "T17", 1), found("v1"));
-    EXPECT_EQ(lookup(p, "A", "T17", 16), found("v16"));
-    EXPECT_EQ(lookup(p, "A", "T17", 17), failed(no_token(p, "A", "T17", 17, 3)));
-}
-
-TEST_F(ReadCfg, LongLinesAreReadInPiecesThatCountAsLines) {
+TEST_F(ReadCfg, LongLinesAreReadInPiecesAndOverlongWordsAreBounded) {
     auto tok = [](int i) { return "tok" + std::string(i < 10 ? "0" : "") + std::to_string(i) + std::string(15, 'a'); };
     std::string longv = "LONGV =";  // 8 characters with the first blank: 247 of the value fit the first piece
     for (int i = 1; i <= 16; ++i) longv += " " + tok(i);
     std::string filler = "#" + std::string(254, 'x');
+    std::string k64(64, 'K'), k63(63, 'K'), w63(63, 'W');
     std::string p = write(
         "[TRAN_LOGF]\n"                 // 1
         + filler + "HIDDEN = 7\n"       // 2, 3
         + longv + "\n"                  // 4, 5
-        + "AFTER = a b\n"               // 6
-        + filler + "[NEW]\n"            // 7, 8: the second piece is a header
-        + "BEYOND = z\n");              // 9
+        + "BIG = " + std::string(70, 'a') + " next\n"  // 6
+        + k64 + " = 1\n" + k63 + " = 2\n"               // 7, 8
+        + w63 + "XXXXXXX = 3\n"        // 9: a cut prefix of this word would be w63
+        + w63 + " = 4\n"               // 10
+        + filler + "[NEW]\n"            // 11, 12: the second piece is a header
+        + "BEYOND = z\n");              // 13
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "HIDDEN", 1), found("7"));
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "LONGV", 11), found(tok(11)));
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "LONGV", 12), found(tok(12).substr(0, 16)));
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "LONGV", 13), failed(no_token(p, "TRAN_LOGF", "LONGV", 13, 4)));
-    EXPECT_EQ(lookup(p, "TRAN_LOGF", "AFTER", 3), failed(no_token(p, "TRAN_LOGF", "AFTER", 3, 6)));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", "BIG", 1), found(std::string(63, 'a')));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", "BIG", 2), found("next"));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", k64, 1), failed(no_keyword(p, "TRAN_LOGF", k64)));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", k63, 1), found("2"));
+    EXPECT_EQ(lookup(p, "TRAN_LOGF", w63, 1), found("4"));
     EXPECT_EQ(lookup(p, "TRAN_LOGF", "BEYOND", 1), failed(no_keyword(p, "TRAN_LOGF", "BEYOND")));
-    EXPECT_EQ(lookup(p, "NEW", "BEYOND", 2), failed(no_token(p, "NEW", "BEYOND", 2, 9)));
-}
-
-TEST_F(ReadCfg, OverlongWordsAreBounded) {
-    std::string k64(64, 'K'), k63(63, 'K'), w63(63, 'W');
-    std::string p = write("[A]\n"
-                          "BIG = " + std::string(70, 'a') + " next\n" +
-                          k64 + " = 1\n" +
-                          k63 + " = 2\n" +
-                          w63 + "XXXXXXX = 3\n" +  // a cut prefix of this word would be w63
-                          w63 + " = 4\n");
-    EXPECT_EQ(lookup(p, "A", "BIG", 1), found(std::string(63, 'a')));
-    EXPECT_EQ(lookup(p, "A", "BIG", 2), found("next"));
-    EXPECT_EQ(lookup(p, "A", k64, 1), failed(no_keyword(p, "A", k64)));
-    EXPECT_EQ(lookup(p, "A", k63, 1), found("2"));
-    EXPECT_EQ(lookup(p, "A", w63, 1), found("4"));
-}
-
-TEST_F(ReadCfg, FileIsReadAgainOnEveryCall) {
-    std::string p = dir_.file("agent.cfg");
-    EXPECT_EQ(lookup(p, "A", "K", 1), failed("[get_nth_token_in_file_section] fopen fail[" + p + "]; errno=" +
-                                             std::to_string(ENOENT) + "(" + std::strerror(ENOENT) + ")\n"));
-    write("[A]\nK = 1\n");
-    EXPECT_EQ(lookup(p, "A", "K", 1), found("1"));
-    write("[A]\nK = 2\n");
-    EXPECT_EQ(lookup(p, "A", "K", 1), found("2"));
+    EXPECT_EQ(lookup(p, "NEW", "BEYOND", 2), failed(no_token(p, "NEW", "BEYOND", 2, 13)));
 }
 
 }  // namespace
