@@ -348,8 +348,8 @@ TEST_F(CallInfo, AbsentLongAndMeasuredTexts) {
     EXPECT_EQ(std::string(level(0).func_nm), func.substr(0, 70));
     EXPECT_EQ(std::string(level(0).module_nm), module.substr(0, 70));
     EXPECT_EQ(std::string(level(0).source_nm), source.substr(0, 100));
-    const int rc = TRAN_CALLINFO_F(-1, "ABCD", -1, "D", 0, nullptr, 0, nullptr, 0, "12345678", -1, "2026", -1, "0102", 2,
-                         nullptr, 0, nullptr, 0, 1, 0, func.c_str(), 1, label.c_str(), 1);
+    const int rc = TRAN_CALLINFO_F(-1, "ABCD", -1, "D", 0, nullptr, 0, nullptr, 0, "12345678", -1, "2026", -1, "0102",
+                                   2, nullptr, 0, nullptr, 0, 1, 0, func.c_str(), 1, label.c_str(), 1);
     m = sent(rc);
     EXPECT_EQ(body_len(m), 548u);
     EXPECT_EQ(body_field(m, 0, 197),

@@ -142,8 +142,8 @@ TEST_F(TranService, NestingUpToTenLevels) {
     // The level count restarts, but the thread's record still says a service
     // was started and not ended.
     EXPECT_EQ(log.take(),
-              (Lines{fmt("<!> START service_depth MAX error!(val:10 (MAX:10)) GID-PID-TID|%.30s%s, SVC (SVC-11).",
-                         kGid.c_str(), ("|-" + pid_tid()).c_str()),
+              (Lines{fmt("<!> START service_depth MAX error!(val:10 (MAX:10)) GID-PID-TID|%.30s|-%s, SVC (SVC-11).",
+                         kGid.c_str(), pid_tid().c_str()),
                      fmt("[CHECK_LOG_BIT] NOK, set START_BIT [ tid : %d, log_bit : 1, PID : %d, GID - Keep {%s} Now "
                          "{%s}, SVC_ID - Keep {SVC-1           } Now {SVC-11} ]",
                          static_cast<int>(pthread_self()), getpid(), kGid.c_str(), kGid.c_str())}));
@@ -180,8 +180,8 @@ TEST_F(TranService, LinkedTransactionsAreAnnouncedUnlessQuiet) {
               padded("Linked Main Service Transaction Exist [ GID '" + kGid + "' ] , [ Service SVC-MAIN        ]",
                      350));
     EXPECT_EQ(next_depth(), "02");
-    EXPECT_EQ(log.take(), Lines{fmt("(I) START - service depth change (1)->(2), New GID_UNI -> KEEP "
-                                    "|%s-SVC-MAIN        |, NOW |%.30s-SVC-LINKED|, svc_depth_elapsed 0 sec(base 60 sec)",
+    EXPECT_EQ(log.take(), Lines{fmt("(I) START - service depth change (1)->(2), New GID_UNI -> KEEP |%s-SVC-MAIN  "
+                                    "      |, NOW |%.30s-SVC-LINKED|, svc_depth_elapsed 0 sec(base 60 sec)",
                                     kGid.c_str(), kGid2.c_str())});
 
     ServiceCall quiet = svc("OTHER-GID", "SVC-QUIET");
@@ -203,9 +203,9 @@ TEST_F(TranService, AStaleTransactionIsDiscarded) {
     EXPECT_EQ(call(TRAN_START, svc(kGid, "SVC-AGAIN")), 0);
     EXPECT_EQ(next_depth(), "01");
     EXPECT_EQ(cxt_->log_bit, 1);
-    EXPECT_EQ(log.take(), Lines{fmt("<!> START - service depth init (1)->(0) GID-PID-TID |%s%s, SVC (SVC-MAIN        "
+    EXPECT_EQ(log.take(), Lines{fmt("<!> START - service depth init (1)->(0) GID-PID-TID |%s|-%s, SVC (SVC-MAIN        "
                                     ")->(SVC-AGAIN) svc_depth_elapsed 0 sec (base 0 sec)",
-                                    kGid.c_str(), ("|-" + pid_tid()).c_str())});
+                                    kGid.c_str(), pid_tid().c_str())});
     EXPECT_EQ(call(TRAN_START, svc(kGid2, "SVC-NEW")), 0);
     EXPECT_EQ(next_depth(), "01");
     EXPECT_EQ(log.take(), Lines{fmt("<!> START - service depth init (1)->(0), New GID_UNI -> KEEP |%s-SVC-AGAIN       "
@@ -219,7 +219,8 @@ TEST_F(TranService, AStaleTransactionIsDiscarded) {
 TEST_F(TranService, EndOutsideAServiceAndGidChanges) {
     LogTail log;
     EXPECT_EQ(call(TRAN_END, svc()), VARNIX_RC_SVC_DEPTH);
-    EXPECT_EQ(log.take(), Lines{fmt("<!> END service_depth error!(val:0 (MAX:10)) GID-PID-TID|%.30s|-%s, SVC (SVC-MAIN).",
+    EXPECT_EQ(log.take(), Lines{fmt("<!> END service_depth error!(val:0 (MAX:10)) GID-PID-TID|%.30s|-%s, SVC "
+                                    "(SVC-MAIN).",
                                     kGid.c_str(), pid_tid().c_str())});
 
     EXPECT_EQ(call(TRAN_START, svc()), 0);

@@ -221,8 +221,8 @@ TEST_F(TranSet, ServiceTimeoutNoticeInACallThenOnlyTheSettersWork) {
     call.start_tv = timeval{start, 123456};
     std::tm tm{};
     ASSERT_NE(localtime_r(&start, &tm), nullptr);
-    const std::string tail =
-        fmt("[#2-B7] DBIO_SELECT at acct_mod (acct.pc::00042)[%02d:%02d:%02d.123456]", tm.tm_hour, tm.tm_min, tm.tm_sec);
+    const std::string tail = fmt("[#2-B7] DBIO_SELECT at acct_mod (acct.pc::00042)[%02d:%02d:%02d.123456]", tm.tm_hour,
+                                 tm.tm_min, tm.tm_sec);
 
     const time_t before = clock_now().tv_sec;
     EXPECT_EQ(TRAN_SET_SVCTIMEOUT(-1), 0);
