@@ -61,21 +61,14 @@ TEST(Hcut, EucKrDropsTheLeadRangeRunEndingAtTheCut) {
     EXPECT_EQ(hangul_euckr("\xB0\xB3", 2, 2), 0);
 }
 
-TEST(Hcut, Utf8NeverSplitsAHangulSyllable) {
+TEST(Hcut, Utf8NeverSplitsAHangulSyllableAndDropsOtherMultibyteCharactersWhole) {
     EXPECT_EQ(cuts("a가b나다", kEncUtf8), (std::vector<int>{0, 1, 1, 1, 4, 5, 5, 5, 8, 8, 8, 11, 11}));
     EXPECT_EQ(cuts(kSentenceUtf8, kEncUtf8),
               floor_boundaries({0, 3, 6, 7, 10, 13, 16, 17, 20, 23, 26, 27, 30, 33}, 33));
 
-    EXPECT_EQ(hcut("a가", -1, 3, kEncUtf8), 1);
-    EXPECT_EQ(hcut("a가", -1, 4, kEncUtf8), 4);
-    EXPECT_EQ(hcut("가나 SELECT", -1, 6, kEncUtf8), 6);
-    EXPECT_EQ(hcut("가나 SELECT", -1, 5, kEncUtf8), 3);
-
     EXPECT_EQ(hangul_utf8("a가", 4, 4), 4);
     EXPECT_EQ(hangul_utf8("a가", 4, 2), 1);
-}
 
-TEST(Hcut, Utf8DropsOtherMultibyteCharactersWhole) {
     EXPECT_EQ(hcut("aéb", -1, 2, kEncUtf8), 1);
     EXPECT_EQ(hcut("aéb", -1, 3, kEncUtf8), 1);  // é is complete, yet dropped
     EXPECT_EQ(hcut("a😀b", -1, 5, kEncUtf8), 1);

@@ -22,57 +22,32 @@ std::set<std::string> lines_of(const std::string& command) {
     return out;
 }
 
-bool sanitized() {
+TEST(Exports, ExactlyThePublicInterfaceAndOnlyTheCLibrary) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return true;
-#else
-    return false;
+    GTEST_SKIP() << "sanitizer runtimes add their own symbols and libraries";
 #endif
-}
-
-TEST(Exports, ExactlyThePublicInterface) {
-    if (sanitized()) GTEST_SKIP() << "sanitizer runtimes add their own symbols and libraries";
     const std::set<std::string> expected = {
-        // start, stop and notices
-        "TRAN_INIT", "TRAN_DONE", "TRAN_EVENT", "TRAN_ERRINFO",
-        // service entries
-        "TRAN_START", "TRAN_END", "TRAN_ERROR", "TRAN_PT_START", "TRAN_PT_END",
-        // call tracing
-        "TRAN_CALLINFO_S", "TRAN_CALLINFO_F",
-        // SQL tracing
+        // start, stop, notices and information records
+        "TRAN_INIT", "TRAN_DONE", "TRAN_EVENT", "TRAN_ERRINFO", "TRAN_INFO", "TRAN_INFO_EX",
+        // service, call and SQL tracing
+        "TRAN_START", "TRAN_END", "TRAN_ERROR", "TRAN_PT_START", "TRAN_PT_END", "TRAN_CALLINFO_S", "TRAN_CALLINFO_F",
         "TRAN_SQL_STMT", "TRAN_SQL_ID",
-        // information records
-        "TRAN_INFO", "TRAN_INFO_EX",
         // context setters
         "TRAN_SET_TIME", "TRAN_CHECK_SQL_TIME", "TRAN_GET_HASH_CODE", "TRAN_SET_DBIO_STS", "TRAN_SET_SQLCA_INFO",
         "TRAN_SET_DBCONN_INFO", "TRAN_SET_FETCH_INFO", "TRAN_SET_SVCTIMEOUT",
-        // thread-context diagnostics and the container-name helper
-        "show_mtr_idx_list", "set_cont_nm",
-        // configuration encoders and the change check
-        "get_log_flag_set", "set_fst_err_rc_set", "read_config",
-        // collector-side queue and semaphore helpers
-        "read_msgq", "remove_msgq", "change_mode_msgq", "get_msgq_num", "init_sem_val",
-        // shared tables and their collector-side index stacks
-        "init_ptrc_hash_tbl", "init_svc_hash_tbl", "svc_hash_push", "svc_hash_pop", "svc_hash_popv", "svc_hash_show",
-        "jcache_hash_push", "jcache_hash_pop",
-        // text cutting
-        "hcut",
-        // the full-message writer thread
-        "th_join_thread", "th_cancel_thread",
+        // diagnostics, configuration, collector-side helpers, text cutting, the full-message writer thread
+        "show_mtr_idx_list", "set_cont_nm", "get_log_flag_set", "set_fst_err_rc_set", "read_config", "read_msgq",
+        "remove_msgq", "change_mode_msgq", "get_msgq_num", "init_sem_val", "init_ptrc_hash_tbl", "init_svc_hash_tbl",
+        "svc_hash_push", "svc_hash_pop", "svc_hash_popv", "svc_hash_show", "jcache_hash_push", "jcache_hash_pop",
+        "hcut", "th_join_thread", "th_cancel_thread",
         // data
         "log_home_dir", "tong_log_home_dir", "jni_init_flag", "init_cont_nm", "init_db_user", "init_db_sid",
         "nfailcount", "gvar_cleared",
     };
-    std::set<std::string> actual =
-        lines_of("nm -D --defined-only " VARNIX_SO " | awk '$2 ~ /^[TBDRV]$/ {print $3}'");
-    EXPECT_EQ(actual, expected);
-}
+    EXPECT_EQ(lines_of("nm -D --defined-only " VARNIX_SO " | awk '$2 ~ /^[TBDRV]$/ {print $3}'"), expected);
 
-TEST(Exports, NeedsOnlyTheCLibrary) {
-    if (sanitized()) GTEST_SKIP() << "sanitizer runtimes are extra dependencies";
-    std::set<std::string> needed =
-        lines_of("readelf -d " VARNIX_SO " | sed -n 's/.*(NEEDED).*\\[\\(.*\\)\\]/\\1/p'");
     const std::set<std::string> glibc = {"libc.so.6", "ld-linux-x86-64.so.2"};
+    std::set<std::string> needed = lines_of("readelf -d " VARNIX_SO " | sed -n 's/.*(NEEDED).*\\[\\(.*\\)\\]/\\1/p'");
     EXPECT_TRUE(needed.count("libc.so.6"));
     for (const std::string& lib : needed) EXPECT_TRUE(glibc.count(lib)) << lib;
     // No C++ runtime symbol may leak out or be needed from outside (weak

@@ -1,3 +1,4 @@
+// The one-at-a-time hash and the service table's lookup by service id.
 #include "context/get_svc_hash.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +16,16 @@ namespace {
 constexpr char kTarget[] = "SVC01           ";  // 16 bytes, space-padded
 
 uint32_t bucket_of(const char* id16) { return get_hidx(id16, 16, 0xFFFF); }
+
+// Values worked out apart from the library, step by step.
+TEST(Hash, OneAtATime) {
+    EXPECT_EQ(get_hash_code("a", 1), 0xCA2E9442u);
+    EXPECT_EQ(get_hidx("a", 1, 0xFFFF), 0x9442u);
+    EXPECT_EQ(get_hash_code("00004321140001234567890", 23), 0x64A118D5u);
+    EXPECT_EQ(get_hidx("00004321140001234567890", 23, 0xFFFF), 0x18D5u);
+    EXPECT_EQ(get_hash_code("\xE0", 1), 0x011D81FBu);  // bytes above 0x7F add as unsigned
+    EXPECT_EQ(get_hash_code("", 0), 0u);
+}
 
 class SvcHashTest : public ::testing::Test {
 protected:
@@ -51,7 +62,7 @@ protected:
     MTR_CXT_VAR cxt_{};
 };
 
-TEST_F(SvcHashTest, MatchesAllSixteenBytes) {
+TEST_F(SvcHashTest, MatchesAllSixteenBytesOfAnInUseTable) {
     EXPECT_EQ(find(kTarget), nullptr);
     SVC_HASH* e = add(kTarget, bucket_of(kTarget));
     EXPECT_EQ(find(kTarget), e);
@@ -68,8 +79,10 @@ TEST_F(SvcHashTest, MatchesAllSixteenBytes) {
     EXPECT_EQ(find(kTarget), nullptr);
 }
 
-TEST_F(SvcHashTest, SearchesTenEntriesOfAChain) {
-    uint32_t bucket = bucket_of(kTarget);
+// The walk of a chain stops after ten entries, at an entry number out of
+// range, and never leaves the chain of the service's own bucket.
+TEST_F(SvcHashTest, ChainWalkIsBounded) {
+    const uint32_t bucket = bucket_of(kTarget);
     char other[17];
     for (int i = 0; i < 10; ++i) {
         std::snprintf(other, sizeof other, "OTHER%02d         ", i);
@@ -77,28 +90,22 @@ TEST_F(SvcHashTest, SearchesTenEntriesOfAChain) {
     }
     SVC_HASH* target = add(kTarget, bucket);
     EXPECT_EQ(find(kTarget), nullptr);  // 11th in its chain
-    // One entry fewer in front of it and it is the 10th.
-    tbl_->svc_hash_idx[bucket] = tbl_->entry[tbl_->svc_hash_idx[bucket]].next;
+    SVC_HASH& first = tbl_->entry[tbl_->svc_hash_idx[bucket]];
+    tbl_->svc_hash_idx[bucket] = first.next;  // now the 10th
     EXPECT_EQ(find(kTarget), target);
-    // A service is looked for in the chain of its own bucket only.
     ASSERT_NE(bucket_of(other), bucket);
     EXPECT_EQ(find(other), nullptr);
-}
 
-TEST_F(SvcHashTest, EntryNumbersOutOfRangeEndTheWalk) {
-    uint32_t bucket = bucket_of(kTarget);
-    SVC_HASH* first = add("FIRST           ", bucket);
-    add(kTarget, bucket);
     for (int32_t bad : {VARNIX_TBL_ENTRIES, -2}) {
-        int32_t good = first->next;
-        first->next = bad;
+        const int32_t head = tbl_->svc_hash_idx[bucket], second = tbl_->entry[head].next;
+        tbl_->entry[head].next = bad;
         EXPECT_EQ(find(kTarget), nullptr) << bad;
-        first->next = good;
+        tbl_->entry[head].next = second;
         tbl_->svc_hash_idx[bucket] = bad;
         EXPECT_EQ(find(kTarget), nullptr) << bad;
-        tbl_->svc_hash_idx[bucket] = static_cast<int32_t>(first->pidx);
+        tbl_->svc_hash_idx[bucket] = head;
     }
-    EXPECT_NE(find(kTarget), nullptr);
+    EXPECT_EQ(find(kTarget), target);
 }
 
 }  // namespace

@@ -13,22 +13,18 @@ namespace varnix::test {
 namespace {
 
 TEST(SetLogField, PadsCutsBlanksAndAlwaysEndsWithASpace) {
-    char f[8];
-    std::memset(f, 'x', sizeof f);
-    set_log_field("AB", -1, f, 4, 1);
-    EXPECT_EQ(std::string_view(f, 6), "AB   x");
-    set_log_field("ABCDEF", -1, f, 4, 1);
-    EXPECT_EQ(std::string_view(f, 6), "ABCD x");
-    set_log_field("ABCDEF", 2, f, 4, 1);
-    EXPECT_EQ(std::string_view(f, 6), "AB   x");
-    set_log_field(nullptr, 3, f, 4, 1);
-    EXPECT_EQ(std::string_view(f, 6), "     x");
-    std::memset(f, 'x', sizeof f);
-    set_log_field("AB", -1, f, 4, 0);  // padding only
-    EXPECT_EQ(std::string_view(f, 6), "xx   x");
-    std::memset(f, 'x', sizeof f);
-    set_log_field("ABCD", -1, f, 4, 0);
-    EXPECT_EQ(std::string_view(f, 6), "xxxx x");
+    struct Case {
+        const char* text;
+        int len, copy;
+        std::string_view want;
+    } cases[] = {{"AB", -1, 1, "AB   x"},  {"ABCDEF", -1, 1, "ABCD x"}, {"ABCDEF", 2, 1, "AB   x"},
+                 {nullptr, 3, 1, "     x"}, {"AB", -1, 0, "xx   x"},     {"ABCD", -1, 0, "xxxx x"}};  // 0: padding only
+    for (const Case& c : cases) {
+        char f[8];
+        std::memset(f, 'x', sizeof f);
+        set_log_field(c.text, c.len, f, 4, c.copy);
+        EXPECT_EQ(std::string_view(f, 6), c.want) << (c.text ? c.text : "null") << " " << c.len << " " << c.copy;
+    }
 }
 
 class TraceValidate : public TracedThread {
@@ -120,7 +116,16 @@ TEST_F(TraceValidate, OutermostStartTakesTheGlobalOrSnapshotLimits) {
     EXPECT_EQ(validate('1'), VARNIX_RC_CLASS_OFF);
 }
 
-TEST_F(TraceValidate, ServiceTableDecidesWhenFilteringIsOn) {
+TEST_F(TraceValidate, DbioIsMarkedNotRefusedAndTheServiceTableDecidesWhenFilteringIsOn) {
+    cxt_->log_bit = 1;
+    sw().log_flag_set = VARNIX_FLAG_S;
+    EXPECT_EQ(validate('B'), kOk);
+    EXPECT_EQ(e_->dbio_skip, 'd');
+    sw().log_flag_set = VARNIX_FLAG_B;
+    EXPECT_EQ(validate('B'), kOk);
+    EXPECT_EQ(e_->dbio_skip, 0);
+
+    sw().log_flag_set = get_log_flag_set(TestIpc::get().default_config().log_flag_set.c_str());
     sw().svc_filtering = 2;
     cxt_->service_depth = 1;
     EXPECT_EQ(validate('1', "MISSING"), VARNIX_RC_FILTERED);
@@ -147,16 +152,6 @@ TEST_F(TraceValidate, ServiceTableDecidesWhenFilteringIsOn) {
     // The next outermost start looks its service up again.
     add_service("SVC-OFF", VARNIX_FLAG_C);
     EXPECT_EQ(validate('1', "SVC-OFF"), VARNIX_RC_FILTERED);
-}
-
-TEST_F(TraceValidate, DbioIsMarkedNotRefused) {
-    cxt_->log_bit = 1;
-    sw().log_flag_set = VARNIX_FLAG_S;
-    EXPECT_EQ(validate('B'), kOk);
-    EXPECT_EQ(e_->dbio_skip, 'd');
-    sw().log_flag_set = VARNIX_FLAG_B;
-    EXPECT_EQ(validate('B'), kOk);
-    EXPECT_EQ(e_->dbio_skip, 0);
 }
 
 TEST_F(TraceValidate, EntryOfAnotherThreadIsRefusedAndLoggedForServices) {

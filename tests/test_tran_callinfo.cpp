@@ -13,32 +13,10 @@
 namespace varnix::test {
 namespace {
 
-constexpr const char* kGid = "CALL-GID-0001";
-constexpr const char* kSvc = "SVC-CALLS";
 constexpr int64_t kSecond = 1000000;
 
-class CallInfo : public TracedThread {
+class CallInfo : public InService {
 protected:
-    void SetUp() override {
-        TracedThread::SetUp();
-        if (HasFatalFailure()) return;
-        ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
-        q_ = queue_of_gid(kGid);
-    }
-    void TearDown() override {
-        TracedThread::TearDown();
-        collector().drain();
-    }
-    kit::Collector& collector() { return TestIpc::get().collector(); }
-
-    // The record that the finish result `rc` says was sent.
-    TRAN_LOG_MSG received(int rc) {
-        TRAN_LOG_MSG m{};
-        EXPECT_EQ(rc, q_);
-        EXPECT_EQ(collector().receive(m, q_), q_);
-        return m;
-    }
-    CallText finished(const char* func, int32_t rc = 0) { return parse_call_text(received(call_finish(func, rc))); }
     // Opens a call and reports the kind it got.
     char kind_of(const char* func) {
         if (call_start(func) != 0) return '?';
@@ -46,50 +24,33 @@ protected:
         call_finish(func);
         return kind;
     }
-    const CALL_LVL& level(int i) const { return e_->call_lvl[i]; }
-
-    int q_ = -1;
 };
 
 TEST_F(CallInfo, BizcallRecordBytesAndLevelState) {
     ASSERT_EQ(call_start("biz_func", "start_mod", "start.c", 7, 0), 0);
     const CALL_LVL& l = level(0);
-    EXPECT_EQ(e_->trc_lvl, 1);
-    EXPECT_EQ(e_->call_trc_depth, 1);
-    EXPECT_EQ(e_->total_call_cnt, 1);
+    EXPECT_EQ(levels(), "lvl 1 depth 1 calls 1");
     EXPECT_EQ(e_->dbio_sts, 0);
     EXPECT_EQ(e_->sql_code, 9999);
     EXPECT_EQ(l.call_kind, 'C');
     EXPECT_EQ(l.call_seq, 1);
-    EXPECT_STREQ(l.func_nm, "biz_func");
-    EXPECT_STREQ(l.module_nm, "start_mod");
-    EXPECT_STREQ(l.source_nm, "start.c");
     EXPECT_EQ(l.line_no, 7);
-    EXPECT_EQ(l.end_tv.tv_sec, 0);
     age(*e_, 0, 2 * kSecond + 250000);
 
-    TRAN_LOG_MSG m = received(call_finish("biz_func", -3, "SVC", "fin_mod", "fin.c", 42));
+    TRAN_LOG_MSG m = sent(call_finish("biz_func", -3, "SVC", "fin_mod", "fin.c", 42));
     const int64_t elapsed = usec_of(l.end_tv) - usec_of(l.start_tv);
     EXPECT_GE(elapsed, 2 * kSecond + 250000);
     EXPECT_EQ(body_len(m), 548u);
-    EXPECT_EQ(body_field(m, 0, 7), "C CL D ");
-    EXPECT_EQ(body_field(m, 7, 33), padded(kGid, 32) + " ");
-    EXPECT_EQ(body_field(m, 56, 17), padded(kSvc, 16) + " ");
-    char ids[32];
-    std::snprintf(ids, sizeof ids, "%05d %05u ", cxt_->idx, e_->pidx);
-    EXPECT_EQ(body_field(m, 163, 12), ids);
-    EXPECT_EQ(body_field(m, 175, 22), "20260102 030405123456 ");
     const std::string text = "1,10," + secs_text(elapsed) + "," + secs_text(elapsed) + ",0.000000,0.000000," +
                              secs_text(l.start_tv) + "," + secs_text(l.end_tv) +
                              ",[SVC][biz_func at fin_mod (fin.c::00042){1}]#RC -3";
-    EXPECT_EQ(body_field(m, 197, 351), padded(text, 350) + " ");
-
+    EXPECT_EQ(body_field(m, 0, 548),
+              header_of(m, *cxt_, {'C', "CL", "D", kCallGid, kCallSvc, "", "20260102 030405123456 "}) +
+                  padded(text, 350) + " ");
     EXPECT_EQ(l.rc, -3);
     EXPECT_EQ(l.elapsed_sum, elapsed);
-    EXPECT_EQ(e_->trc_lvl, 0);
+    EXPECT_EQ(levels(), "lvl 0 depth 0 calls 1");
     EXPECT_EQ(e_->last_fin_lvl, 1);
-    EXPECT_EQ(e_->call_trc_depth, 0);
-    EXPECT_EQ(collector().drain(), 0);
 }
 
 TEST_F(CallInfo, DbioRecordsFirstAndLaterFinishAtALevel) {
@@ -100,11 +61,10 @@ TEST_F(CallInfo, DbioRecordsFirstAndLaterFinishAtALevel) {
     EXPECT_EQ(level(0).call_kind, 'B');
     e_->sql_code = -1403;
     e_->fetch_last[0] = 7, e_->fetch_last[1] = 12345, e_->fetch_last[2] = 88;
-    TRAN_LOG_MSG m = received(call_finish("DBIO_select", -2, nullptr, nullptr, nullptr, 5));
+    TRAN_LOG_MSG m = sent(call_finish("DBIO_select", -2, nullptr, nullptr, nullptr, 5));
     const CALL_LVL& l = level(0);
     const int64_t e1 = usec_of(l.end_tv) - usec_of(l.start_tv);
     EXPECT_EQ(body_field(m, 0, 7), "B CL D ");
-    EXPECT_EQ(body_len(m), 548u);
     std::string text = "1,10," + secs_text(e1) + ",0.000000,0.000000,0.000000," + secs_text(l.start_tv) + "," +
                        secs_text(l.end_tv) +
                        ",[][DBIO_select at  (dbio.pc::00005){1}]#SQLCODE -1403, #RC -2 (line 88) fetch 7 rows "
@@ -117,7 +77,7 @@ TEST_F(CallInfo, DbioRecordsFirstAndLaterFinishAtALevel) {
     EXPECT_EQ(e_->sql_code, 9999);
     EXPECT_EQ(e_->fetch_last[0] + e_->fetch_last[1] + e_->fetch_last[2], 0);
     e_->fetch_last[1] = 12005, e_->fetch_last[2] = 9;
-    m = received(call_finish("DBIO_update", -7, "DBIO"));
+    m = sent(call_finish("DBIO_update", -7, "DBIO"));
     const int64_t e2 = usec_of(l.end_tv) - usec_of(l.start_tv);
     text = "1,10," + secs_text(e2) + ",0.000000,0.000000,0.000000," + secs_text(l.start_tv) + "," +
            secs_text(l.end_tv) +
@@ -179,7 +139,6 @@ TEST_F(CallInfo, NestedCallsSplitTheirElapsedTime) {
     EXPECT_EQ(level(0).elapsed_sum - outer.elapsed_sum, a.elapsed);
     EXPECT_EQ(level(0).dbio_sum - outer.dbio_sum, d1.elapsed + d2.elapsed);
     for (int i : {1, 2}) EXPECT_EQ(level(i).elapsed_sum + level(i).dbio_sum, 0) << i;
-    EXPECT_EQ(collector().drain(), 0);
 }
 
 TEST_F(CallInfo, DbioSignatureDecidesTheKind) {
@@ -207,62 +166,38 @@ TEST_F(CallInfo, DbioSignatureDecidesTheKind) {
     EXPECT_EQ(kind_of("anything"), 'B');
     EXPECT_EQ(kind_of(nullptr), 'C');
     EXPECT_EQ(e_->trc_lvl, 0);
-    EXPECT_EQ(collector().drain(), 0);
 }
 
 // CALL_TRC_DEPTH 3: a fourth nested BIZCALL is neither stacked nor recorded
 // nor counted; a DBIO call below it still is.
 TEST_F(CallInfo, CallsDeeperThanTheDepthLimitAreNotTraced) {
     TestIpc::get().que_info().call_trc_depth = 3;
-    ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
+    ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     EXPECT_EQ(e_->call_trc_depth_max, 3);
     for (const char* f : {"biz_A", "biz_B", "biz_C", "biz_D"}) ASSERT_EQ(call_start(f), 0) << f;
-    EXPECT_EQ(e_->trc_lvl, 3);
-    EXPECT_EQ(e_->call_trc_depth, 4);
+    EXPECT_EQ(levels(), "lvl 3 depth 4 calls 4");
     ASSERT_EQ(call_start("DBIO_x"), 0);
-    EXPECT_EQ(e_->trc_lvl, 4);
+    EXPECT_EQ(levels(), "lvl 4 depth 5 calls 5");
     age(*e_, 3, kSecond);
     const CallText x = finished("DBIO_x");
     EXPECT_EQ(x.level, 4);
     EXPECT_EQ(x.depth_max, 3);
     EXPECT_EQ(call_finish("biz_D"), VARNIX_RC_NOT_TRACED);
-    EXPECT_EQ(e_->call_trc_depth, 3);
-    EXPECT_EQ(e_->trc_lvl, 3);
+    EXPECT_EQ(levels(), "lvl 3 depth 3 calls 5");
     const CallText c = finished("biz_C");
     EXPECT_EQ(c.level, 3);
     EXPECT_EQ(c.dbio, x.elapsed);  // the untraced call's time is C's own
     EXPECT_EQ(finished("biz_B").level, 2);
     EXPECT_EQ(finished("biz_A").level, 1);
-    EXPECT_EQ(e_->total_call_cnt, 5);
+    EXPECT_EQ(levels(), "lvl 0 depth 0 calls 5");
     EXPECT_EQ(cxt_->call_stat.max_call_depth, 5u);
     EXPECT_EQ(cxt_->call_stat.biz_cnt, 3u);
     EXPECT_EQ(cxt_->call_stat.dbio_cnt, 1u);
-    EXPECT_EQ(e_->call_trc_depth, 0);
-    EXPECT_EQ(collector().drain(), 0);
 }
 
-TEST_F(CallInfo, CallsBelowTheirLimitSendNothing) {
-    e_->call_trc_limit = 5 * kSecond;
-    e_->dbio_trc_limit = 5 * kSecond;
-    ASSERT_EQ(call_start("biz_fast"), 0);
-    EXPECT_EQ(call_finish("biz_fast"), VARNIX_RC_BIZ_FAST);
-    ASSERT_EQ(call_start("DBIO_fast"), 0);
-    e_->sql_rec_cnt = 2;  // statements kept for the call are closed all the same
-    EXPECT_EQ(call_finish("DBIO_fast"), VARNIX_RC_DBIO_FAST);
-    EXPECT_EQ(e_->sql_rec_cnt, 0);
-    EXPECT_EQ(collector().drain(), 0);
-    EXPECT_EQ(cxt_->call_stat.biz_cnt + cxt_->call_stat.dbio_cnt, 2u);
-
-    ASSERT_EQ(call_start("biz_slow"), 0);
-    age(*e_, 0, 5 * kSecond);
-    EXPECT_GE(finished("biz_slow").elapsed, 5 * kSecond);
-    ASSERT_EQ(call_start("DBIO_slow"), 0);
-    age(*e_, 0, 5 * kSecond);
-    EXPECT_GE(finished("DBIO_slow").elapsed, 5 * kSecond);
-    EXPECT_EQ(e_->call_trc_depth, 0);
-}
-
-TEST_F(CallInfo, ErrorReturnCodesForceRecordsOncePerService) {
+// Calls below their limit send nothing, unless an error return code forces
+// a record.
+TEST_F(CallInfo, LimitsAndErrorReturnCodesThatForceRecordsOncePerService) {
     TRAN_LOGF_QUE_INFO& q = TestIpc::get().que_info();
     q.fst_err_rc_set[5] = 2;
     q.fst_err_rc_set[6] = 1;
@@ -281,11 +216,13 @@ TEST_F(CallInfo, ErrorReturnCodesForceRecordsOncePerService) {
     ASSERT_EQ(call_start("biz_D"), 0);
     EXPECT_EQ(call_finish("biz_D", -5), VARNIX_RC_BIZ_FAST);
     ASSERT_EQ(call_start("DBIO_E"), 0);
+    e_->sql_rec_cnt = 2;  // statements kept for the call are closed all the same
     EXPECT_EQ(call_finish("DBIO_E", -6), VARNIX_RC_DBIO_FAST);
+    EXPECT_EQ(e_->sql_rec_cnt, 0);
     EXPECT_EQ(finished("biz_A").level, 1);
 
     // Verdict 1, in a new service: the failing call only.
-    ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
+    ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     EXPECT_EQ(e_->err_rc_marked, 0);
     e_->call_trc_limit = e_->dbio_trc_limit = hour;
     for (const char* f : {"biz_A", "DBIO_B"}) ASSERT_EQ(call_start(f), 0);
@@ -293,7 +230,7 @@ TEST_F(CallInfo, ErrorReturnCodesForceRecordsOncePerService) {
     EXPECT_EQ(call_finish("biz_A"), VARNIX_RC_BIZ_FAST);
 
     // Start option -1: the return code becomes 99 and forces nothing.
-    ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
+    ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     e_->call_trc_limit = hour;
     ASSERT_EQ(call_start("biz_opt", "m", "s.c", 1, -1), 0);
     EXPECT_EQ(call_finish("biz_opt", -5), VARNIX_RC_BIZ_FAST);
@@ -302,7 +239,14 @@ TEST_F(CallInfo, ErrorReturnCodesForceRecordsOncePerService) {
     e_->call_trc_limit = 0;
     ASSERT_EQ(call_start("biz_opt", "m", "s.c", 1, -1), 0);
     EXPECT_EQ(finished("biz_opt", -5).rest, "[METHOD][biz_opt at fin_mod (fin.c::00042){2}]#RC 99");
-    EXPECT_EQ(collector().drain(), 0);
+
+    // A call as long as its limit is recorded.
+    e_->call_trc_limit = e_->dbio_trc_limit = 5 * kSecond;
+    for (const char* f : {"biz_slow", "DBIO_slow"}) {
+        ASSERT_EQ(call_start(f), 0);
+        age(*e_, 0, 5 * kSecond);
+        EXPECT_GE(finished(f).elapsed, 5 * kSecond);
+    }
 }
 
 TEST_F(CallInfo, DbioInsideDbioIsRefusedAndBizcallsInsideDbioAreChildren) {
@@ -322,12 +266,12 @@ TEST_F(CallInfo, DbioInsideDbioIsRefusedAndBizcallsInsideDbioAreChildren) {
 
     // A DBIO call with traced BIZCALLs inside takes the BIZCALL form and
     // limit, and its time is not added to the service's DBIO sum.
-    ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
+    ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     ASSERT_EQ(call_start("DBIO_outer"), 0);
     age(*e_, 0, 2 * kSecond);
     ASSERT_EQ(call_start("biz_inner"), 0);
     const CallText inner = finished("biz_inner");
-    TRAN_LOG_MSG m = received(call_finish("DBIO_outer"));
+    TRAN_LOG_MSG m = sent(call_finish("DBIO_outer"));
     const CallText outer = parse_call_text(m);
     EXPECT_EQ(body_field(m, 0, 1), "B");
     EXPECT_EQ(outer.own, outer.elapsed - inner.elapsed);
@@ -346,9 +290,7 @@ TEST_F(CallInfo, DepthErrorsAndCallsOutsideAService) {
     e_->call_trc_depth = -5;
     EXPECT_EQ(call_start("neg_f"), VARNIX_RC_CALL_DEPTH);
     EXPECT_EQ(log.take(), std::vector<std::string>{"<!> call_trc_depth error, function(neg_f) call."});
-    EXPECT_EQ(e_->call_trc_depth, -4);
-    EXPECT_EQ(e_->total_call_cnt, 1);
-    EXPECT_EQ(e_->trc_lvl, 0);
+    EXPECT_EQ(levels(), "lvl 0 depth -4 calls 1");
     e_->call_trc_depth = 0;
     ASSERT_EQ(call_start("f"), 0);
     e_->call_trc_depth = -1;
@@ -357,20 +299,19 @@ TEST_F(CallInfo, DepthErrorsAndCallsOutsideAService) {
     EXPECT_EQ(e_->trc_lvl, 1);
 
     // 51 levels at most: the 52nd start is refused without a message.
-    ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
+    ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     e_->call_trc_depth_max = 100;
     e_->call_trc_limit = 3600 * kSecond;
     for (int i = 0; i < 51; ++i) ASSERT_EQ(call_start("deep"), 0) << i;
     EXPECT_EQ(call_start("deep"), VARNIX_RC_CALL_DEPTH);
-    EXPECT_EQ(e_->trc_lvl, 51);
+    EXPECT_EQ(levels(), "lvl 51 depth 52 calls 52");
     for (int i = 0; i < 51; ++i) ASSERT_EQ(call_finish("deep"), VARNIX_RC_BIZ_FAST) << i;
-    EXPECT_EQ(e_->trc_lvl, 0);
-    EXPECT_EQ(e_->call_trc_depth, 1);
+    EXPECT_EQ(levels(), "lvl 0 depth 1 calls 52");
     EXPECT_EQ(cxt_->call_stat.biz_cnt, 51u);
     EXPECT_TRUE(log.take().empty());
 
     // Outside a service: depth out of range, or ended.
-    ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
+    ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     cxt_->service_depth = 0;
     EXPECT_EQ(call_start("DBIO_x"), VARNIX_RC_SVC_DEPTH);
     EXPECT_EQ(e_->dbio_sts, 1);  // set before the check
@@ -387,22 +328,19 @@ TEST_F(CallInfo, DepthErrorsAndCallsOutsideAService) {
     TestIpc::get().que_info().log_flag_set = get_log_flag_set("SEVBIXQ");
     EXPECT_EQ(call_start("f"), VARNIX_RC_CLASS_OFF);
     EXPECT_EQ(call_start("DBIO_x"), 0);
-    EXPECT_EQ(collector().drain(), 0);
 }
 
 TEST_F(CallInfo, AbsentLongAndMeasuredTexts) {
-    // Everything absent: empty names, blank header codes, the clock's date.
+    // Everything absent: empty names (none left from the call before), blank
+    // header codes, the clock's date.
+    ASSERT_EQ(call_start("f", "m", "s"), 0);
+    sent(call_finish("f"));
     ASSERT_EQ(call_start(nullptr, nullptr, nullptr, 0, 0), 0);
-    EXPECT_STREQ(level(0).func_nm, "");
-    EXPECT_STREQ(level(0).module_nm, "");
-    EXPECT_STREQ(level(0).source_nm, "");
-    int rc = TRAN_CALLINFO_F(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                             nullptr, 0, nullptr, 0, 0, 0, nullptr, 0, nullptr, 0);
-    TRAN_LOG_MSG m = received(rc);
-    EXPECT_EQ(body_field(m, 0, 7), "C      ");
-    EXPECT_EQ(body_field(m, 175, 9).find_first_not_of("0123456789"), 8u);
-    EXPECT_EQ(body_field(m, 184, 13).find_first_not_of("0123456789"), 12u);
-    EXPECT_EQ(parse_call_text(m).rest, "[METHOD][ at  (::00000){1}]#RC 0");
+    EXPECT_EQ(std::string(level(0).func_nm) + level(0).module_nm + level(0).source_nm, "");
+    TRAN_LOG_MSG m = sent(TRAN_CALLINFO_F(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                                          nullptr, 0, nullptr, 0, nullptr, 0, 0, 0, nullptr, 0, nullptr, 0));
+    EXPECT_EQ(body_field(m, 0, 197), header_of(m, *cxt_, {'C', "", "", kCallGid, kCallSvc, "", ""}));
+    EXPECT_EQ(parse_call_text(m).rest, "[METHOD][ at  (::00000){2}]#RC 0");
 
     // Over-long names are cut in the level; the text is cut at 350.
     const std::string func(100, 'f'), module(200, 'm'), source(300, 's'), label(400, 'L');
@@ -410,13 +348,12 @@ TEST_F(CallInfo, AbsentLongAndMeasuredTexts) {
     EXPECT_EQ(std::string(level(0).func_nm), func.substr(0, 70));
     EXPECT_EQ(std::string(level(0).module_nm), module.substr(0, 70));
     EXPECT_EQ(std::string(level(0).source_nm), source.substr(0, 100));
-    rc = TRAN_CALLINFO_F(-1, "ABCD", -1, "D", 0, nullptr, 0, nullptr, 0, "12345678", -1, "2026", -1, "0102", 2,
-                         nullptr, 0, nullptr, 0, 1, 0, func.c_str(), 1, label.c_str(), 1);
-    m = received(rc);
+    const int rc = TRAN_CALLINFO_F(-1, "ABCD", -1, "D", 0, nullptr, 0, nullptr, 0, "12345678", -1, "2026", -1, "0102",
+                                   2, nullptr, 0, nullptr, 0, 1, 0, func.c_str(), 1, label.c_str(), 1);
+    m = sent(rc);
     EXPECT_EQ(body_len(m), 548u);
-    EXPECT_EQ(body_field(m, 0, 7), "C AB   ");
-    EXPECT_EQ(body_field(m, 138, 9), "12345678 ");
-    EXPECT_EQ(body_field(m, 175, 22), "2026     01           ");
+    EXPECT_EQ(body_field(m, 0, 197),
+              header_of(m, *cxt_, {'C', "AB", "", kCallGid, kCallSvc, "12345678", "2026     01           "}));
     const std::string text(body_field(m, 197, 350));
     EXPECT_EQ(text.back(), 'L');
     EXPECT_EQ(text.substr(text.find('[')), "[" + label.substr(0, 350 - text.find('[') - 1));
@@ -427,24 +364,23 @@ TEST_F(CallInfo, FilteredDbioRecordsAreSuppressedByTheValidationMark) {
     TestIpc& ipc = TestIpc::get();
     ipc.que_info().svc_filtering = 1;
     kit::ServiceListing listing;
-    listing.svc_id = kSvc;
+    listing.svc_id = kCallSvc;
     listing.flags = static_cast<uint8_t>(0xFF & ~VARNIX_FLAG_B);
     listing.call_trc_depth = 10;
     ASSERT_NE(kit::add_service(*ipc.collector().svc(), listing), nullptr);
-    ASSERT_EQ(open_service(*cxt_, kGid, kSvc), 0);
+    ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     ASSERT_EQ(call_start("DBIO_q"), 0);
     age(*e_, 0, kSecond);
     e_->sql_rec_cnt = 2;
     EXPECT_EQ(call_finish("DBIO_q"), VARNIX_RC_FILTERED);
     EXPECT_EQ(e_->dbio_skip, 'y');
     EXPECT_EQ(e_->sql_rec_cnt, 2);  // no record, so no SQL texts either
-    EXPECT_EQ(e_->trc_lvl, 0);
-    EXPECT_EQ(e_->call_trc_depth, 0);
+    EXPECT_EQ(levels(), "lvl 0 depth 0 calls 1");
     // Measured and summed all the same.
     EXPECT_GE(e_->call_elapsed_sum, kSecond);
     EXPECT_EQ(e_->call_elapsed_sum, level(0).dbio_sum);
     EXPECT_EQ(cxt_->call_stat.dbio_cnt, 1u);
-    EXPECT_EQ(collector().drain(), 0);
+    EXPECT_EQ(TestIpc::get().collector().drain(), 0);
     // BIZCALL records of the service still go.
     ASSERT_EQ(call_start("biz_ok"), 0);
     EXPECT_EQ(finished("biz_ok").level, 1);

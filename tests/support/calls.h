@@ -103,4 +103,34 @@ inline CallText parse_call_text(const TRAN_LOG_MSG& m) {
     return c;
 }
 
+inline constexpr const char* kCallGid = "CALL-GID-0001";
+inline constexpr const char* kCallSvc = "SVC-CALLS";
+
+// A test with tracing started and an outermost service (kCallGid, kCallSvc)
+// open on the calling thread; it fails on records nobody looked at.
+class InService : public TracedThread {
+protected:
+    void SetUp() override {
+        TracedThread::SetUp();
+        if (HasFatalFailure()) return;
+        ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
+    }
+    void TearDown() override {
+        TracedThread::TearDown();
+        EXPECT_EQ(TestIpc::get().collector().drain(), 0) << "records nobody looked at";
+    }
+
+    // The record a finish says it sent: its result is the service's queue.
+    TRAN_LOG_MSG sent(int rc) {
+        EXPECT_EQ(rc, queue_of_gid(kCallGid));
+        return received(rc);
+    }
+    CallText finished(const char* func, int32_t rc = 0) { return parse_call_text(sent(call_finish(func, rc))); }
+    // The entry's open levels, call depth and call count, as one line.
+    std::string levels() const {
+        return fmt("lvl %d depth %d calls %d", e_->trc_lvl, e_->call_trc_depth, e_->total_call_cnt);
+    }
+    const CALL_LVL& level(int i) const { return e_->call_lvl[i]; }
+};
+
 }  // namespace varnix::test

@@ -4,6 +4,8 @@
 
 #include <array>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "varnix.h"
 
@@ -24,28 +26,22 @@ struct ServiceCall {
 using ServiceEntry = int32_t (*)(VARNIX_SERVICE_PARAMS);
 using PtServiceEntry = int32_t (*)(VARNIX_PT_SERVICE_PARAMS);
 
-#define VARNIX_TEST_HEAD(s)                                                                                        \
-    s.tid, s.cls_cd, -1, s.dtl_cd, -1, s.gid.empty() ? nullptr : s.gid.c_str(), -1,                                \
-        s.svc_id.empty() ? nullptr : s.svc_id.c_str(), -1, s.pid_str, -1, s.date_str, -1, s.time_str, -1
-#define VARNIX_TEST_COL(s, i) s.tail[i], -1
+// Every text as a (text, -1) pair: the header's seven, then `sizeof...(I)`
+// columns of the tail.
+template <typename Entry, size_t... I>
+int32_t call_with_columns(Entry f, const ServiceCall& s, std::index_sequence<I...>) {
+    auto text = [](const std::string& t) { return t.empty() ? nullptr : t.c_str(); };
+    return std::apply(f, std::tuple_cat(std::make_tuple(s.tid, s.cls_cd, -1, s.dtl_cd, -1, text(s.gid), -1,
+                                                        text(s.svc_id), -1, s.pid_str, -1, s.date_str, -1,
+                                                        s.time_str, -1),
+                                        std::make_tuple(s.tail[I], -1)...));
+}
 
 inline int32_t call(ServiceEntry f, const ServiceCall& s) {
-    return f(VARNIX_TEST_HEAD(s), VARNIX_TEST_COL(s, 0), VARNIX_TEST_COL(s, 1), VARNIX_TEST_COL(s, 2),
-             VARNIX_TEST_COL(s, 3), VARNIX_TEST_COL(s, 4), VARNIX_TEST_COL(s, 5), VARNIX_TEST_COL(s, 6),
-             VARNIX_TEST_COL(s, 7), VARNIX_TEST_COL(s, 8), VARNIX_TEST_COL(s, 9), VARNIX_TEST_COL(s, 10),
-             VARNIX_TEST_COL(s, 11), VARNIX_TEST_COL(s, 12), VARNIX_TEST_COL(s, 13), VARNIX_TEST_COL(s, 14),
-             VARNIX_TEST_COL(s, 15), VARNIX_TEST_COL(s, 16), VARNIX_TEST_COL(s, 17), VARNIX_TEST_COL(s, 18),
-             VARNIX_TEST_COL(s, 19), VARNIX_TEST_COL(s, 20), VARNIX_TEST_COL(s, 21));
+    return call_with_columns(f, s, std::make_index_sequence<22>{});
 }
-
 inline int32_t call(PtServiceEntry f, const ServiceCall& s) {
-    return f(VARNIX_TEST_HEAD(s), VARNIX_TEST_COL(s, 0), VARNIX_TEST_COL(s, 1), VARNIX_TEST_COL(s, 2),
-             VARNIX_TEST_COL(s, 3), VARNIX_TEST_COL(s, 4), VARNIX_TEST_COL(s, 5), VARNIX_TEST_COL(s, 6),
-             VARNIX_TEST_COL(s, 7), VARNIX_TEST_COL(s, 8), VARNIX_TEST_COL(s, 9), VARNIX_TEST_COL(s, 10),
-             VARNIX_TEST_COL(s, 11), VARNIX_TEST_COL(s, 12));
+    return call_with_columns(f, s, std::make_index_sequence<13>{});
 }
-
-#undef VARNIX_TEST_HEAD
-#undef VARNIX_TEST_COL
 
 }  // namespace varnix::test

@@ -3,13 +3,17 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
 
 #include "context/hash.h"
 #include "context/mtr_cxt.h"
+#include "core/gvar.h"
 #include "support/test_ipc.h"
 #include "varnix.h"
 
@@ -68,6 +72,50 @@ inline std::string padded(std::string_view s, size_t width) {
     std::string r(s.substr(0, width));
     r.resize(width, ' ');
     return r;
+}
+
+// printf into a string: expected diagnostic lines and record fields.
+__attribute__((format(printf, 1, 2))) inline std::string fmt(const char* format, ...) {
+    char buf[1024];
+    va_list ap;
+    va_start(ap, format);
+    std::vsnprintf(buf, sizeof buf, format, ap);
+    va_end(ap);
+    return buf;
+}
+
+// The record an entry says it sent: its result is the queue.
+inline TRAN_LOG_MSG received(int rc) {
+    TRAN_LOG_MSG m{};
+    EXPECT_TRUE(rc >= 0 && rc < 4) << "result " << rc;
+    if (rc >= 0) {
+        EXPECT_EQ(TestIpc::get().collector().receive(m, rc), rc) << "no record on queue " << rc;
+    }
+    return m;
+}
+
+// The fields of the 197-byte record header a test gives; the process name,
+// host and thread numbers are the sender's own.  An empty pid is this
+// process's; an empty date and time (22 bytes with their blanks) is the
+// record's own once it proves to be digits.
+struct Header {
+    char type;
+    std::string_view cls, dtl, gid, svc, pid, date_time;
+};
+
+inline std::string header_of(const TRAN_LOG_MSG& m, const MTR_CXT_VAR& cxt, const Header& h) {
+    std::string date_time(h.date_time);
+    if (date_time.empty()) {
+        date_time = body_field(m, 175, 22);
+        EXPECT_EQ(date_time.find_first_not_of("0123456789"), 8u) << date_time;
+        EXPECT_EQ(date_time.find_first_not_of("0123456789", 9), 21u) << date_time;
+    }
+    const std::string pid = h.pid.empty() ? fmt("%08d", static_cast<int>(getpid())) : padded(h.pid, 8);
+    return std::string(1, h.type) + " " + padded(h.cls, 2) + " " + padded(h.dtl, 1) + " " + padded(h.gid, 32) + " " +
+           padded(gvar.proc_nm, 15) + " " + padded(h.svc, 16) + " " + padded(gvar.host_name, 64) + " " + pid + " " +
+           fmt("%015lu %05d %05u ", static_cast<unsigned long>(cxt.tid % 1'000'000'000'000'000ULL), cxt.idx,
+               cxt.ptrc->pidx) +
+           date_time;
 }
 
 // The queue a 32-byte GID field picks under the default configuration.
