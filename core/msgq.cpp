@@ -3,8 +3,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <ctime>
-
+#include "core/clock.h"
 #include "core/gvar.h"
 #include "core/ipc.h"
 
@@ -15,20 +14,14 @@ namespace {
 // costs one failed send per record, not a look-up per record.
 constexpr int64_t kLookupIntervalMs = 100;
 
-int64_t monotonic_ms() {
-    timespec ts{};
-    if (clock_gettime(CLOCK_MONOTONIC, &ts) != 0) return -1;
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
-}
-
 // Takes up queue q again if the collector has re-created it.  Only the thread
 // that moves the due time on looks; the others keep dropping their records
 // meanwhile.  msgget without the create flag neither creates nor waits.
 void look_up_again(int q) {
     if (q >= __atomic_load_n(&gvar.msgq_cnt, __ATOMIC_RELAXED)) return;  // never attached: stays refused
-    const int64_t now = monotonic_ms();
+    const int64_t now = monotonic_us() / 1000;
     int64_t due = __atomic_load_n(&gvar.msgq_lookup_due_ms[q], __ATOMIC_RELAXED);
-    if (now < 0 || now < due) return;
+    if (now < due) return;
     if (!__atomic_compare_exchange_n(&gvar.msgq_lookup_due_ms[q], &due, now + kLookupIntervalMs, false,
                                      __ATOMIC_RELAXED, __ATOMIC_RELAXED))
         return;
