@@ -37,7 +37,9 @@ int hangul_utf8(const char* text, int len, int cut) {
 
 extern "C" int hcut(const char* text, int len, int cut, int encoding) {
     if (!text || cut <= 0) return 0;
-    int n = len < 0 ? static_cast<int>(std::strlen(text)) : len;
+    // A text without a length is read no further than the rules look: two
+    // bytes past the cut.
+    int n = len < 0 ? static_cast<int>(strnlen(text, static_cast<size_t>(cut) + 2)) : len;
     if (cut >= n) return n;
     switch (encoding) {
         case varnix::kEncEucKr: return varnix::hangul_euckr(text, n, cut);
