@@ -201,7 +201,7 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
     // Sequentially consistent: read after the entry gate counted the caller.
     if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
-    MTR_TID_IDX& bucket = gvar.mtr_tid_idx[bucket_of(caller.tid)];
+    MTR_TID_IDX& bucket = gvar.mtr_tid_idx[tid_arg < 0 ? handle_bucket_of(caller.tid) : bucket_of(caller.tid)];
     BucketLock lock(bucket.mtr_lock);
     if (int rc = lock.status(); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;

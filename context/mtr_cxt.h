@@ -112,10 +112,19 @@ void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller = {0, 0});
 void forget_own_ktid();
 int isalive(const MTR_CXT_VAR& cxt);
 int comp_chk_tid(const MtrIdxEntry& a, const MtrIdxEntry& b);
-// Bucket of a thread id: its lowest byte, or the second-lowest when that is 0.
+// Bucket of a thread id a caller gives: its lowest byte, or the second-lowest
+// when that is 0.
 constexpr int bucket_of(uint64_t tid) {
     return (tid & 0xFF) ? static_cast<int>(tid & 0xFF) : static_cast<int>((tid >> 8) & 0xFF);
 }
 static_assert(bucket_of(0x1200) == 18 && bucket_of(0x3400) == 52 && bucket_of(0x1201) == 1 && bucket_of(0) == 0);
+// Bucket of the calling thread's own handle.  Handles are addresses of
+// thread descriptors, which sit at one offset of page-aligned stacks: their
+// low twelve bits are the same in every thread but the main one, and the
+// rule above would put all threads of a process in one bucket.  The bits
+// above the page offset, mixed (Fibonacci hashing), spread them evenly.
+constexpr int handle_bucket_of(uint64_t handle) {
+    return static_cast<int>(((handle >> 12) * 0x9E3779B97F4A7C15ull) >> 56);
+}
 
 }  // namespace varnix

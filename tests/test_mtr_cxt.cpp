@@ -2,11 +2,15 @@
 // registration in the process-thread table.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
+#include <latch>
 #include <thread>
 
 #include "core/gvar.h"
+#include "support/drainer.h"
 #include "support/service_calls.h"
+#include "support/thread_group.h"
 #include "support/tracing.h"
 
 namespace varnix::test {
@@ -71,7 +75,7 @@ TEST_F(MtrCxt, DeadThreadIsReclaimedOnTheNextMissOfItsBucket) {
         if (get_mtr_cxt_var(-1, &cxt) == 0) dead = cxt->tid;
     }).join();
     ASSERT_NE(dead, 0u);
-    const int bucket = bucket_of(dead);
+    const int bucket = handle_bucket_of(dead);
     MTR_TID_IDX& b = gvar.mtr_tid_idx[bucket];
     int pos = 0;
     while (pos < b.mtr_cnt && b.mtr_idx_list[pos].tid != dead) ++pos;
@@ -80,7 +84,7 @@ TEST_F(MtrCxt, DeadThreadIsReclaimedOnTheNextMissOfItsBucket) {
     const int count = b.mtr_cnt;
 
     // Another id of the same bucket misses and reclaims the dead thread.
-    const uint64_t other = (dead & 0xFF) ? (0x100000 | (dead & 0xFF)) : (0x100000 | (dead & 0xFF00));
+    const uint64_t other = bucket != 0 ? (0x100000 | bucket) : 0x100000;
     ASSERT_EQ(bucket_of(other), bucket);
     LogTail log;
     MTR_CXT_VAR* cxt = nullptr;
@@ -126,6 +130,31 @@ TEST_F(MtrCxt, ReusedThreadHandleStartsFresh) {
     EXPECT_NE(fresh->ptrc, old_entry);
     EXPECT_EQ(old_entry->ptrc_state, VARNIX_PTRC_RELEASED);
     EXPECT_EQ(fresh->ptrc->service_depth, 0);
+}
+
+// A busy server's threads spread over the buckets: 256 of them in a service
+// at once are all traced.  Ids that callers give keep their byte buckets.
+TEST_F(MtrCxt, ManyThreadsSpreadOverTheBuckets) {
+    constexpr int kThreads = 256;
+    Drainer drainer;
+    std::atomic<int> refused{0};
+    std::latch in_service(kThreads);
+    ThreadGroup threads(kThreads, [&](int t) {
+        ServiceCall s;
+        s.gid = "MANY-" + std::to_string(t);
+        s.svc_id = "SVC-MANY";
+        const int32_t start = call(TRAN_START, s);
+        in_service.arrive_and_wait();
+        for (int32_t rc : {start, call(TRAN_END, s)})
+            if (rc == VARNIX_RC_NO_CONTEXT || rc == VARNIX_RC_PTRC_FULL) refused.fetch_add(1);
+    });
+    threads.join();
+    EXPECT_EQ(refused.load(), 0);
+    for (auto [id, bucket] : {std::pair{0x1200, 18}, {0x3400, 52}, {0x1201, 1}}) {
+        MTR_CXT_VAR* cxt = nullptr;
+        ASSERT_EQ(get_mtr_cxt_var(id, &cxt), 0);
+        EXPECT_EQ(cxt->idx, bucket) << id;
+    }
 }
 
 TEST_F(MtrCxt, FullProcessThreadTableGives116AndKeepsTheSlotFree) {

@@ -222,7 +222,7 @@ TEST_F(StartStop, DoneDetachesContextsAndMarksThreadEntries) {
     EXPECT_EQ(gvar_cleared, 0);
 
     // Buckets are closed in order; in bucket 0 the process context (tid 0) sorts first.
-    const int wb = bucket_of(worker_tid);
+    const int wb = handle_bucket_of(worker_tid);
     const int in_bucket0 = wb == 0 ? 2 : 1;
     char process_line[256], worker_line[256];
     std::snprintf(process_line, sizeof process_line,
