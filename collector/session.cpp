@@ -26,10 +26,10 @@ bool set_env(const std::string& home, const std::string& cfg) {
 
 }  // namespace
 
-Session* Session::start(const char* prefix) {
+Session* Session::start(const char* prefix, AgentConfig conf) {
     if (the_session) return the_session;
     Session* s = new Session;
-    if (s->create(prefix) != 0) {
+    if (s->create(prefix, conf) != 0) {
         s->remove();
         delete s;
         return nullptr;
@@ -41,7 +41,7 @@ Session* Session::start(const char* prefix) {
     return s;
 }
 
-int Session::create(const char* prefix) {
+int Session::create(const char* prefix, AgentConfig& conf) {
     std::string tmpl = std::string("/tmp/") + prefix + "-XXXXXX";
     if (!mkdtemp(tmpl.data())) {
         std::perror("[session] mkdtemp");
@@ -51,7 +51,6 @@ int Session::create(const char* prefix) {
     std::error_code ec;
     std::filesystem::create_directories(home_ + "/agt/log/proc/libvarnix", ec);
     std::filesystem::create_directories(home_ + "/tong", ec);
-    AgentConfig conf;
     conf.keys = keys_for_pid(getpid());
     conf.log_home = "log";
     conf.tong_log_home = home_ + "/tong";

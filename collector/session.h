@@ -12,10 +12,11 @@ namespace varnix::kit {
 
 class Session {
 public:
-    // Creates the one session of this process (home /tmp/<prefix>-XXXXXX) and
-    // sets TRAN_HOME, TRAN_AGT_HOME and TRAN_AGT_CFG_FILE; null, with a message
-    // on standard error, when anything fails (what was created is removed).
-    static Session* start(const char* prefix);
+    // Creates the one session of this process (home /tmp/<prefix>-XXXXXX)
+    // from `conf`, whose keys and homes it sets itself, and sets TRAN_HOME,
+    // TRAN_AGT_HOME and TRAN_AGT_CFG_FILE; null, with a message on standard
+    // error, when anything fails (what was created is removed).
+    static Session* start(const char* prefix, AgentConfig conf = {});
 
     Collector& collector() { return collector_; }
     const std::string& home() const { return home_; }
@@ -24,7 +25,7 @@ public:
 
 private:
     Session() = default;
-    int create(const char* prefix);
+    int create(const char* prefix, AgentConfig& conf);
 
     Collector collector_;
     std::string home_;
