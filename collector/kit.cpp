@@ -216,6 +216,17 @@ void Collector::remove() {
     max_que_cnt_ = 0;
 }
 
+int Collector::raise_queue_bytes(unsigned long bytes) const {
+    int raised = 0;
+    for (int i = 0; i < max_que_cnt_; ++i) {
+        msqid_ds ds{};
+        if (msgctl(ids_.msgq[i], IPC_STAT, &ds) != 0) continue;
+        ds.msg_qbytes = bytes;
+        if (msgctl(ids_.msgq[i], IPC_SET, &ds) == 0) ++raised;
+    }
+    return raised;
+}
+
 int Collector::receive(TRAN_LOG_MSG& msg, int q) const {
     for (int i = q < 0 ? 0 : q; i < (q < 0 ? max_que_cnt_ : q + 1); ++i) {
         if (read_msgq(ids_.msgq[i], 0, &msg, VARNIX_REC_TEXT, 1) >= 0) return i;

@@ -79,6 +79,11 @@ public:
     int max_que_cnt() const { return max_que_cnt_; }
     int msgq_id(int q) const { return ids_.msgq[q]; }
 
+    // Raises the byte limit of every queue to `bytes`, as far as this process
+    // is permitted (raising it past kernel.msgmnb takes CAP_SYS_RESOURCE); the
+    // number of queues raised.
+    int raise_queue_bytes(unsigned long bytes) const;
+
     // One record from queue q, or from the first non-empty queue when q < 0,
     // without waiting: the queue number, or -1 when there is none.
     int receive(TRAN_LOG_MSG& msg, int q = -1) const;
