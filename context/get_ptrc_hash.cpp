@@ -124,7 +124,7 @@ void link_entry(PTRC_HASH_TBL& tbl, uint32_t n, uint32_t bucket, int32_t last) {
 
 }  // namespace
 
-PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt) {
+PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt, DeferredLine* created) {
     PTRC_HASH_TBL* tbl = gvar.ptrc_hash_tbl;
     Key key;
     if (!tbl || !cxt || cxt->idx < 0 || cxt->idx >= kMtrBuckets || !format_key(*cxt, key)) return nullptr;
@@ -143,10 +143,16 @@ PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt) {
     // bookkeeping would already be off, and the entry is sound regardless.
     ptrc_hash_push(&tbl->used_stk, n);
     ++tbl->used_cnt;
-    log_printf("(I) ptrc_hash pid-tid created.(pid : %d, tid : %lu, mtr_tid_idx : %d(%d threads), arr_idx : %d), "
-               "used : %d(=%d)",
-               cxt->pid, static_cast<unsigned long>(cxt->tid), cxt->idx, gvar.mtr_tid_idx[cxt->idx].mtr_cnt + 1,
-               static_cast<int>(n), static_cast<int>(tbl->used_cnt), static_cast<int>(tbl->used_stk.cnt));
+    static constexpr const char* kCreated =
+        "(I) ptrc_hash pid-tid created.(pid : %d, tid : %lu, mtr_tid_idx : %d(%d threads), arr_idx : %d), used : %d(=%d)";
+    const auto tid = static_cast<unsigned long>(cxt->tid);
+    const int threads = gvar.mtr_tid_idx[cxt->idx].mtr_cnt + 1;
+    const int used = static_cast<int>(tbl->used_cnt), stacked = static_cast<int>(tbl->used_stk.cnt);
+    if (created)
+        created->set_length(std::snprintf(created->buffer(), DeferredLine::size(), kCreated, cxt->pid, tid, cxt->idx,
+                                          threads, static_cast<int>(n), used, stacked));
+    else
+        log_printf(kCreated, cxt->pid, tid, cxt->idx, threads, static_cast<int>(n), used, stacked);
     return &tbl->entry[n];
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "context/mtr_cxt.h"
+#include "core/log_printf.h"
 
 namespace varnix {
 
@@ -11,6 +12,8 @@ namespace varnix {
 // keyed, or when a chain is corrupt (logged, and tracing is stopped in every
 // process by clearing magic_code).  The caller holds the PTRC_HASH_TBL
 // semaphore.
-PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt);
+// With `created`, the line that reports a new entry is left there, to be
+// written once the semaphore is released.
+PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt, DeferredLine* created = nullptr);
 
 }  // namespace varnix

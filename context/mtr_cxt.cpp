@@ -43,9 +43,10 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     cxt.tid = tid;
     cxt.idx = bucket.mtr_tid_idx;
     cxt.ktid = ktid;
+    DeferredLine created;  // written after the semaphore is released
     {
         PtrcSemGuard sem;
-        cxt.ptrc = sem.owns() ? get_ptrc_hash(&cxt) : nullptr;
+        cxt.ptrc = sem.owns() ? get_ptrc_hash(&cxt, &created) : nullptr;
         if (!cxt.ptrc) {
             cxt.cxt_init_flag = VARNIX_RC_PTRC_FULL;
             return VARNIX_RC_PTRC_FULL;
@@ -119,7 +120,7 @@ public:
     int status() const { return rc_ == 0 ? kOk : rc_ == ETIMEDOUT ? VARNIX_RC_NO_CONTEXT : VARNIX_RC_MUTEX; }
 
 private:
-    static constexpr int64_t kBucketWaitUs = 50'000;
+    static constexpr int64_t kBucketWaitUs = 2 * kPtrcSemWaitMs * 1000;  // a holder may wait for the semaphore twice
     pthread_mutex_t& m_;
     int rc_;
 };

@@ -6,7 +6,7 @@
 
 namespace varnix {
 
-inline constexpr int kPtrcSemWaitMs = 20;
+inline constexpr int kPtrcSemWaitMs = 50;
 
 // owns() is false when the semaphore could not be taken in time or the
 // collector removed it: the table's chains must then be left alone.

@@ -120,6 +120,10 @@ int log_printf(const char* fmt, ...) {
     int len = std::vsnprintf(msg, sizeof msg, fmt, ap);
     va_end(ap);
     if (len < 1) return len;
+    return log_line(msg, len);
+}
+
+int log_line(const char* msg, int len) {
     char stamp[32];
     get_cur_time(stamp);
     NoCancel no_cancel;

@@ -421,7 +421,7 @@ TEST_F(StartStop, TableSemaphoreHeldByAnotherProcess) {
     EXPECT_EQ(newcomer, VARNIX_RC_PTRC_FULL);
     EXPECT_LT(ms_since(t0), 1000);
     EXPECT_TRUE(sent(event()));
-    EXPECT_EQ(log.take(), Lines{"<!> ptrc_hash_tbl semaphore busy for 20 ms, thread registration deferred"});
+    EXPECT_EQ(log.take(), Lines{"<!> ptrc_hash_tbl semaphore busy for 50 ms, thread registration deferred"});
 
     ASSERT_EQ(kill(holder, SIGKILL), 0);
     ASSERT_EQ(waitpid(holder, nullptr, 0), holder);
