@@ -18,7 +18,6 @@
 #include "context/get_ptrc_hash.h"
 #include "context/mtr_cxt.h"
 #include "context/ptrc_sem.h"
-#include "core/clock.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -107,9 +106,14 @@ class BucketLock {
 public:
     explicit BucketLock(pthread_mutex_t& m) : m_(m), rc_(pthread_mutex_trylock(&m)) {
         if (rc_ != EBUSY) return;
-        const int64_t deadline = monotonic_us() + kBucketWaitUs;
-        const timespec ts{static_cast<time_t>(deadline / 1'000'000), static_cast<long>(deadline % 1'000'000) * 1000};
-        rc_ = pthread_mutex_clocklock(&m, CLOCK_MONOTONIC, &ts);
+        // The wall clock, as pthread_mutex_timedlock takes it (the race
+        // detector knows that call, not its monotonic twin): a clock step
+        // during the wait lengthens or shortens it by the step.
+        timespec ts{};
+        (void)clock_gettime(CLOCK_REALTIME, &ts);  // CLOCK_REALTIME is always there
+        const int64_t deadline = static_cast<int64_t>(ts.tv_sec) * 1'000'000 + ts.tv_nsec / 1000 + kBucketWaitUs;
+        ts = timespec{static_cast<time_t>(deadline / 1'000'000), static_cast<long>(deadline % 1'000'000) * 1000};
+        rc_ = pthread_mutex_timedlock(&m, &ts);
     }
     ~BucketLock() {
         if (rc_ == 0) (void)pthread_mutex_unlock(&m_);
