@@ -55,9 +55,9 @@ void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const Service
             call_us = r.call_us;
         }
     }
-    put_field(b + kElapsedAt, 10, "%010ld", static_cast<long>(elapsed_us));
-    put_field(b + kCallAt, 10, "%010ld", static_cast<long>(call_us));
-    put_field(b + kDepthAt, 2, "%0*d", 2, r.depth);
+    put_number(b + kElapsedAt, 10, elapsed_us);
+    put_number(b + kCallAt, 10, call_us);
+    put_number(b + kDepthAt, 2, r.depth);
     for (size_t i = 0; i < kind.tail.size(); ++i)
         set_log_field(tail_at(a, i), b + kind.tail[i].offset, kind.tail[i].width);
     *cxt.log_len = static_cast<uint32_t>(kind.body_len);

@@ -9,7 +9,6 @@
 // below holds children of its call (the previous finish was deeper) or not.
 #include <sys/time.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -22,6 +21,7 @@
 #include "core/log_printf.h"
 #include "core/status.h"
 #include "record/record.h"
+#include "record/text_out.h"
 #include "varnix.h"
 
 namespace varnix {
@@ -222,20 +222,6 @@ Plan plan_record(MTR_CXT_VAR& cxt, int k, int64_t elapsed, char kind) {
     return {elapsed >= e.dbio_trc_limit || lvl.force_rec != 0, first ? Format::kDbioFirst : Format::kDbioLater, {}};
 }
 
-// The record text, cut at its field's width.
-struct Text350 {
-    char s[kTextWidth + 1];
-    int n = 0;
-    [[gnu::format(printf, 2, 3)]] void add(const char* fmt, ...) {
-        if (n >= kTextWidth) return;
-        va_list ap;
-        va_start(ap, fmt);
-        const int r = std::vsnprintf(s + n, sizeof s - static_cast<size_t>(n), fmt, ap);
-        va_end(ap);
-        if (r > 0) n = n + r < kTextWidth ? n + r : kTextWidth;
-    }
-};
-
 // Seconds and microseconds of a microsecond count or of a time.
 struct Secs {
     long s, us;
@@ -255,29 +241,26 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Finis
     const Secs end = secs(lvl.end_tv);
     const char* label = a.kind_label ? a.kind_label : biz_form ? "METHOD" : "";
     const Name<sizeof lvl.source_nm> kept_source(lvl.source_nm);
-    Text350 t;
-    t.add("%d,%d,%ld.%06ld,%ld.%06ld,%ld.%06ld,%ld.%06ld,%ld.%06ld,%ld.%06ld,[%s][%s at %s (%s::%05d){%d}]",
-          e.trc_lvl, e.call_trc_depth_max, all.s, all.us, own.s, own.us, called.s, called.us, dbio.s, dbio.us, start.s,
-          start.us, end.s, end.us, label, Name(lvl.func_nm).s, a.module_nm ? a.module_nm : "",
-          a.source_nm ? a.source_nm : kept_source.s, a.line_no, lvl.call_seq);
+    TextOut<kTextWidth> t;
+    t.number(e.trc_lvl).ch(',').number(e.call_trc_depth_max).ch(',');
+    for (const Secs& v : {all, own, called, dbio, start, end}) t.secs(v.s, v.us).ch(',');
+    t.ch('[').text(label).text("][").text(Name(lvl.func_nm).s).text(" at ").text(a.module_nm ? a.module_nm : "");
+    t.text(" (").text(a.source_nm ? a.source_nm : kept_source.s).text("::").number(a.line_no, 5).text("){");
+    t.number(lvl.call_seq).text("}]");
     const int32_t sql_code = static_cast<int32_t>(e.sql_code);
-    const long fetch_ms = e.fetch_last[1] / 1000;
-    const long fetch_rest = e.fetch_last[1] % 1000;
-    const Name user(e.db_user);
-    const Name sid(e.db_sid);
     switch (p.format) {
         case Format::kWithChildren:
-        case Format::kAlone: t.add("#RC %d", lvl.rc); break;
+        case Format::kAlone: t.text("#RC ").number(lvl.rc); break;
         case Format::kDbioFirst:
-            t.add("#SQLCODE %d, #RC %d (line %d) fetch %d rows (%ld.%ld ms) DB %s/%s", sql_code, lvl.rc,
-                  e.fetch_last[2], e.fetch_last[0], fetch_ms, fetch_rest, user.s, sid.s);
-            break;
         case Format::kDbioLater:
-            t.add("#SQLCODE %d, #RC %ld (line %d) fetch %d rows(%ld.%ld ms) DB %s/%s", sql_code,
-                  static_cast<long>(lvl.rc), e.fetch_last[2], e.fetch_last[0], fetch_ms, fetch_rest, user.s, sid.s);
+            // The later DBIO form has no blank before the fetch time.
+            t.text("#SQLCODE ").number(sql_code).text(", #RC ").number(lvl.rc).text(" (line ").number(e.fetch_last[2]);
+            t.text(") fetch ").number(e.fetch_last[0]).text(p.format == Format::kDbioFirst ? " rows (" : " rows(");
+            t.number(e.fetch_last[1] / 1000).ch('.').number(e.fetch_last[1] % 1000).text(" ms) DB ");
+            t.text(Name(e.db_user).s).ch('/').text(Name(e.db_sid).s);
             break;
     }
-    set_log_field(t.s, t.n, body + hdr::kEnd, kTextWidth, 1);
+    set_log_field(t.data(), t.size(), body + hdr::kEnd, kTextWidth, 1);
 }
 
 // Header, GID of the open service and length around the text already in

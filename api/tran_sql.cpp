@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 
 #include "api/notice.h"
@@ -20,6 +19,7 @@
 #include "core/log_printf.h"
 #include "core/status.h"
 #include "record/record.h"
+#include "record/text_out.h"
 #include "varnix.h"
 
 namespace varnix {
@@ -147,20 +147,18 @@ void cut_at_comma(SQL_SLOT& slot) {
     if (comma + 1 < slot.func_nm + sizeof slot.func_nm) comma[1] = '\0';
 }
 
-// Formats the piece header; its length.  The longest header (five numbers, an
-// elapsed time and a 70-byte name) stays far below the buffer, so the text
-// always has room behind it.
-int piece_header(char (&head)[128], const SQL_SLOT& slot, int slot_no, int cnt, int piece) {
-    int h;
-    if (piece == 1) {
-        const int64_t us = elapsed_us(slot.start_tv, slot.end_tv);
-        h = std::snprintf(head, sizeof head, "%d,%d,%d,%u,%ld.%06ld,%d,%.*s,", slot_no, cnt, piece, slot.rep_cnt,
-                          static_cast<long>(us / kUsecPerSec), static_cast<long>(us % kUsecPerSec), slot.sql_no,
-                          static_cast<int>(strnlen(slot.func_nm, sizeof slot.func_nm)), slot.func_nm);
-    } else {
-        h = std::snprintf(head, sizeof head, "%d,%d,%d,", slot_no, cnt, piece);
-    }
-    return std::clamp(h, 0, static_cast<int>(sizeof head) - 1);
+// The piece header: "slot,count,piece," and, on the first piece, the
+// repeats, the elapsed time, the statement number and the function name.
+// Its longest form (five numbers, a time and a 70-byte name) is far below
+// 128 bytes, so the text always has room behind it.
+TextOut<128> piece_header(const SQL_SLOT& slot, int slot_no, int cnt, int piece) {
+    TextOut<128> h;
+    h.number(slot_no).ch(',').number(cnt).ch(',').number(piece).ch(',');
+    if (piece != 1) return h;
+    const int64_t us = elapsed_us(slot.start_tv, slot.end_tv);
+    h.number(slot.rep_cnt).ch(',').secs(us / kUsecPerSec, us % kUsecPerSec).ch(',').number(slot.sql_no).ch(',');
+    h.text(std::string_view(slot.func_nm, strnlen(slot.func_nm, sizeof slot.func_nm))).ch(',');
+    return h;
 }
 
 // Sends one statement as pieces cut on character boundaries; the last send's
@@ -171,8 +169,8 @@ int send_slot(MTR_CXT_VAR& cxt, SQL_SLOT& slot, int slot_no, int cnt) {
     cut_at_comma(slot);
     int rc = kOk;
     for (int offset = 0, piece = 1; offset < len; ++piece) {
-        char head[128];
-        const int h = piece_header(head, slot, slot_no, cnt, piece);
+        const TextOut<128> head = piece_header(slot, slot_no, cnt, piece);
+        const int h = head.size();
         const int room = kTextField - h;
         const int remaining = len - offset;
         int n = remaining;
@@ -183,7 +181,7 @@ int send_slot(MTR_CXT_VAR& cxt, SQL_SLOT& slot, int slot_no, int cnt) {
                 log_printf("<!> send_len(%d) length error", n);
             }
         }
-        std::memcpy(text_field, head, static_cast<size_t>(h));
+        std::memcpy(text_field, head.data(), static_cast<size_t>(h));
         set_log_field(slot.sql_text + offset, n, text_field + h, room, 1);
         *cxt.log_len2 = kBodyLen;
         rc = tran_logb(cxt, cxt.log_rec2);

@@ -31,8 +31,8 @@ void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* 
     std::memset(rec.text, ' ', sizeof rec.text);
     len = reinterpret_cast<uint32_t*>(rec.text);
     body = rec.text + sizeof(uint32_t);
-    put_field(body + 73, 64, "%s", host);
-    put_field(body + 138, 8, "%08d", pid);
+    set_log_field(host, -1, body + 73, 64, 1);
+    put_number(body + 138, 8, pid);
 }
 
 // Fills the context taken for `tid` and registers it in the process-thread
@@ -60,7 +60,7 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     int pid = static_cast<int>(getpid());
     prepare_record(cxt.log_rec, cxt.log_body, cxt.log_len, gvar.host_name, pid);
     prepare_record(cxt.log_rec2, cxt.log_body2, cxt.log_len2, gvar.host_name, pid);
-    put_field(cxt.log_body + 40, 15, "%s", gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm);
+    set_log_field(gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm, -1, cxt.log_body + 40, 15, 1);
     return kOk;
 }
 

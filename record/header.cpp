@@ -6,6 +6,7 @@
 #include "core/clock.h"
 #include "core/gvar.h"
 #include "record/record.h"
+#include "record/text_out.h"
 
 namespace varnix {
 
@@ -49,10 +50,21 @@ constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
 
 }  // namespace
 
+// The digits of a two-digit part of a date or time; every part written here
+// is within 0..99.
+void put2(char* at, int v) {
+    at[0] = static_cast<char>('0' + v / 10 % 10);
+    at[1] = static_cast<char>('0' + v % 10);
+}
+
 void put_date_now(char* body) {
     timeval tv;
     std::tm tm = local_now(tv);
-    put_field(body + hdr::kDate, 8, "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
+    char d[8];
+    write_zero_padded(d, tm.tm_year + 1900, 4);  // four digits until the year 10000
+    put2(d + 4, tm.tm_mon + 1);
+    put2(d + 6, tm.tm_mday);
+    set_log_field(d, sizeof d, body + hdr::kDate, 8, 1);
 }
 
 void put_time_now(char* body) {
@@ -61,8 +73,12 @@ void put_time_now(char* body) {
 
 void put_time(char* body, const timeval& tv) {
     std::tm tm = local_tm(tv.tv_sec);
-    put_field(body + hdr::kTime, 12, "%02d%02d%02d%06ld", tm.tm_hour, tm.tm_min, tm.tm_sec,
-              static_cast<long>(tv.tv_usec));
+    char t[12 + kNumberMax];
+    put2(t, tm.tm_hour);
+    put2(t + 2, tm.tm_min);
+    put2(t + 4, tm.tm_sec);
+    const int n = 6 + write_zero_padded(t + 6, tv.tv_usec, 6);
+    set_log_field(t, n, body + hdr::kTime, 12, 1);
 }
 
 void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a) {
@@ -71,9 +87,9 @@ void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const Heade
     set_log_field(a.dtl_cd, body + hdr::kDtlCd, 1);
     set_log_field(a.gid, body + hdr::kGid, 32);
     if (a.pid_str.p) set_log_field(a.pid_str, body + hdr::kPid, 8);
-    put_field(body + hdr::kTid, 15, "%.*lu", 15, static_cast<unsigned long>(cxt.tid % kTidModulus));
-    put_field(body + hdr::kIdx, 5, "%.*d", 5, cxt.idx);
-    put_field(body + hdr::kPidx, 5, "%.*d", 5, cxt.ptrc ? static_cast<int>(cxt.ptrc->pidx) : 0);
+    put_number(body + hdr::kTid, 15, static_cast<int64_t>(cxt.tid % kTidModulus));
+    put_number(body + hdr::kIdx, 5, cxt.idx);
+    put_number(body + hdr::kPidx, 5, cxt.ptrc ? static_cast<int64_t>(cxt.ptrc->pidx) : 0);
     if (a.date_str.p) set_log_field(a.date_str, body + hdr::kDate, 8);
     else put_date_now(body);
     if (a.time_str.p) set_log_field(a.time_str, body + hdr::kTime, 12);

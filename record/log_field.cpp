@@ -1,8 +1,8 @@
 #include "record/log_field.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
+
+#include "record/text_out.h"
 
 namespace varnix {
 
@@ -24,15 +24,9 @@ void set_log_field(const char* src, int len, char* dst, int width, int copy) {
     dst[width] = ' ';
 }
 
-void put_field(char* dst, int width, const char* fmt, ...) {
-    char buf[128];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    if (n < 0) n = 0;
-    if (n >= static_cast<int>(sizeof buf)) n = sizeof buf - 1;
-    set_log_field(buf, n, dst, width, 1);
+void put_number(char* dst, int width, int64_t v) {
+    char buf[kNumberMax + 1];
+    set_log_field(buf, write_zero_padded(buf, v, width), dst, width, 1);
 }
 
 }  // namespace varnix

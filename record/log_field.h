@@ -17,7 +17,8 @@ struct Text {
 void set_log_field(const char* src, int len, char* dst, int width, int copy);
 inline void set_log_field(Text t, char* dst, int width) { set_log_field(t.p, t.len, dst, width, 1); }
 
-// Formats into a field of `width` characters and its trailing space.
-void put_field(char* dst, int width, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+// A number zero-padded to the field's width ("%0*ld"), cut to it as any
+// text is, and the trailing space.
+void put_number(char* dst, int width, int64_t v);
 
 }  // namespace varnix

@@ -1,0 +1,73 @@
+// Writers of the numbers and texts of record fields: the same characters as
+// the printf conversions the records are defined by ("%d", "%0*ld", "%.*lu",
+// "%ld.%06ld", "%6.2f", "%s"), written directly.  Records are built on every
+// traced call, where the format parser would cost more than the rest of the
+// record.
+#pragma once
+
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+namespace varnix {
+
+// Longest text write_zero_padded writes: a sign, 19 digits, or the width.
+inline constexpr int kNumberMax = 20;
+
+// "%0*lld" of v: the sign, then the digits zero-padded so that the whole is
+// at least `width` (at most kNumberMax) characters.  Returns the length.
+inline int write_zero_padded(char* out, int64_t v, int width) {
+    if (width > kNumberMax) width = kNumberMax;
+    char digits[kNumberMax];
+    uint64_t u = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+    int n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    int len = 0;
+    if (v < 0) out[len++] = '-';
+    for (int pad = width - len - n; pad > 0; --pad) out[len++] = '0';
+    while (n > 0) out[len++] = digits[--n];
+    return len;
+}
+
+// A text of at most N characters, built piece by piece; what does not fit is
+// cut off.
+template <int N>
+class TextOut {
+public:
+    TextOut& text(std::string_view s) {
+        const size_t n = s.size() < room() ? s.size() : room();
+        std::memcpy(s_ + n_, s.data(), n);
+        n_ += static_cast<int>(n);
+        return *this;
+    }
+    // A NUL-terminated text, read no further than what still fits.
+    TextOut& text(const char* s) { return s ? text(std::string_view(s, strnlen(s, room()))) : *this; }
+    TextOut& ch(char c) { return text(std::string_view(&c, 1)); }
+    TextOut& number(int64_t v, int width = 0) {
+        char buf[kNumberMax + 1];
+        return text(std::string_view(buf, static_cast<size_t>(write_zero_padded(buf, v, width))));
+    }
+    // "%ld.%06ld"
+    TextOut& secs(int64_t s, int64_t us) { return number(s).ch('.').number(us, 6); }
+    // "%*.2f", with a '.' whatever the host's locale.
+    TextOut& fixed2(double v, int width) {
+        char buf[384];  // the widest double in fixed notation
+        const auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed, 2);
+        const int n = r.ec == std::errc() ? static_cast<int>(r.ptr - buf) : 0;
+        for (int pad = width - n; pad > 0; --pad) ch(' ');
+        return text(std::string_view(buf, static_cast<size_t>(n)));
+    }
+    const char* data() const { return s_; }
+    int size() const { return n_; }
+
+private:
+    size_t room() const { return static_cast<size_t>(N - n_); }
+    char s_[N];
+    int n_ = 0;
+};
+
+}  // namespace varnix
