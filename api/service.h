@@ -43,7 +43,7 @@ struct ServiceKind {
     bool channel_class;    // chnl_class from the channel type, fetch sums reset
     bool gid_change_check;
     const char* stale_same_gid_fmt;
-    const char* stats_fmt;
+    bool stats_with_fetch;  // the statistics notice reports fetches and the DB connection
 };
 extern const ServiceKind kStandardService;
 extern const ServiceKind kProcessTraceService;

@@ -30,8 +30,7 @@ const ServiceKind kStandardService{
     "TRAN_START", kTranStartApi, kTranEndApi, kTelegramTail, end_of(kTelegramTail), true, true, true,
     "<!> START - service depth init (%d)->(0) GID-PID-TID |%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s) svc_depth_elapsed %d "
     "sec (base %d sec)",
-    "처리 모듈(함수)통계 [ 총 호출 %d 건 ] [ Max Depth %d ] [ BIZCALL(Method) %d건 (전체 Avg/Max %6.2f/%d ms, 개별 "
-    "Max %d ms) ], [ DBIO %d건 (Avg/Max %6.2f/%d ms) fetch %d rows (%ld.%ld ms), (DBConn %s/%s) ]",
+    true,
 };
 
 const ServiceKind kProcessTraceService{
@@ -39,8 +38,7 @@ const ServiceKind kProcessTraceService{
     false,
     "<!> START - service depth init (%d)->(0) GID-PID-TID|%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s), svc_depth_elapsed %d "
     "sec (base %d sec)",
-    "처리 모듈(함수)통계 [ 총 호출 %d 건 ] [ Max Depth %d ] [ BIZCALL(Method) %d건 (전체 Avg/Max %6.2f/%d ms, 개별 "
-    "Max %d ms) ], [ DBIO %d건 (Avg/Max %6.2f/%d ms) ]",
+    false,
 };
 
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r) {

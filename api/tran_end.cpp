@@ -10,6 +10,7 @@
 #include "core/log_printf.h"
 #include "core/status.h"
 #include "record/record.h"
+#include "record/text_out.h"
 
 namespace varnix {
 namespace {
@@ -55,18 +56,24 @@ float average_ms(int64_t sum_us, uint32_t count) {
 void send_statistics(const ServiceKind& kind, const MTR_CXT_VAR& cxt, int32_t tid) {
     const PTRC_HASH& e = *cxt.ptrc;
     const CallStat& s = cxt.call_stat;
-    char db_user[sizeof e.db_user + 1] = {}, db_sid[sizeof e.db_sid + 1] = {};
-    std::memcpy(db_user, e.db_user, sizeof e.db_user);
-    std::memcpy(db_sid, e.db_sid, sizeof e.db_sid);
-    const int32_t fetch_time = e.fetch_time_sum;
-    char text[1024];
-    std::snprintf(text, sizeof text, kind.stats_fmt, e.total_call_cnt, s.max_call_depth, s.biz_cnt,
-                  static_cast<double>(average_ms(s.biz_elapsed_sum, s.biz_cnt)), s.biz_max_ms, s.biz_self_max_ms,
-                  s.dbio_cnt, static_cast<double>(average_ms(s.dbio_elapsed_sum, s.dbio_cnt)), s.dbio_max_ms,
-                  e.fetch_rows_sum, static_cast<long>(fetch_time / 1000), static_cast<long>(fetch_time % 1000), db_user,
-                  db_sid);
+    // Counts are reported as the signed numbers the collector reads.
+    auto n32 = [](uint32_t v) { return static_cast<int32_t>(v); };
+    TextOut<1023> t;
+    t.text("처리 모듈(함수)통계 [ 총 호출 ").number(e.total_call_cnt).text(" 건 ] [ Max Depth ");
+    t.number(n32(s.max_call_depth)).text(" ] [ BIZCALL(Method) ").number(n32(s.biz_cnt)).text("건 (전체 Avg/Max ");
+    t.fixed2(average_ms(s.biz_elapsed_sum, s.biz_cnt), 6).ch('/').number(s.biz_max_ms).text(" ms, 개별 Max ");
+    t.number(s.biz_self_max_ms).text(" ms) ], [ DBIO ").number(n32(s.dbio_cnt)).text("건 (Avg/Max ");
+    t.fixed2(average_ms(s.dbio_elapsed_sum, s.dbio_cnt), 6).ch('/').number(s.dbio_max_ms).text(" ms)");
+    if (kind.stats_with_fetch) {
+        const int32_t fetch_time = e.fetch_time_sum;
+        t.text(" fetch ").number(e.fetch_rows_sum).text(" rows (").number(fetch_time / 1000).ch('.');
+        t.number(fetch_time % 1000).text(" ms), (DBConn ");
+        t.text(std::string_view(e.db_user, strnlen(e.db_user, sizeof e.db_user))).ch('/');
+        t.text(std::string_view(e.db_sid, strnlen(e.db_sid, sizeof e.db_sid))).ch(')');
+    }
+    t.text(" ]");
     Notice n;
-    n.msg_text = {text, -1};
+    n.msg_text = {t.data(), t.size()};
     (void)tran_info(tid, n);
 }
 

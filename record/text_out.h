@@ -5,7 +5,6 @@
 // record.
 #pragma once
 
-#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -53,13 +52,33 @@ public:
     }
     // "%ld.%06ld"
     TextOut& secs(int64_t s, int64_t us) { return number(s).ch('.').number(us, 6); }
-    // "%*.2f", with a '.' whatever the host's locale.
-    TextOut& fixed2(double v, int width) {
-        char buf[384];  // the widest double in fixed notation
-        const auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed, 2);
-        const int n = r.ec == std::errc() ? static_cast<int>(r.ptr - buf) : 0;
-        for (int pad = width - n; pad > 0; --pad) ch(' ');
-        return text(std::string_view(buf, static_cast<size_t>(n)));
+    // "%*.2f" of a float, with a '.' whatever the host's locale.  A float
+    // has 24 significant bits, so v x 100 is exact in a double, and rounding
+    // that to the nearest integer (ties to even, as printf rounds) gives
+    // printf's digits without a floating-point formatter, which would tie
+    // the library to libm.
+    TextOut& fixed2(float v, int width) {
+        char buf[kNumberMax + 8];
+        const double x = static_cast<double>(v) * 100.0;
+        std::string_view s;
+        if (x != x) {
+            s = "nan";
+        } else if (x >= 9e18 || x <= -9e18) {
+            s = x > 0 ? "inf" : "-inf";  // inf; no average reaches such sizes
+        } else {
+            const double ax = x < 0 ? -x : x;
+            auto cents = static_cast<uint64_t>(ax);
+            const double frac = ax - static_cast<double>(cents);
+            if (frac > 0.5 || (frac == 0.5 && (cents & 1))) ++cents;
+            int n = 0;
+            if (__builtin_signbit(v)) buf[n++] = '-';
+            n += write_zero_padded(buf + n, static_cast<int64_t>(cents / 100), 1);
+            buf[n++] = '.';
+            n += write_zero_padded(buf + n, static_cast<int64_t>(cents % 100), 2);
+            s = std::string_view(buf, static_cast<size_t>(n));
+        }
+        for (int pad = width - static_cast<int>(s.size()); pad > 0; --pad) ch(' ');
+        return text(s);
     }
     const char* data() const { return s_; }
     int size() const { return n_; }
