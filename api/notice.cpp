@@ -23,7 +23,7 @@ Text level_svc_id(const SvcLevel& level) { return {level.svc_id, sizeof level.sv
 
 int send_notice(MTR_CXT_VAR& cxt, const NoticeLayout& layout, const Notice& n, Text gid) {
     char* b = cxt.log_body;
-    write_header(cxt, b, layout.log_type, HeaderArgs{n.cls_cd, n.dtl_cd, gid, n.pid_str, n.date_str, n.time_str});
+    write_header(b, layout.log_type, HeaderArgs{n.cls_cd, n.dtl_cd, gid, n.pid_str, n.date_str, n.time_str});
     if (layout.code_at >= 0) set_log_field(n.code, b + layout.code_at, kCodeWidth);
     if (layout.has_receiver) {
         set_log_field(n.recv_svc_cd, b + kRecvSvcCdAt, 12);

@@ -20,9 +20,16 @@ constexpr FieldPos kProcessTraceTail[] = {
     {278, 30}, {309, 20}, {330, 20}, {351, 30}, {382, 3},
 };
 
-// Every tail ends with its last column and the closing blank.
+// Every tail ends with its last column and the closing blank, and its
+// columns follow each other with one blank between them.
 constexpr int end_of(std::span<const FieldPos> tail) { return tail.back().offset + tail.back().width + 1; }
+constexpr bool end_to_end(std::span<const FieldPos> tail) {
+    for (size_t i = 1; i < tail.size(); ++i)
+        if (tail[i].offset != tail[i - 1].offset + tail[i - 1].width + 1) return false;
+    return true;
+}
 static_assert(end_of(kTelegramTail) == 426 && end_of(kProcessTraceTail) == 386);
+static_assert(end_to_end(kTelegramTail) && end_to_end(kProcessTraceTail));
 
 }  // namespace
 
@@ -43,7 +50,7 @@ const ServiceKind kProcessTraceService{
 
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r) {
     char* b = cxt.log_body;
-    write_header(cxt, b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str});
+    write_header(b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str});
     int64_t elapsed_us = 0, call_us = 0;
     if (r.timed && !a.time_str.p) {
         take_service_time(*cxt.ptrc, *r.timed);
@@ -56,8 +63,11 @@ void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const Service
     put_number(b + kElapsedAt, 10, elapsed_us);
     put_number(b + kCallAt, 10, call_us);
     put_number(b + kDepthAt, 2, r.depth);
+    // The columns lie end to end, each with its blank: blank them all at
+    // once, then write the ones given.
+    std::memset(b + kind.tail.front().offset, ' ', static_cast<size_t>(kind.body_len - kind.tail.front().offset));
     for (size_t i = 0; i < kind.tail.size(); ++i)
-        set_log_field(tail_at(a, i), b + kind.tail[i].offset, kind.tail[i].width);
+        if (const Text t = tail_at(a, i); t.p) set_log_field(t, b + kind.tail[i].offset, kind.tail[i].width);
     *cxt.log_len = static_cast<uint32_t>(kind.body_len);
 }
 

@@ -267,7 +267,7 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Finis
 // the body; the dispatcher's result.
 int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h) {
     h.gid = level_gid(*current_svc_level(cxt));
-    write_header(cxt, cxt.log_body, kind, h);
+    write_header(cxt.log_body, kind, h);
     *cxt.log_len = kCallBodyLen;
     return tran_logb(cxt, cxt.log_rec);
 }

@@ -103,7 +103,7 @@ bool same_text(const SQL_SLOT& slot, const Stmt& st) {
 
 // The record header is written once per DBIO call, with its first statement.
 void write_sql_header(MTR_CXT_VAR& cxt, const SvcLevel& level, Text date_str, Text time_str) {
-    write_header(cxt, cxt.log_body2, kLogType, HeaderArgs{{}, {}, level_gid(level), {}, date_str, time_str});
+    write_header(cxt.log_body2, kLogType, HeaderArgs{{}, {}, level_gid(level), {}, date_str, time_str});
 }
 
 int report(MTR_CXT_VAR& cxt, const CALL_LVL& call, const Stmt& st, Text date_str, Text time_str) {

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -22,9 +23,22 @@
 #include "core/log_printf.h"
 #include "core/status.h"
 #include "record/log_field.h"
+#include "record/record.h"
 
 namespace varnix {
 namespace {
+
+// Stamps of context slots, unique for the life of the process (they outlive
+// the wiping of the process block, so no stamp cached before it matches).
+std::atomic<uint64_t> next_stamp{1};
+
+// The calling thread's own context, found without the bucket: valid while
+// the slot's stamp is the one it had when found.
+struct OwnContext {
+    MTR_CXT_VAR* cxt = nullptr;
+    uint64_t stamp = 0;
+};
+thread_local OwnContext own_context;
 
 void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* host, int pid) {
     rec.mtype = 1;
@@ -56,11 +70,15 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     cxt.service_depth = 0;
     cxt.log_bit = 0;
     cxt.svc_hash = nullptr;
+    cxt.gid_key_len = -1;
     cxt.lasted_access = std::time(nullptr);
     int pid = static_cast<int>(getpid());
     prepare_record(cxt.log_rec, cxt.log_body, cxt.log_len, gvar.host_name, pid);
     prepare_record(cxt.log_rec2, cxt.log_body2, cxt.log_len2, gvar.host_name, pid);
+    write_thread_ids(cxt, cxt.log_body);
+    write_thread_ids(cxt, cxt.log_body2);
     set_log_field(gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm, -1, cxt.log_body + 40, 15, 1);
+    __atomic_store_n(&cxt.stamp, next_stamp.fetch_add(1, std::memory_order_relaxed), __ATOMIC_RELEASE);
     return kOk;
 }
 
@@ -156,6 +174,7 @@ void free_context(MTR_TID_IDX& bucket, int pos, bool alive) {
                static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), alive ? "alive" : "killed",
                cxt.ptrc ? cxt.ptrc->ptrc_state : 0, bucket.mtr_cnt, bucket.mtr_cnt - 1);
     if (ours) cxt.ptrc->ptrc_state = VARNIX_PTRC_RELEASED;
+    __atomic_store_n(&cxt.stamp, 0, __ATOMIC_RELEASE);
     cxt.in_use = 0;
     --bucket.mtr_cnt;
     if (bucket.last_var == &cxt) bucket.last_var = nullptr;
@@ -203,9 +222,17 @@ void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller) {
 }
 
 int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
-    const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
     // Sequentially consistent: read after the entry gate counted the caller.
     if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
+    if (tid_arg < 0) {
+        const OwnContext own = own_context;
+        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp) {
+            __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
+            *out = own.cxt;
+            return kOk;
+        }
+    }
+    const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
     MTR_TID_IDX& bucket = gvar.mtr_tid_idx[tid_arg < 0 ? handle_bucket_of(caller.tid) : bucket_of(caller.tid)];
     BucketLock lock(bucket.mtr_lock);
     if (int rc = lock.status(); rc != kOk) return rc;
@@ -219,7 +246,8 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     if (!cxt) {
         if (int rc = miss(bucket, caller.tid, caller.ktid, &cxt); rc != kOk) return rc;
     }
-    cxt->lasted_access = std::time(nullptr);
+    __atomic_store_n(&cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
+    if (tid_arg < 0) own_context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
     // A context made for an id a caller gave, now used by the thread whose
     // handle that id is, takes that thread's liveness.
     if (cxt->ktid == 0) cxt->ktid = caller.ktid;

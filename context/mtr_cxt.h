@@ -61,6 +61,14 @@ struct MTR_CXT_VAR {
     int32_t in_use;
     std::time_t lasted_access;
     pid_t ktid;  // kernel id of the owning thread when it called for itself; 0 when unknown
+    // Changes whenever the slot is given to a thread or freed (__atomic
+    // access); a thread's own cached context is valid while it still holds
+    // the value it had.  0 while free.
+    uint64_t stamp;
+    // The GID slice that picked the last record's queue, and its hash.
+    char gid_key[32];
+    int32_t gid_key_len;
+    uint32_t gid_key_hash;
 };
 
 struct MtrIdxEntry {

@@ -29,7 +29,7 @@ extern "C" void show_mtr_idx_list(int32_t bucket_no) {
         log_printf(">>idx arr[%d] var->log_bit : %d", i, v.log_bit);
         log_printf(">>idx arr[%d] var->cxt_init_flag : %d", i, v.cxt_init_flag);
         log_printf(">>idx arr[%d] var->in_use : %d", i, v.in_use);
-        log_printf(">>idx arr[%d] var->lasted_access (sec): %d", i, static_cast<int>(now - v.lasted_access));
+        log_printf(">>idx arr[%d] var->lasted_access (sec): %d", i, static_cast<int>(now - __atomic_load_n(&v.lasted_access, __ATOMIC_RELAXED)));
     }
     std::puts("------------------------------");
 }

@@ -3,6 +3,10 @@
 // stop can tell when no caller is inside any more before it detaches what
 // those callers read.
 //
+// A caller must leave, so the library's cancellation points (the message
+// queue and semaphore calls, the log) run with cancellation disabled
+// (core/no_cancel.h): a host thread is never cancelled inside.
+//
 // Callers count themselves in one of a few counters picked by their thread,
 // so that threads on different cores do not share a cache line.  The count
 // is raised (sequentially consistent) before the caller reads init_mark, and
@@ -16,7 +20,6 @@
 #include <atomic>
 #include <cstdint>
 
-#include "core/no_cancel.h"
 
 namespace varnix {
 
@@ -42,7 +45,6 @@ public:
     EntryGate& operator=(const EntryGate&) = delete;
 
 private:
-    NoCancel no_cancel_;
     GateStripe& stripe_;
 };
 

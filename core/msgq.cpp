@@ -3,9 +3,11 @@
 
 #include <cerrno>
 #include <cstdio>
+
 #include "core/clock.h"
 #include "core/gvar.h"
 #include "core/ipc.h"
+#include "core/no_cancel.h"
 
 namespace varnix {
 namespace {
@@ -33,7 +35,10 @@ void look_up_again(int q) {
 
 int create_msgq(key_t key) { return msgget(key, kIpcPerm); }
 
-int send_msgq(int qid, const void* msg, int size) { return msgsnd(qid, msg, size, IPC_NOWAIT); }
+int send_msgq(int qid, const void* msg, int size) {
+    NoCancel no_cancel;  // msgsnd is a cancellation point, even when it does not wait
+    return msgsnd(qid, msg, size, IPC_NOWAIT);
+}
 
 int send_to_queue(int q, const void* msg, int size) {
     if (send_msgq(__atomic_load_n(&gvar.msgq_id[q], __ATOMIC_RELAXED), msg, size) == 0) return 0;

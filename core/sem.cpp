@@ -5,11 +5,13 @@
 
 #include "core/clock.h"
 #include "core/ipc.h"
+#include "core/no_cancel.h"
 
 namespace varnix {
 namespace {
 
 int sem_op(int semid, int semnum, short op, short flags) {
+    NoCancel no_cancel;  // a semaphore wait is a cancellation point
     sembuf sb{static_cast<unsigned short>(semnum), op, flags};
     int rc;
     do {
@@ -21,6 +23,7 @@ int sem_op(int semid, int semnum, short op, short flags) {
 }  // namespace
 
 int sem_lock_for(int semid, int semnum, short flags, int timeout_ms) {
+    NoCancel no_cancel;
     sembuf sb{static_cast<unsigned short>(semnum), -1, flags};
     const int64_t deadline = monotonic_us() + static_cast<int64_t>(timeout_ms) * 1000;
     for (;;) {

@@ -1,6 +1,7 @@
 // The common header of every record body, and the local clock it stamps.
 #include <sys/time.h>
 
+#include <cstring>
 #include <ctime>
 
 #include "core/clock.h"
@@ -21,10 +22,14 @@ namespace {
 
 // localtime_r serializes every caller on the C library's time-zone lock.
 // Offsets change only on minute boundaries, so each thread converts once per
-// minute and derives the seconds itself.
+// minute and derives the seconds itself; the date and time digits of the
+// last second stamped are kept as well.
 struct LocalClock {
     time_t minute_start = -1;
     std::tm minute{};
+    time_t stamped = -1;
+    char date[8];
+    char hhmmss[6];
 };
 thread_local LocalClock local_clock;
 
@@ -40,16 +45,6 @@ std::tm local_tm(time_t sec) {
     return tm;
 }
 
-std::tm local_now(timeval& tv) {
-    tv = clock_now();
-    return local_tm(tv.tv_sec);
-}
-
-// Thread ids wider than the field keep their low digits, which tell threads apart.
-constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
-
-}  // namespace
-
 // The digits of a two-digit part of a date or time; every part written here
 // is within 0..99.
 void put2(char* at, int v) {
@@ -57,14 +52,30 @@ void put2(char* at, int v) {
     at[1] = static_cast<char>('0' + v % 10);
 }
 
+// The clock's date and time digits of second `sec`.
+const LocalClock& stamp_of(time_t sec) {
+    LocalClock& c = local_clock;
+    if (sec == c.stamped) return c;
+    const std::tm tm = local_tm(sec);
+    char date[kNumberMax + 4];  // "%04d%02d%02d", of which the field keeps 8
+    const int n = write_zero_padded(date, tm.tm_year + 1900, 4);
+    put2(date + n, tm.tm_mon + 1);
+    put2(date + n + 2, tm.tm_mday);
+    std::memcpy(c.date, date, sizeof c.date);
+    put2(c.hhmmss, tm.tm_hour);
+    put2(c.hhmmss + 2, tm.tm_min);
+    put2(c.hhmmss + 4, tm.tm_sec);
+    c.stamped = sec;
+    return c;
+}
+
+// Thread ids wider than the field keep their low digits, which tell threads apart.
+constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
+
+}  // namespace
+
 void put_date_now(char* body) {
-    timeval tv;
-    std::tm tm = local_now(tv);
-    char d[8];
-    write_zero_padded(d, tm.tm_year + 1900, 4);  // four digits until the year 10000
-    put2(d + 4, tm.tm_mon + 1);
-    put2(d + 6, tm.tm_mday);
-    set_log_field(d, sizeof d, body + hdr::kDate, 8, 1);
+    set_log_field(stamp_of(clock_now().tv_sec).date, 8, body + hdr::kDate, 8, 1);
 }
 
 void put_time_now(char* body) {
@@ -72,24 +83,24 @@ void put_time_now(char* body) {
 }
 
 void put_time(char* body, const timeval& tv) {
-    std::tm tm = local_tm(tv.tv_sec);
-    char t[12 + kNumberMax];
-    put2(t, tm.tm_hour);
-    put2(t + 2, tm.tm_min);
-    put2(t + 4, tm.tm_sec);
+    char t[6 + kNumberMax];
+    std::memcpy(t, stamp_of(tv.tv_sec).hhmmss, 6);
     const int n = 6 + write_zero_padded(t + 6, tv.tv_usec, 6);
     set_log_field(t, n, body + hdr::kTime, 12, 1);
 }
 
-void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a) {
+void write_thread_ids(const MTR_CXT_VAR& cxt, char* body) {
+    put_number(body + hdr::kTid, 15, static_cast<int64_t>(cxt.tid % kTidModulus));
+    put_number(body + hdr::kIdx, 5, cxt.idx);
+    put_number(body + hdr::kPidx, 5, cxt.ptrc ? static_cast<int64_t>(cxt.ptrc->pidx) : 0);
+}
+
+void write_header(char* body, char log_type, const HeaderArgs& a) {
     body[hdr::kLogType] = log_type;
     set_log_field(a.cls_cd, body + hdr::kClsCd, 2);
     set_log_field(a.dtl_cd, body + hdr::kDtlCd, 1);
     set_log_field(a.gid, body + hdr::kGid, 32);
     if (a.pid_str.p) set_log_field(a.pid_str, body + hdr::kPid, 8);
-    put_number(body + hdr::kTid, 15, static_cast<int64_t>(cxt.tid % kTidModulus));
-    put_number(body + hdr::kIdx, 5, cxt.idx);
-    put_number(body + hdr::kPidx, 5, cxt.ptrc ? static_cast<int64_t>(cxt.ptrc->pidx) : 0);
     if (a.date_str.p) set_log_field(a.date_str, body + hdr::kDate, 8);
     else put_date_now(body);
     if (a.time_str.p) set_log_field(a.time_str, body + hdr::kTime, 12);

@@ -60,9 +60,10 @@ struct HeaderArgs {
     Text cls_cd, dtl_cd, gid, pid_str, date_str, time_str;
 };
 
-// Writes log_type, cls_cd, dtl_cd, gid, the pid when given, tid, idx, pidx,
-// date and time.
-void write_header(const MTR_CXT_VAR& cxt, char* body, char log_type, const HeaderArgs& a);
+// Writes log_type, cls_cd, dtl_cd, gid, the pid when given, date and time.
+void write_header(char* body, char log_type, const HeaderArgs& a);
+// The thread's tid, idx and pidx fields, written once when its context is made.
+void write_thread_ids(const MTR_CXT_VAR& cxt, char* body);
 // The local date and time fields of now, and the time field of an instant.
 void put_date_now(char* body);
 void put_time_now(char* body);
