@@ -1,5 +1,5 @@
 // Validation of records against the thread's state, the collector's switches
-// and the service table; the field writer; dispatch of unsendable types.
+// and the service table.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,85 +12,66 @@
 namespace varnix::test {
 namespace {
 
-TEST(SetLogField, PadsCutsBlanksAndAlwaysEndsWithASpace) {
-    struct Case {
-        const char* text;
-        int len, copy;
-        std::string_view want;
-    } cases[] = {{"AB", -1, 1, "AB   x"},  {"ABCDEF", -1, 1, "ABCD x"}, {"ABCDEF", 2, 1, "AB   x"},
-                 {nullptr, 3, 1, "     x"}, {"AB", -1, 0, "xx   x"},     {"ABCD", -1, 0, "xxxx x"}};  // 0: padding only
-    for (const Case& c : cases) {
-        char f[8];
-        std::memset(f, 'x', sizeof f);
-        set_log_field(c.text, c.len, f, 4, c.copy);
-        EXPECT_EQ(std::string_view(f, 6), c.want) << (c.text ? c.text : "null") << " " << c.len << " " << c.copy;
-    }
-}
-
 class TraceValidate : public TracedThread {
 protected:
-    void SetUp() override {
-        TracedThread::SetUp();
-        if (HasFatalFailure()) return;
-        std::memset(body(hdr::kSvcId), '.', 16);
-    }
-
     int validate(char type, const char* svc = "SVC-A", const char* key = nullptr, char api = kTranStartApi) {
         return trace_validate(*cxt_, type, api, cxt_->log_body, svc, -1, key);
     }
-    char* body(int offset) { return cxt_->log_body + offset; }
-    std::string_view svc_field() { return {body(hdr::kSvcId), 16}; }
+    // The verdict on each type in turn, as "0 101 ...".
+    std::string verdicts(std::string_view types) {
+        std::string out;
+        for (char t : types) out += fmt(out.empty() ? "%d" : " %d", validate(t));
+        return out;
+    }
     TRAN_LOGF_QUE_INFO& sw() { return TestIpc::get().que_info(); }
+    // The thread's call depth limit and call, DBIO and SQL time limits.
+    std::string limits() const {
+        return fmt("%d %ld %ld %ld", e_->call_trc_depth_max, e_->call_trc_limit, e_->dbio_trc_limit, e_->sql_trc_limit);
+    }
+    // A listed service with depth 7 (only the low byte of 0x107 is one) and limits 11, 12 and 13.
     SVC_HASH* add_service(const char* id, uint8_t flags) {
-        kit::ServiceListing listing;
-        listing.svc_id = id;
-        listing.flags = flags;
-        listing.call_trc_depth = 0x107;  // only the low byte is a depth
-        listing.call_trc_limit = 11;
-        listing.dbio_trc_limit = 12;
-        listing.sql_trc_limit = 13;
-        return kit::add_service(*TestIpc::get().collector().svc(), listing);
+        return kit::add_service(*TestIpc::get().collector().svc(), {id, flags, 0x107, 11, 12, 13});
     }
 };
 
-TEST_F(TraceValidate, TypesOutsideTheTableAndCallsOutsideAServiceAreRefused) {
-    for (char type : {'0', 'Y', 'A', '3'}) {
-        EXPECT_EQ(validate(type), VARNIX_RC_BAD_TYPE) << type;
-        EXPECT_EQ(svc_field(), std::string(16, '.'));
-    }
+TEST_F(TraceValidate, BadTypesCallsOutsideAServiceAndEntriesOfOtherThreadsAreRefused) {
+    for (char type : {'0', 'Y', 'A', '3'}) EXPECT_EQ(validate(type), VARNIX_RC_BAD_TYPE) << type;
     for (int log_bit : {0, 3, 7}) {
         cxt_->log_bit = log_bit;
         for (char type : {'B', 'C', 'Q', '9', 'E'})
             EXPECT_EQ(validate(type, "SVC-A", nullptr, kTranCallinfoSApi), VARNIX_RC_NO_SERVICE) << type << log_bit;
-        EXPECT_EQ(svc_field(), std::string(16, '.'));
     }
     // Client-handler and web entries report errors outside a service.
     EXPECT_EQ(validate('9', "SVC-A", nullptr, kTranClhErrorApi), kOk);
     cxt_->log_bit = 1;
-    e_->sql_rec_cnt = 6;
+    e_->sql_rec_cnt = 6;  // at most five statements are kept
     EXPECT_EQ(validate('Q'), VARNIX_RC_SQL_LIMIT);
     e_->sql_rec_cnt = 5;
     EXPECT_EQ(validate('Q'), kOk);
-    EXPECT_EQ(svc_field(), "SVC-A           ");
+
+    // An entry of another thread is refused, and logged for services.
+    const unsigned long own = e_->tid;
+    e_->tid = own + 1;
+    LogTail log;
+    EXPECT_EQ(validate('V'), VARNIX_RC_PTRC_MISMATCH);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(validate('1'), VARNIX_RC_PTRC_MISMATCH);
+    EXPECT_EQ(log.take(), std::vector<std::string>{fmt("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR "
+                                                       "(pid %d, tid %lu)", getpid(), own + 1, getpid(), own)});
+    e_->tid = own;
+    cxt_->cxt_init_flag = VARNIX_RC_PTRC_FULL;
+    EXPECT_EQ(validate('V'), VARNIX_RC_PTRC_FULL);
+    cxt_->cxt_init_flag = 0;
 }
 
-TEST_F(TraceValidate, OutermostStartTakesTheGlobalOrSnapshotLimits) {
-    sw().call_trc_depth = 0x20C;
-    sw().call_trc_limit = 100;
-    sw().dbio_trc_limit = 200;
-    sw().sql_trc_limit = 300;
-    e_->trc_lvl = 4;
-    e_->total_call_cnt = 9;
-    e_->err_rc_marked = 1;
+TEST_F(TraceValidate, OutermostStartTakesTheGlobalSnapshotOrServiceLimitsAndClasses) {
+    sw().call_trc_depth = 0x20C;  // only the low byte is a depth
+    sw().call_trc_limit = 100, sw().dbio_trc_limit = 200, sw().sql_trc_limit = 300;
+    e_->trc_lvl = 4, e_->total_call_cnt = 9, e_->err_rc_marked = 1;
     cxt_->service_depth = 1;
     EXPECT_EQ(validate('1'), kOk);
-    EXPECT_EQ(e_->call_trc_depth_max, 0x0C);
-    EXPECT_EQ(e_->call_trc_limit, 100);
-    EXPECT_EQ(e_->dbio_trc_limit, 200);
-    EXPECT_EQ(e_->sql_trc_limit, 300);
-    EXPECT_EQ(e_->trc_lvl, 0);
-    EXPECT_EQ(e_->total_call_cnt, 0);
-    EXPECT_EQ(e_->err_rc_marked, 0);
+    EXPECT_EQ(limits(), "12 100 200 300");
+    EXPECT_EQ(fmt("%d %d %d", e_->trc_lvl, e_->total_call_cnt, e_->err_rc_marked), "0 0 0");
 
     // A snapshot armed for this transaction code starts with it.
     e_->snapshot_state = 1;
@@ -99,24 +80,18 @@ TEST_F(TraceValidate, OutermostStartTakesTheGlobalOrSnapshotLimits) {
     EXPECT_EQ(e_->snapshot_state, 1);
     EXPECT_EQ(validate('1', "SVC-A", "TR01-X"), kOk);
     EXPECT_EQ(e_->snapshot_state, 2);
-    EXPECT_EQ(e_->call_trc_depth_max, 50);
-    EXPECT_EQ(e_->call_trc_limit, 0);
+    EXPECT_EQ(limits(), "50 0 0 0");
 
-    // With every class off, a running snapshot still lets records through.
+    // With every class off, a running snapshot still lets records through;
+    // events need their switch or a finished snapshot (the end finishes it).
     sw().log_flag_set = 0;
     cxt_->log_bit = 1;
-    EXPECT_EQ(validate('9'), kOk);
-    EXPECT_EQ(validate('I'), kOk);
-    EXPECT_EQ(validate('V'), VARNIX_RC_CLASS_OFF);  // events need their switch or a finished snapshot
-    EXPECT_EQ(validate('2'), kOk);
+    EXPECT_EQ(verdicts("9IV2VI"), fmt("0 0 %d 0 0 %d", VARNIX_RC_CLASS_OFF, VARNIX_RC_CLASS_OFF));
     EXPECT_EQ(e_->snapshot_state, 3);
-    EXPECT_EQ(validate('V'), kOk);
-    EXPECT_EQ(validate('I'), VARNIX_RC_CLASS_OFF);
     e_->snapshot_state = 0;
     EXPECT_EQ(validate('1'), VARNIX_RC_CLASS_OFF);
-}
 
-TEST_F(TraceValidate, DbioIsMarkedNotRefusedAndTheServiceTableDecidesWhenFilteringIsOn) {
+    // DBIO records are marked, not refused, when their class is off.
     cxt_->log_bit = 1;
     sw().log_flag_set = VARNIX_FLAG_S;
     EXPECT_EQ(validate('B'), kOk);
@@ -124,61 +99,21 @@ TEST_F(TraceValidate, DbioIsMarkedNotRefusedAndTheServiceTableDecidesWhenFilteri
     sw().log_flag_set = VARNIX_FLAG_B;
     EXPECT_EQ(validate('B'), kOk);
     EXPECT_EQ(e_->dbio_skip, 0);
-
     sw().log_flag_set = get_log_flag_set(TestIpc::get().default_config().log_flag_set.c_str());
     sw().svc_filtering = 2;
-    cxt_->service_depth = 1;
-    EXPECT_EQ(validate('1', "MISSING"), VARNIX_RC_FILTERED);
-    EXPECT_EQ(svc_field(), "MISSING         ");
-
-    SVC_HASH* s = add_service("SVC-A", VARNIX_FLAG_S | VARNIX_FLAG_C);
-    ASSERT_NE(s, nullptr);
+    // With filtering on, a listed service: its limits, and its classes; a DBIO record is never
+    // refused (the call finish drops it), extended information never filtered.
+    ASSERT_NE(add_service("SVC-A", VARNIX_FLAG_S | VARNIX_FLAG_C), nullptr);
     EXPECT_EQ(validate('1', "SVC-A"), kOk);
-    ASSERT_NE(cxt_->svc_hash, nullptr);  // the library's own mapping of the table
-    EXPECT_EQ(cxt_->svc_hash->pidx, s->pidx);
-    EXPECT_EQ(e_->call_trc_depth_max, 7);
-    EXPECT_EQ(e_->call_trc_limit, 11);
-    EXPECT_EQ(e_->dbio_trc_limit, 12);
-    EXPECT_EQ(e_->sql_trc_limit, 13);
+    EXPECT_EQ(limits(), "7 11 12 13");
     cxt_->log_bit = 1;
-    EXPECT_EQ(validate('C'), kOk);
-    EXPECT_EQ(validate('9'), VARNIX_RC_FILTERED);
-    EXPECT_EQ(validate('B'), kOk);  // never refused: the call finish drops it
+    EXPECT_EQ(verdicts("C9B"), fmt("0 %d 0", VARNIX_RC_FILTERED));
     EXPECT_EQ(e_->dbio_skip, 'y');
     sw().log_flag_set = VARNIX_FLAG_X;
-    EXPECT_EQ(validate('X'), kOk);  // not filtered by service
-    EXPECT_EQ(validate('2'), kOk);
-
+    EXPECT_EQ(validate('X'), kOk);
     // The next outermost start looks its service up again.
     add_service("SVC-OFF", VARNIX_FLAG_C);
     EXPECT_EQ(validate('1', "SVC-OFF"), VARNIX_RC_FILTERED);
-}
-
-TEST_F(TraceValidate, EntryOfAnotherThreadIsRefusedAndLoggedForServices) {
-    const uint64_t own = e_->tid;
-    e_->tid = own + 1;
-    LogTail log;
-    EXPECT_EQ(validate('V'), VARNIX_RC_PTRC_MISMATCH);
-    EXPECT_EQ(log.take(), std::vector<std::string>{});
-    EXPECT_EQ(validate('1'), VARNIX_RC_PTRC_MISMATCH);
-    char line[256];
-    std::snprintf(line, sizeof line, "<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)",
-                  getpid(), static_cast<unsigned long>(own + 1), getpid(), static_cast<unsigned long>(own));
-    EXPECT_EQ(log.take(), std::vector<std::string>{line});
-    e_->tid = own;
-
-    cxt_->cxt_init_flag = VARNIX_RC_PTRC_FULL;
-    EXPECT_EQ(validate('V'), VARNIX_RC_PTRC_FULL);
-    cxt_->cxt_init_flag = 0;
-}
-
-TEST_F(TraceValidate, UnsendableTypesStillPickTheirQueue) {
-    std::memcpy(body(hdr::kGid), padded("SOME-GID", 32).data(), 32);
-    body(hdr::kLogType)[0] = 'Z';
-    e_->qidx = 99;
-    EXPECT_EQ(tran_logb(*cxt_, cxt_->log_rec), VARNIX_RC_BAD_TYPE);
-    EXPECT_EQ(e_->qidx, queue_of_gid("SOME-GID"));
-    EXPECT_EQ(TestIpc::get().collector().drain(), 0);
 }
 
 }  // namespace

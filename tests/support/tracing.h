@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -65,6 +66,11 @@ inline uint32_t body_len(const TRAN_LOG_MSG& m) {
     uint32_t n;
     std::memcpy(&n, m.text, sizeof n);
     return n;
+}
+
+// The whole body, as long as the record says it is (at most what it holds).
+inline std::string_view body_of(const TRAN_LOG_MSG& m) {
+    return body_field(m, 0, static_cast<int>(std::min<size_t>(body_len(m), sizeof m.text - sizeof(uint32_t))));
 }
 
 // `s` cut or space-padded to `width`.
