@@ -2,9 +2,8 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -21,40 +20,16 @@ using test::TestIpc;
 
 // Detaches whatever a tran_init attached, so every test starts from scratch.
 void detach_gvar() {
-    for (void* addr : {static_cast<void*>(gvar.que_info), static_cast<void*>(gvar.svc_hash_tbl),
-                       static_cast<void*>(gvar.ptrc_hash_tbl)})
-        if (addr) shmdt(addr);
-    gvar.que_info = nullptr;
-    gvar.svc_hash_tbl = nullptr;
-    gvar.ptrc_hash_tbl = nullptr;
+    if (gvar.que_info) shmdt(std::exchange(gvar.que_info, nullptr));
+    if (gvar.svc_hash_tbl) shmdt(std::exchange(gvar.svc_hash_tbl, nullptr));
+    if (gvar.ptrc_hash_tbl) shmdt(std::exchange(gvar.ptrc_hash_tbl, nullptr));
     gvar.init_mark = 0;
 }
 
-// The last line of the diagnostic log, without the "(pid) MM-DD HH:MM:SS  " stamp.
+// The last message of the diagnostic log.
 std::string last_log_message() {
-    std::string log = TestIpc::get().read_log();
-    if (!log.empty() && log.back() == '\n') log.pop_back();
-    std::string line = log.substr(log.rfind('\n') + 1);
-    size_t stamp = line.find("  ");
-    return stamp == std::string::npos ? line : line.substr(stamp + 2);
-}
-
-// System V objects of key 0 (IPC_PRIVATE) in the system; shared-memory
-// segments only when this process made them.
-int private_objects() {
-    int n = 0;
-    for (const char* kind : {"shm", "sem", "msg"}) {
-        std::ifstream in(std::string("/proc/sysvipc/") + kind);
-        std::string line;
-        std::getline(in, line);  // column names
-        while (std::getline(in, line)) {
-            std::istringstream row(line);
-            long key = -1, id, perms, size, cpid = -1;
-            row >> key >> id >> perms >> size >> cpid;
-            n += key == 0 && (std::strcmp(kind, "shm") != 0 || cpid == getpid());
-        }
-    }
-    return n;
+    std::vector<std::string> messages = test::log_messages(TestIpc::get().read_log(), 0);
+    return messages.empty() ? "" : messages.back();
 }
 
 class TranInit : public ::testing::Test {
@@ -69,53 +44,51 @@ protected:
         std::string text = test::read_file(ipc.cfg_path());
         size_t at = text.find("\n" + key + " = ");
         ASSERT_NE(at, std::string::npos) << key;
-        size_t end = text.find('\n', at + 1);
-        text.replace(at + 1, end - at - 1, line);
+        text.replace(at + 1, text.find('\n', at + 1) - at - 1, line);
         ASSERT_TRUE(kit::write_file(ipc.cfg_path(), text));
     }
     TestIpc& ipc = TestIpc::get();
 };
 
-TEST_F(TranInit, AttachesEverythingTheConfigurationNames) {
+TEST_F(TranInit, AttachesEverythingTheConfigurationNamesAndCheckGvarFollowsIt) {
     write_config_with("TONG_LOG_HOME", "TONG_LOG_HOME = tong");
     write_config_with("DBIO_FUNC", "DBIO_FUNC = 3 ABCDEFGHIJKLMN");
     ASSERT_EQ(tran_init(), kOk);
-    kit::Collector& c = ipc.collector();
+    const kit::Collector::Ids& ids = ipc.collector().ids();
     EXPECT_EQ((std::vector{gvar.que_info_shmid, gvar.svc_hash_shmid, gvar.svc_hash_semid, gvar.ptrc_hash_shmid,
                            gvar.ptrc_hash_semid}),
-              (std::vector{c.ids().que_info_shm, c.ids().svc_shm, c.ids().svc_sem, c.ids().ptrc_shm, c.ids().ptrc_sem}));
-    for (int q = 0; q < VARNIX_MAX_QUE_CNT; ++q) EXPECT_EQ(gvar.msgq_id[q], q < 4 ? c.msgq_id(q) : -1) << q;
-    EXPECT_EQ(gvar.msgq_key_base, ipc.default_config().keys.msgq);
+              (std::vector{ids.que_info_shm, ids.svc_shm, ids.svc_sem, ids.ptrc_shm, ids.ptrc_sem}));
+    for (int q = 0; q < VARNIX_MAX_QUE_CNT; ++q) EXPECT_EQ(gvar.msgq_id[q], q < 4 ? ids.msgq[q] : -1) << q;
     EXPECT_EQ(gvar.msgq_cnt, 4);
-    // The block is the collector's: a write through the library's pointer shows there.
-    *gvar.log_flag_set = 0x5A;
-    EXPECT_EQ(c.que_info()->log_flag_set, 0x5A);
-    EXPECT_EQ(gvar.ptrc_hash_tbl->free_stk.cnt, c.ptrc()->free_stk.cnt);
-
-    EXPECT_EQ(std::string(log_home_dir), ipc.dir() + "/agt/log");
-    EXPECT_STREQ(tong_log_home_dir, "/tong");
-    EXPECT_STREQ(gvar.log_interface, "MQ");
-    EXPECT_STREQ(gvar.tr_section, "A");
+    EXPECT_EQ(std::string(log_home_dir) + "," + tong_log_home_dir, ipc.dir() + "/agt/log,/tong");
+    EXPECT_EQ(std::string(gvar.log_interface) + "," + gvar.tr_section + "," + gvar.dbio_func_nm, "MQ,A,ABCDEFGHIJ");
     EXPECT_EQ((std::vector{gvar.idle_thread_release[0], gvar.idle_thread_release[1], gvar.infinite_loop_base_cnt,
                            gvar.default_timeout_sec, gvar.dbio_func_no}),
               (std::vector{30, 60, 1000, 60, 3}));
-    EXPECT_STREQ(gvar.dbio_func_nm, "ABCDEFGHIJ");
-    EXPECT_EQ(gvar.pid, getpid());
-    char host[65] = {};
-    gethostname(host, sizeof host - 1);
-    EXPECT_STREQ(gvar.host_name, host);
-    EXPECT_STREQ(gvar.proc_nm, "test_tran_ex");
     EXPECT_EQ(last_log_message(), "(I) write_qidx_idx_gid_rng - (offset : 0, size 30, gid[0]~gid[29]) ");
-
-    // A second initialization is refused, the pid refreshed all the same.
+    // The block is the collector's: what it writes there is what check_gvar sees.
+    TRAN_LOGF_QUE_INFO& q = ipc.que_info();
+    EXPECT_EQ(check_gvar('1'), VARNIX_RC_NOT_INIT);  // tran_init alone does not mark the library ready
     gvar.init_mark = kInitMarkReady;
+    q.log_flag_set = VARNIX_FLAG_S;
+    for (char t : {'1', '2', '3', 'a', 'S', 'Z', '\0'}) EXPECT_EQ(check_gvar(t), kOk) << t;
+    for (char t : {'9', 'E', 'V', 'B', 'C', 'I', 'X', 'Q'}) EXPECT_EQ(check_gvar(t), VARNIX_RC_CLASS_OFF) << t;
+    for (uint32_t qcnt : {17u, 0u}) {
+        q.qcnt = qcnt;
+        EXPECT_EQ(check_gvar('1'), VARNIX_RC_NO_QUE_INFO) << qcnt;
+    }
+    q.magic_code = 0;
+    EXPECT_EQ(check_gvar('1'), VARNIX_RC_BAD_MAGIC);  // the magic is checked before qcnt
+    q.magic_code = VARNIX_MAGIC_CODE;
+    q.qcnt = 16;
+    EXPECT_EQ(check_gvar('1'), kOk);
+    // A second initialization is refused, the pid refreshed all the same.
     gvar.pid = 0;
     EXPECT_EQ(tran_init(), VARNIX_RC_ALREADY_INIT);
     EXPECT_EQ(gvar.pid, getpid());
-    EXPECT_EQ(last_log_message(), "<!> already TRAN_INIT API initialized.");
 }
 
-TEST_F(TranInit, RequiresTheEnvironmentInOrder) {
+TEST_F(TranInit, BadEnvironmentOrConfigurationFailsWithItsMessage) {
     for (const char* name : {"TRAN_HOME", "TRAN_AGT_HOME", "TRAN_AGT_CFG_FILE"}) {
         std::string saved = std::getenv(name);
         ASSERT_EQ(unsetenv(name), 0);
@@ -123,166 +96,94 @@ TEST_F(TranInit, RequiresTheEnvironmentInOrder) {
         EXPECT_EQ(last_log_message(), std::string("<!> please, check environment-variable (") + name + ")");
         setenv(name, saved.c_str(), 1);
     }
-}
-
-TEST_F(TranInit, BadConfigurationFailsWithItsMessage) {
-    const std::string unused = std::to_string(ipc.default_config().keys.que_info + 7);  // never created
+    const key_t unused = ipc.default_config().keys.que_info + 7;  // in this process's block, never created
     char unused_hex[16];
-    std::snprintf(unused_hex, sizeof unused_hex, "%x", ipc.default_config().keys.que_info + 7);
-    auto missing = [](const char* key) { return std::string("<!> tran_init fail, not found section [") + key + "]"; };
-    const std::string kInvalid = "invalid";  // the invalid-key line of the case's key and value
+    std::snprintf(unused_hex, sizeof unused_hex, "%x", unused);
     struct Case {
-        std::string key, value;
-        std::string message;  // "": fails silently
-        bool attaches;        // gets as far as attaching the control block
+        std::string key, value, message;  // message "": fails silently
+        bool attaches = false;            // gets as far as attaching the control block
     };
-    const Case cases[] = {
-        // Missing keys: nothing is attached before every key has been read.
-        {"TONG_LOG_HOME", "#", missing("TONG_LOG_HOME"), false},
-        {"LOG_INTERFACE", "#", missing("LOG_INTERFACE"), false},
-        {"TR_SECTION", "#", "", false},
-        {"TRAN_LOGF_QUE_INFO_SHMKEY", "#", missing("TRAN_LOGF_QUE_INFO_SHMKEY"), false},
-        {"IDLE_THREAD_RELEASE", "#", missing("IDLE_THREAD_RELEASE"), false},
-        {"IDLE_THREAD_RELEASE", "30", missing("IDLE_THREAD_RELEASE"), false},
-        {"INFINITE_LOOP_BASE_CNT", "#", missing("INFINITE_LOOP_BASE_CNT"), false},
-        {"MAX_QUE_CNT", "#", missing("MAX_QUE_CNT"), false},
-        {"SVC_HASH_TBL_SHMKEY", "#", "", false},
-        {"SVC_HASH_TBL_SEMKEY", "#", "", false},
-        {"PTRC_HASH_TBL_SHMKEY", "#", "", false},
-        {"PTRC_HASH_TBL_SEMKEY", "#", "", false},
-        {"WRITE_QUE_IDX_GID_RNG", "#", missing("WRITE_QUE_IDX_GID_RNG"), false},
-        {"TRAN_LOGF_MSGQKEY", "#", missing("TRAN_LOGF_MSGQKEY"), false},
-        {"TRAN_LOGF_MSGQKEY", "", missing("TRAN_LOGF_MSGQKEY"), false},
-        {"DBIO_FUNC", "#", missing("DBIO_FUNC"), false},
-        {"DEFAULT_TIMEOUT_SEC", "#", missing("DEFAULT_TIMEOUT_SEC"), false},
-        // Out-of-range values.
-        {"MAX_QUE_CNT", "17", "<!> tran_init fail, MAX_QUE_CNT(17) out of range (1..16)", false},
-        {"MAX_QUE_CNT", "0", "<!> tran_init fail, MAX_QUE_CNT(0) out of range (1..16)", false},
+    const std::string missing = "<!> tran_init fail, not found section [";
+    std::vector<Case> cases = {
+        {"IDLE_THREAD_RELEASE", "30", missing + "IDLE_THREAD_RELEASE]"},
+        {"MAX_QUE_CNT", "17", "<!> tran_init fail, MAX_QUE_CNT(17) out of range (1..16)"},
+        {"MAX_QUE_CNT", "0", "<!> tran_init fail, MAX_QUE_CNT(0) out of range (1..16)"},
         {"WRITE_QUE_IDX_GID_RNG", "20 13",
-         "<!> tran_init fail, WRITE_QUE_IDX_GID_RNG out of the GID (offset : 20, size 13)", false},
-        // Keys that are no decimal number, or read as 0 (a private object
-        // per attempt), or whose queue keys would reach 0 or overflow.
-        {"PTRC_HASH_TBL_SHMKEY", "0", kInvalid, false},
-        {"TRAN_LOGF_QUE_INFO_SHMKEY", "0x40001234", kInvalid, false},
-        {"SVC_HASH_TBL_SEMKEY", "12abc", kInvalid, false},
-        {"SVC_HASH_TBL_SHMKEY", "-0", kInvalid, false},
-        {"PTRC_HASH_TBL_SEMKEY", "+5", kInvalid, false},
-        {"TRAN_LOGF_MSGQKEY", "-3", kInvalid, false},
-        {"TRAN_LOGF_MSGQKEY", "2147483646", kInvalid, false},
-        {"TRAN_LOGF_QUE_INFO_SHMKEY", "4294967296", kInvalid, false},
-        // Objects the collector has not created.
-        {"TRAN_LOGF_QUE_INFO_SHMKEY", unused,
-         "<!> tran_init fail, shared-memory initialize [TRAN_LOGF_QUE_INFO], errno : 2", false},
-        {"SVC_HASH_TBL_SEMKEY", unused, "<!> svc_hash_tbl semaphore create error.[key:0x" + std::string(unused_hex) + "]",
-         true},
-        {"SVC_HASH_TBL_SHMKEY", unused, "<!> tran_init fail, shared-memory initialize [SVC_HASH_TBL] ( 1862160 bytes)",
-         true},
-        {"PTRC_HASH_TBL_SHMKEY", unused,
-         "<!> tran_init fail, shared-memory initialize [PTRC_HASH_TBL] ( 603782160 bytes)", true},
+         "<!> tran_init fail, WRITE_QUE_IDX_GID_RNG out of the GID (offset : 20, size 13)"},
+        {"SVC_HASH_TBL_SEMKEY", std::to_string(unused),
+         "<!> svc_hash_tbl semaphore create error.[key:0x" + std::string(unused_hex) + "]", true},
         {"MAX_QUE_CNT", "5", "<!> create fail msgq#04", true},
     };
-    const int private_before = private_objects();
+    // Missing keys: nothing is attached before every key has been read.
+    for (std::string key : {"TONG_LOG_HOME", "LOG_INTERFACE", "TRAN_LOGF_QUE_INFO_SHMKEY", "IDLE_THREAD_RELEASE",
+                            "INFINITE_LOOP_BASE_CNT", "MAX_QUE_CNT", "WRITE_QUE_IDX_GID_RNG", "TRAN_LOGF_MSGQKEY",
+                            "DBIO_FUNC", "DEFAULT_TIMEOUT_SEC"})
+        cases.push_back({key, "#", missing + key + "]"});
+    for (const char* key : {"TR_SECTION", "SVC_HASH_TBL_SHMKEY", "SVC_HASH_TBL_SEMKEY", "PTRC_HASH_TBL_SHMKEY",
+                            "PTRC_HASH_TBL_SEMKEY"})
+        cases.push_back({key, "#", ""});
+    // Keys that are no decimal number, or read as 0 (IPC_PRIVATE: a new
+    // private object per attempt), or whose queue keys would reach 0 or overflow.
+    const char* invalid[][2] = {{"PTRC_HASH_TBL_SHMKEY", "0"},    {"TRAN_LOGF_QUE_INFO_SHMKEY", "0x40001234"},
+                                {"SVC_HASH_TBL_SEMKEY", "12abc"}, {"TRAN_LOGF_MSGQKEY", "-3"},
+                                {"TRAN_LOGF_MSGQKEY", "2147483646"}, {"TRAN_LOGF_QUE_INFO_SHMKEY", "4294967296"}};
+    for (auto [key, value] : invalid)
+        cases.push_back({key, value, std::string("<!> tran_init fail, invalid IPC key [") + key + "] : " + value});
+
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.key + " = " + c.value);
         write_config_with(c.key, c.value == "#" ? "#" + c.key : c.key + " = " + c.value);
         log_printf("marker");
         ::testing::internal::CaptureStderr();
-        EXPECT_EQ(tran_init(), VARNIX_RC_NOT_INIT) << c.key << " = " << c.value;
+        EXPECT_EQ(tran_init(), VARNIX_RC_NOT_INIT);
         ::testing::internal::GetCapturedStderr();
-        std::string expected = c.message.empty() ? "marker" : c.message;
-        if (c.message == kInvalid) expected = "<!> tran_init fail, invalid IPC key [" + c.key + "] : " + c.value;
-        EXPECT_EQ(last_log_message(), expected) << c.key << " = " << c.value;
-        EXPECT_EQ(gvar.que_info != nullptr, c.attaches) << c.key << " = " << c.value;
+        EXPECT_EQ(last_log_message(), c.message.empty() ? "marker" : c.message);
+        EXPECT_EQ(gvar.que_info != nullptr, c.attaches);
         detach_gvar();
         ipc.reset();
     }
-    EXPECT_EQ(private_objects(), private_before);
-}
-
-TEST_F(TranInit, CheckGvarFollowsTheControlBlock) {
-    ASSERT_EQ(tran_init(), kOk);
-    TRAN_LOGF_QUE_INFO& q = ipc.que_info();
-    EXPECT_EQ(check_gvar('1'), VARNIX_RC_NOT_INIT);  // tran_init alone does not mark the library ready
-    gvar.init_mark = kInitMarkFailed;
-    EXPECT_EQ(check_gvar('1'), VARNIX_RC_NOT_INIT);
-    gvar.init_mark = kInitMarkReady;
-
-    q.log_flag_set = VARNIX_FLAG_S;
-    for (char t : {'1', '2', '3', 'a', 'S', 'Z', '\0'}) EXPECT_EQ(check_gvar(t), kOk) << t;
-    for (char t : {'9', 'E', 'V', 'B', 'C', 'I', 'X', 'Q'}) EXPECT_EQ(check_gvar(t), VARNIX_RC_CLASS_OFF) << t;
-    q.log_flag_set = 0xFF;
-
-    q.qcnt = 17;
-    EXPECT_EQ(check_gvar('1'), VARNIX_RC_NO_QUE_INFO);
-    q.qcnt = 0;
-    EXPECT_EQ(check_gvar('1'), VARNIX_RC_NO_QUE_INFO);
-    q.magic_code = 0;
-    EXPECT_EQ(check_gvar('1'), VARNIX_RC_BAD_MAGIC);  // the magic is checked before qcnt
-    q.magic_code = VARNIX_MAGIC_CODE;
-    q.qcnt = 16;
-    gvar.svctimeout_mark = 1;
-    EXPECT_EQ(check_gvar('1'), VARNIX_RC_SVC_TIMEOUT);
-    gvar.svctimeout_mark = 0;
-    EXPECT_EQ(check_gvar('1'), kOk);
 }
 
 TEST(FlagEncoders, LogFlagSetLettersAndReturnCodeVerdicts) {
-    EXPECT_EQ(get_log_flag_set("SEQ"), 0x83);
     EXPECT_EQ(get_log_flag_set("SEVBCIXQ"), 0xFF);
+    EXPECT_EQ(get_log_flag_set("S,E Q"), 0x83);
     EXPECT_EQ(get_log_flag_set("sq"), 0);
     EXPECT_EQ(get_log_flag_set(nullptr), 0);
-    EXPECT_EQ(get_log_flag_set("S,E V"), 0x07);
-
+    // The error-code rule works on the attached control block, and is refused without one.
     int8_t table[128] = {};
-    EXPECT_EQ(apply_fst_err_rc(table, "-100,2"), 0);
-    EXPECT_EQ(table[100], 2);
-    EXPECT_EQ(apply_fst_err_rc(table, "7,1"), 0);
-    EXPECT_EQ(table[7], 1);
+    const int32_t saved_mark = gvar.init_mark.exchange(0);
+    int8_t* saved = std::exchange(gvar.fst_err_rc_set, table);
+    EXPECT_EQ(set_fst_err_rc_set("-100,2"), -1);
+    gvar.init_mark.store(kInitMarkReady);
+    EXPECT_EQ(set_fst_err_rc_set("-100,2"), 0);
     // Codes beyond any table entry, however long, are refused, never indexed.
     for (const char* bad : {"-1403,1", "5,12", "5,3", ",1", "5", "5,", "5,x", "129,1", "-129,1",
                             "-99999999999999999999999,1"})
-        EXPECT_EQ(apply_fst_err_rc(table, bad), -1) << bad;
-    EXPECT_EQ(table[5], 0);
-    EXPECT_EQ(apply_fst_err_rc(table, "-0000000000000000000000000000000000000000006,1"), 0);  // read whole
-    EXPECT_EQ(table[6], 1);
-    EXPECT_EQ(apply_fst_err_rc(table, "128,1"), 0);
-    for (int8_t v : table) EXPECT_EQ(v, 1);
-
-    // The exported encoder works on the attached control block, and refuses without one.
-    const int32_t saved_mark = gvar.init_mark.load();
-    int8_t* saved = gvar.fst_err_rc_set;
-    gvar.fst_err_rc_set = table;
-    gvar.init_mark.store(0);
-    EXPECT_EQ(set_fst_err_rc_set("-1,2"), -1);
-    gvar.init_mark.store(kInitMarkReady);
-    EXPECT_EQ(set_fst_err_rc_set("-1,2"), 0);
-    EXPECT_EQ(table[1], 2);
-
-    // Classifying a finished call: only negative codes down to -127.
+        EXPECT_EQ(set_fst_err_rc_set(bad), -1) << bad;
+    EXPECT_EQ(set_fst_err_rc_set("-0000000000000000000000000000000000000000006,1"), 0);  // read whole
+    // Classifying a finished call: only negative codes down to -127, by the table.
     CALL_LVL lvl{};
-    for (int32_t rc : {1, -128, INT32_MIN}) {
+    for (int32_t rc : {1, -128, INT32_MIN, -5, -6, -100}) {
         lvl.rc = rc;
-        EXPECT_EQ(is_err_rc(&lvl), 0) << rc;
+        EXPECT_EQ(is_err_rc(&lvl), rc == -100 ? 2 : rc == -6 ? 1 : 0) << rc;
     }
-    lvl.rc = -1;
-    EXPECT_EQ(is_err_rc(&lvl), 2);
     lvl.start_opt = 0xFFFFFFFFu;
     EXPECT_EQ(is_err_rc(&lvl), 0);
     EXPECT_EQ(lvl.rc, 99);
+    EXPECT_EQ(set_fst_err_rc_set("128,1"), 0);
+    for (int8_t v : table) EXPECT_EQ(v, 1);
     gvar.fst_err_rc_set = saved;
     gvar.init_mark.store(saved_mark);
 }
 
 TEST(ProcessNames, FromProcAndContainerName) {
-    char proc_nm[31] = {}, cont_nm[31] = {};
-    std::strcpy(init_cont_nm, "container-name-of-exactly-30ch");
-    set_proc_nm(proc_nm, cont_nm, getpid());
-    EXPECT_STREQ(proc_nm, "test_tran_ex");
-    EXPECT_STREQ(cont_nm, "container-name-of-exactly-30ch");
-    init_cont_nm[0] = '\0';
-    std::strcpy(proc_nm, "unchanged");
+    char proc_nm[31] = "unchanged", cont_nm[31] = {};
     set_proc_nm(proc_nm, cont_nm, -5);  // no such stat file: nothing changes
     EXPECT_STREQ(proc_nm, "unchanged");
-    EXPECT_STREQ(cont_nm, "container-name-of-exactly-30ch");
+    std::strcpy(init_cont_nm, "container-name-of-exactly-30ch");
+    set_proc_nm(proc_nm, cont_nm, getpid());
+    init_cont_nm[0] = '\0';
+    EXPECT_EQ(std::string(proc_nm) + "," + cont_nm, "test_tran_ex,container-name-of-exactly-30ch");
 }
 
 }  // namespace
