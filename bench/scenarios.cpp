@@ -1,0 +1,139 @@
+#include "bench/scenarios.h"
+
+#include <errno.h>
+#include <sys/msg.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "varnix.h"
+
+namespace varnix::bench {
+namespace {
+
+constexpr const char* kSvcId = "BENCH_SERVICE";
+// One hour: no call of a benchmark lasts that long, so a BIZCALL stays below.
+constexpr int64_t kNeverUs = 3'600'000'000;
+
+bool is_queue_number(int32_t rc) { return rc >= 0 && rc < VARNIX_MAX_QUE_CNT; }
+
+// The service around a scenario's steps is open even when a full queue
+// refused its record.
+int service_status(int32_t rc) { return is_queue_number(rc) || rc == VARNIX_RC_SEND_FAIL ? 0 : rc; }
+
+using ServiceEntry = int32_t (*)(VARNIX_SERVICE_PARAMS);
+
+int32_t service(ServiceEntry entry, const Caller& c) {
+    return entry(-1, "BN", -1, "1", -1, c.gid, -1, kSvcId, -1, nullptr, 0, nullptr, 0, nullptr, 0,  //
+                 "Y", -1, "KB0001", -1, "IBK", -1, "BENCH_RECV", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                 nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                 nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0);
+}
+
+int32_t call_start(const char* func) {
+    return TRAN_CALLINFO_S(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                           "bench_mod", -1, "bench.c", -1, 10, 0, func);
+}
+
+int32_t call_finish(const char* func) {
+    return TRAN_CALLINFO_F(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                           "bench_mod", -1, "bench.c", -1, 20, 0, func, -1, nullptr, 0);
+}
+
+void floor_step(Caller& c) {
+    if (msgsnd(c.floor_qid, &c.floor_msg, VARNIX_REC_TEXT, IPC_NOWAIT) == 0) return;
+    c.tally.record(errno == EAGAIN ? VARNIX_RC_SEND_FAIL : -errno);
+}
+
+void event_step(Caller& c) {
+    c.tally.record(TRAN_EVENT(-1, "BN", -1, "1", -1, c.gid, -1, kSvcId, -1, nullptr, 0, nullptr, 0, nullptr, 0, "2001",
+                              -1, "BENCH_RECV", -1, "1", -1, "benchmark event", -1));
+}
+
+void info_step(Caller& c) {
+    c.tally.record(TRAN_INFO(-1, "BN", -1, "1", -1, c.gid, -1, kSvcId, -1, nullptr, 0, nullptr, 0, nullptr, 0,
+                             "benchmark information", -1));
+}
+
+void service_step(Caller& c) {
+    c.tally.record(service(TRAN_START, c));
+    c.tally.record(service(TRAN_END, c));
+}
+
+void bizcall_fast_step(Caller& c) {
+    c.tally.expect(call_start("BIZ_BENCH_CALC"), 0);
+    c.tally.expect(call_finish("BIZ_BENCH_CALC"), VARNIX_RC_BIZ_FAST);
+}
+
+void bizcall_step(Caller& c) {
+    c.tally.expect(call_start("BIZ_BENCH_CALC"), 0);
+    c.tally.record(call_finish("BIZ_BENCH_CALC"));
+}
+
+void dbio_step(Caller& c) {
+    c.tally.expect(call_start("DBIO_BENCH_SELECT"), 0);
+    c.tally.expect(TRAN_SQL_STMT(-1, 0, nullptr, 0, nullptr, 0, 1, nullptr, nullptr,
+                                 "SELECT BAL FROM ACCT WHERE ACCT_NO = :1", -1),
+                   0);
+    c.tally.record(call_finish("DBIO_BENCH_SELECT"));
+}
+
+constexpr Scenario kScenarios[] = {
+    {"floor", "msgsnd of one 784-byte record, IPC_NOWAIT", false, {}, floor_step},
+    {"event", "TRAN_EVENT", true, {}, event_step},
+    {"info", "TRAN_INFO", true, {}, info_step},
+    {"service", "TRAN_START + TRAN_END", false, {}, service_step},
+    {"bizcall_fast", "BIZCALL pair below its limit (no record)", true, {kNeverUs, 0, 0}, bizcall_fast_step},
+    {"bizcall", "BIZCALL pair, limit 0", true, {}, bizcall_step},
+    {"dbio", "DBIO pair with one TRAN_SQL_STMT, limits 0", true, {}, dbio_step},
+};
+
+}  // namespace
+
+void Tally::record(int32_t rc) {
+    if (!is_queue_number(rc)) other(rc);
+}
+
+void Tally::expect(int32_t rc, int32_t want) {
+    if (rc != want) other(rc);
+}
+
+void Tally::other(int32_t rc) {
+    if (rc == VARNIX_RC_SEND_FAIL) {
+        ++fails;
+    } else if (!unexpected) {
+        unexpected = true;
+        first_unexpected = rc;
+    }
+}
+
+Caller::Caller(int thread_no, int qid) : floor_qid(qid) {
+    std::snprintf(gid, sizeof gid, "BENCH-GID-T%02d", thread_no);
+    floor_msg.mtype = 1;
+    const uint32_t body = VARNIX_REC_BODY;
+    std::memcpy(floor_msg.text, &body, sizeof body);
+    std::memset(floor_msg.text + sizeof body, ' ', VARNIX_REC_BODY);
+}
+
+std::span<const Scenario> scenarios() { return kScenarios; }
+
+const Scenario* find_scenario(const char* name) {
+    for (const Scenario& s : kScenarios)
+        if (std::strcmp(s.name, name) == 0) return &s;
+    return nullptr;
+}
+
+int begin_scenario(const Scenario& s, Caller& c, TRAN_LOGF_QUE_INFO& que_info) {
+    que_info.call_trc_limit = s.limits.call_us;
+    que_info.dbio_trc_limit = s.limits.dbio_us;
+    que_info.sql_trc_limit = s.limits.sql_us;
+    if (!s.in_service) return 0;
+    return service_status(service(TRAN_START, c));
+}
+
+int end_scenario(const Scenario& s, Caller& c) {
+    if (!s.in_service) return 0;
+    return service_status(service(TRAN_END, c));
+}
+
+}  // namespace varnix::bench
