@@ -17,19 +17,38 @@ inline constexpr int kNumberMax = 20;
 // "%0*lld" of v: the sign, then the digits zero-padded so that the whole is
 // at least `width` (at most kNumberMax) characters.  Returns the length.
 inline int write_zero_padded(char* out, int64_t v, int width) {
+    // "00" to "99": two digits per division.
+    static constexpr auto kPairs = [] {
+        struct {
+            char c[200];
+        } t{};
+        for (int i = 0; i < 100; ++i) {
+            t.c[2 * i] = static_cast<char>('0' + i / 10);
+            t.c[2 * i + 1] = static_cast<char>('0' + i % 10);
+        }
+        return t;
+    }();
     if (width > kNumberMax) width = kNumberMax;
     char digits[kNumberMax];
     uint64_t u = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-    int n = 0;
-    do {
-        digits[n++] = static_cast<char>('0' + u % 10);
-        u /= 10;
-    } while (u != 0);
+    int n = kNumberMax;  // digits fill digits[n..] from the right
+    while (u >= 100) {
+        const auto pair = static_cast<unsigned>(u % 100);
+        u /= 100;
+        n -= 2;
+        std::memcpy(digits + n, kPairs.c + 2 * pair, 2);
+    }
+    if (u >= 10) {
+        n -= 2;
+        std::memcpy(digits + n, kPairs.c + 2 * u, 2);
+    } else {
+        digits[--n] = static_cast<char>('0' + u);
+    }
     int len = 0;
     if (v < 0) out[len++] = '-';
-    for (int pad = width - len - n; pad > 0; --pad) out[len++] = '0';
-    while (n > 0) out[len++] = digits[--n];
-    return len;
+    for (int pad = width - len - (kNumberMax - n); pad > 0; --pad) out[len++] = '0';
+    std::memcpy(out + len, digits + n, static_cast<size_t>(kNumberMax - n));
+    return len + kNumberMax - n;
 }
 
 // A text of at most N characters, built piece by piece; what does not fit is
