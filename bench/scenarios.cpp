@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "bench/app_calls.h"
 #include "varnix.h"
 
 namespace varnix::bench {
@@ -21,24 +22,11 @@ bool is_queue_number(int32_t rc) { return rc >= 0 && rc < VARNIX_MAX_QUE_CNT; }
 // refused its record.
 int service_status(int32_t rc) { return is_queue_number(rc) || rc == VARNIX_RC_SEND_FAIL ? 0 : rc; }
 
-using ServiceEntry = int32_t (*)(VARNIX_SERVICE_PARAMS);
+constexpr bench::AppNames kNames{"BN", "BENCH_RECV", "bench_mod", "bench.c"};
 
-int32_t service(ServiceEntry entry, const Caller& c) {
-    return entry(-1, "BN", -1, "1", -1, c.gid, -1, kSvcId, -1, nullptr, 0, nullptr, 0, nullptr, 0,  //
-                 "Y", -1, "KB0001", -1, "IBK", -1, "BENCH_RECV", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                 nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                 nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0);
-}
-
-int32_t call_start(const char* func) {
-    return TRAN_CALLINFO_S(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                           "bench_mod", -1, "bench.c", -1, 10, 0, func);
-}
-
-int32_t call_finish(const char* func) {
-    return TRAN_CALLINFO_F(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                           "bench_mod", -1, "bench.c", -1, 20, 0, func, -1, nullptr, 0);
-}
+int32_t service(bench::ServiceEntry entry, const Caller& c) { return bench::service(entry, kNames, c.gid, kSvcId); }
+int32_t call_start(const char* func) { return bench::call_start(kNames, func); }
+int32_t call_finish(const char* func) { return bench::call_finish(kNames, func); }
 
 void floor_step(Caller& c) {
     if (msgsnd(c.floor_qid, &c.floor_msg, VARNIX_REC_TEXT, IPC_NOWAIT) == 0) return;

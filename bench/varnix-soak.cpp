@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bench/app_calls.h"
 #include "collector/session.h"
 #include "varnix.h"
 
@@ -59,24 +60,13 @@ struct Counts {
     }
 };
 
-using ServiceEntry = int32_t (*)(VARNIX_SERVICE_PARAMS);
+constexpr varnix::bench::AppNames kNames{"SK", "SOAK_RECV", "soak_mod", "soak.c"};
 
-int32_t service(ServiceEntry entry, const char* gid, const char* svc_id) {
-    return entry(-1, "SK", -1, "1", -1, gid, -1, svc_id, -1, nullptr, 0, nullptr, 0, nullptr, 0,  //
-                 "Y", -1, "KB0001", -1, "IBK", -1, "SOAK_RECV", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                 nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                 nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0);
+int32_t service(varnix::bench::ServiceEntry entry, const char* gid, const char* svc) {
+    return varnix::bench::service(entry, kNames, gid, svc);
 }
-
-int32_t call_start(const char* func) {
-    return TRAN_CALLINFO_S(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                           "soak_mod", -1, "soak.c", -1, 10, 0, func);
-}
-
-int32_t call_finish(const char* func) {
-    return TRAN_CALLINFO_F(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
-                           "soak_mod", -1, "soak.c", -1, 20, 0, func, -1, nullptr, 0);
-}
+int32_t call_start(const char* func) { return varnix::bench::call_start(kNames, func); }
+int32_t call_finish(const char* func) { return varnix::bench::call_finish(kNames, func); }
 
 // One transaction: service start, a BIZCALL pair, a DBIO pair with one SQL
 // statement, an information record, service end.
