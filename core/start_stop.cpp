@@ -198,6 +198,7 @@ bool withdraw() {
 // The child of a fork: nothing of the parent's is to be touched, and what the
 // parent's other threads held is held by nobody here.
 void after_fork_in_child() {
+    reset_log_after_fork();  // first: what follows may log
     (void)pthread_mutex_init(&main_lock, nullptr);
     gvar.init_mark.store(0, std::memory_order_relaxed);
     gvar.svctimeout_mark.store(0, std::memory_order_relaxed);
@@ -208,7 +209,6 @@ void after_fork_in_child() {
     teardown_pending = false;
     reset_gate_after_fork();
     forget_own_ktid();
-    reset_log_after_fork();
     reset_th_job_after_fork();
 }
 
