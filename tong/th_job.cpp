@@ -5,7 +5,7 @@
 // been joined, so they pass from one writer to the next through that join.
 // nfailcount is shared with the capturing threads, which count under
 // tong_lock; every access to it is an __atomic one, and the writer's reset at
-// each open is a relaxed store that does not take tong_lock.
+// each open is a release store that does not take tong_lock.
 //
 // The handle.  `writer` is guarded by th_lock.  Its thread is joined exactly
 // once, by whoever joins first (the host's th_join_thread or the next
@@ -129,7 +129,9 @@ void open_tong_file() {
         // flush after each record still writes it out.
         if (tong_fp) (void)std::setvbuf(tong_fp, nullptr, _IONBF, 0);
     }
-    __atomic_store_n(&nfailcount, 0, __ATOMIC_RELAXED);
+    // Release: whoever sees the reset sees that this open is done with the
+    // home directory.
+    __atomic_store_n(&nfailcount, 0, __ATOMIC_RELEASE);
 }
 
 void append_record(const TongSlot& rec) {
