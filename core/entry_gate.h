@@ -20,7 +20,6 @@
 #include <atomic>
 #include <cstdint>
 
-
 namespace varnix {
 
 inline constexpr int kGateStripes = 32;

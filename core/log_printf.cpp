@@ -130,7 +130,7 @@ int log_line(const char* msg, int len) {
     MutexGuard guard(log_lock);
     check_day_locked();
     if (!log_file) return len;
-    return std::fprintf(log_file, "(%d) %s%s\n", static_cast<int>(getpid()), stamp, msg);
+    return std::fprintf(log_file, "(%d) %s%.*s\n", static_cast<int>(getpid()), stamp, len, msg);
 }
 
 }  // namespace varnix
