@@ -1,8 +1,8 @@
 // Service entries: start, end and error of a service level, for standard
-// and process-tracing services, and the front-end services (client handler,
-// web, gateway) that are always outermost.  All of them write the same record body:
-// the common header, two time fields, the depth and a tail of caller columns
-// whose layout depends on the kind of service.
+// and process-tracing services, and of the client-handler and web services
+// that are always outermost (gateways only pin the depth).  All of them write
+// the same record body: the common header, two time fields, the depth and a
+// tail of caller columns whose layout depends on the kind of service.
 #pragma once
 
 #include <sys/time.h>
