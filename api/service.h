@@ -1,7 +1,8 @@
 // Service entries: start, end and error of a service level, for standard
-// and process-tracing services.  All of them write the same record body:
-// the common header, two time fields, the depth and a tail of caller columns
-// whose layout depends on the kind of service.
+// and process-tracing services, and of the client-handler and web services
+// that are always outermost (gateways only pin the depth).  All of them write
+// the same record body: the common header, two time fields, the depth and a
+// tail of caller columns whose layout depends on the kind of service.
 #pragma once
 
 #include <sys/time.h>
@@ -18,7 +19,7 @@ struct ServiceArgs {
     int32_t tid;
     Text cls_cd, dtl_cd, gid, svc_id, pid_str, date_str, time_str;
     // The caller's columns after the depth field, in body order: 22 telegram
-    // columns, or 8 telegram columns and 5 process-tracing parameters.
+    // columns, or 8 telegram columns and 5 process-tracing or web fields.
     std::span<const Text> tail;
 };
 
@@ -33,20 +34,26 @@ struct FieldPos {
     int width;
 };
 
-// What distinguishes the standard entries from the process-tracing ones.
+// What distinguishes the kinds of service from each other.  The front-end
+// kinds keep no nesting, so only the names, API types, body and channel
+// class rule of theirs are used.
 struct ServiceKind {
     const char* start_name;
-    char start_api, end_api;
+    char start_api, end_api, error_api;
     std::span<const FieldPos> tail;
     int body_len;
     bool quiet_channels;   // ICT/ICC start nested levels without linked notices
-    bool channel_class;    // chnl_class from the channel type, fetch sums reset
+    bool channel_class;    // chnl_class from the channel type, else always 'O'
     bool gid_change_check;
     const char* stale_same_gid_fmt;
-    bool stats_with_fetch;  // the statistics notice reports fetches and the DB connection
+    // The statistics notice reports fetches and the DB connection, so the
+    // outermost start resets the fetch sums.
+    bool stats_with_fetch;
 };
 extern const ServiceKind kStandardService;
 extern const ServiceKind kProcessTraceService;
+extern const ServiceKind kClientHandlerService;
+extern const ServiceKind kWebService;
 
 // Body fields that differ between start, end and error records.
 struct ServiceRecord {
@@ -72,6 +79,14 @@ void take_service_time(PTRC_HASH& e, timeval& into);
 // Keeps the entry's copy of the depth in step for the collector.
 void set_service_depth(MTR_CXT_VAR& cxt, int depth);
 
+// What the collector learns of a transaction when its outermost service
+// starts: state, mark time, main GID, service and receiving service, channel
+// class; taken from the body just written.  The call and fetch sums are the
+// nesting start's own business.
+void mark_outermost_start(const ServiceKind& kind, MTR_CXT_VAR& cxt);
+// The same when it ends: state and mark time.
+void mark_outermost_end(PTRC_HASH& e);
+
 // A caller's text for a "%.*s" of a diagnostic line: "null" when absent;
 // the given length, or for NUL-terminated text its length capped at `cap`.
 struct Printable {
@@ -82,8 +97,28 @@ Printable printable(Text t, int cap);
 // The same, never longer than `max`.
 Printable printable_max(Text t, int cap, int max);
 
+// The channel type column doubles as the key that arms a snapshot; it is
+// compared with a trade code of up to 15 characters, so it is copied, bounded
+// by what the caller gave, and terminated.
+class SnapshotKey {
+public:
+    explicit SnapshotKey(Text chnl);
+    const char* get() const { return set_ ? key_ : nullptr; }
+
+private:
+    static constexpr int kKeyMax = 15;
+    char key_[kKeyMax + 1] = {};
+    bool set_ = false;
+};
+
 int service_start(const ServiceKind& kind, const ServiceArgs& a);
 int service_end(const ServiceKind& kind, const ServiceArgs& a);
-int service_error(const ServiceArgs& a);
+int service_error(const ServiceKind& kind, const ServiceArgs& a);
+
+// A front-end service's start ('1'), end ('2') or error ('9') record, with
+// the thread's depth pinned at 1 whatever it was.
+int front_end_service(const ServiceKind& kind, char log_type, const ServiceArgs& a);
+// A gateway start ('1') or end ('2'): only pins the depth at 1; no record.
+int front_end_pin(char log_type, int32_t tid);
 
 }  // namespace varnix

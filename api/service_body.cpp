@@ -1,4 +1,5 @@
 #include <cstring>
+#include <ctime>
 
 #include "api/service.h"
 #include "core/clock.h"
@@ -15,7 +16,9 @@ constexpr FieldPos kTelegramTail[] = {
     {222, 1},  {224, 6}, {231, 3}, {235, 12}, {248, 9}, {258, 7},  {266, 1}, {268, 9},  {278, 8}, {287, 39}, {327, 3},
     {331, 3},  {335, 1}, {337, 1}, {339, 12}, {352, 16}, {369, 3}, {373, 4}, {378, 3}, {382, 39}, {422, 1}, {424, 1},
 };
-constexpr FieldPos kProcessTraceTail[] = {
+// Eight telegram columns, then five fields of the caller's own: the
+// process-tracing parameters, or the web fields.
+constexpr FieldPos kShortTail[] = {
     {222, 1}, {224, 6}, {231, 3}, {235, 12}, {248, 9}, {258, 7}, {266, 1}, {268, 9},
     {278, 30}, {309, 20}, {330, 20}, {351, 30}, {382, 3},
 };
@@ -28,23 +31,33 @@ constexpr bool end_to_end(std::span<const FieldPos> tail) {
         if (tail[i].offset != tail[i - 1].offset + tail[i - 1].width + 1) return false;
     return true;
 }
-static_assert(end_of(kTelegramTail) == 426 && end_of(kProcessTraceTail) == 386);
-static_assert(end_to_end(kTelegramTail) && end_to_end(kProcessTraceTail));
+static_assert(end_of(kTelegramTail) == 426 && end_of(kShortTail) == 386);
+static_assert(end_to_end(kTelegramTail) && end_to_end(kShortTail));
 
 }  // namespace
 
 const ServiceKind kStandardService{
-    "TRAN_START", kTranStartApi, kTranEndApi, kTelegramTail, end_of(kTelegramTail), true, true, true,
+    "TRAN_START", kTranStartApi, kTranEndApi, kTranErrorApi, kTelegramTail, end_of(kTelegramTail), true, true, true,
     "<!> START - service depth init (%d)->(0) GID-PID-TID |%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s) svc_depth_elapsed %d "
     "sec (base %d sec)",
     true,
 };
 
 const ServiceKind kProcessTraceService{
-    "TRAN_PT_START", kTranPtStartApi, kTranPtEndApi, kProcessTraceTail, end_of(kProcessTraceTail), false, false,
+    "TRAN_PT_START", kTranPtStartApi, kTranPtEndApi, 0, kShortTail, end_of(kShortTail), false, false,
     false,
     "<!> START - service depth init (%d)->(0) GID-PID-TID|%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s), svc_depth_elapsed %d "
     "sec (base %d sec)",
+    false,
+};
+
+const ServiceKind kClientHandlerService{
+    "TRAN_CLH_START", kTranClhStartApi, kTranClhEndApi, kTranClhErrorApi, kTelegramTail, end_of(kTelegramTail), false,
+    true, false, nullptr, false,
+};
+
+const ServiceKind kWebService{
+    "TRAN_WEB_START", kTranWebStartApi, kTranWebEndApi, 0, kShortTail, end_of(kShortTail), false, false, false, nullptr,
     false,
 };
 
@@ -71,6 +84,24 @@ void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const Service
     *cxt.log_len = static_cast<uint32_t>(kind.body_len);
 }
 
+void mark_outermost_start(const ServiceKind& kind, MTR_CXT_VAR& cxt) {
+    PTRC_HASH& e = *cxt.ptrc;
+    const char* b = cxt.log_body;
+    e.svc_state = 'f';
+    e.svc_mark_time = std::time(nullptr);
+    std::memcpy(e.main_gid, b + hdr::kGid, sizeof e.main_gid);
+    std::memcpy(e.main_svc_id, b + hdr::kSvcId, sizeof e.main_svc_id);
+    std::memcpy(e.main_recv_svc_cd, b + kind.tail[kTailRecvSvcCd].offset, sizeof e.main_recv_svc_cd);
+    const char* chnl = b + kind.tail[kTailChnlTypCd].offset;
+    const bool internal = std::strncmp(chnl, "ICT", 3) == 0 || std::strncmp(chnl, "ICC", 3) == 0;
+    e.chnl_class = kind.channel_class && internal ? 'C' : 'O';
+}
+
+void mark_outermost_end(PTRC_HASH& e) {
+    e.svc_state = 'g';
+    e.svc_mark_time = std::time(nullptr);
+}
+
 void take_service_time(PTRC_HASH& e, timeval& into) {
     if (e.preset_start_tv.tv_sec != 0 || e.preset_start_tv.tv_usec != 0) {
         into = e.preset_start_tv;
@@ -83,6 +114,14 @@ void take_service_time(PTRC_HASH& e, timeval& into) {
 void set_service_depth(MTR_CXT_VAR& cxt, int depth) {
     cxt.service_depth = static_cast<int8_t>(depth);
     if (cxt.ptrc) cxt.ptrc->service_depth = static_cast<int8_t>(depth);
+}
+
+SnapshotKey::SnapshotKey(Text chnl) {
+    if (!chnl.p) return;
+    Printable p = printable_max(chnl, kKeyMax, kKeyMax);
+    std::memcpy(key_, p.p, static_cast<size_t>(p.len));
+    key_[p.len] = '\0';
+    set_ = true;
 }
 
 Printable printable(Text t, int cap) {

@@ -2,7 +2,6 @@
 // service's elapsed time, its call statistics and a finished snapshot.
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "api/notice.h"
 #include "api/service.h"
@@ -164,8 +163,7 @@ int service_end(const ServiceKind& kind, const ServiceArgs& a) {
                                      e.call_elapsed_sum, depth});
     int result = tran_logb(cxt, cxt.log_rec);
     if (outermost) {
-        e.svc_state = 'g';
-        e.svc_mark_time = std::time(nullptr);
+        mark_outermost_end(e);
         if (e.snapshot_state == 3) result = complete_snapshot(cxt, a);
     }
     set_service_depth(cxt, depth - 1);

@@ -21,9 +21,9 @@ using varnix::Text;
         {eai_intf_id, eai_intf_id_len}, {dsbl_sys_cd, dsbl_sys_cd_len}, {otsd_inst_cd, otsd_inst_cd_len},       \
         {otsd_biz_cd, otsd_biz_cd_len}, {fst_trms_mdcl_ctt, fst_trms_mdcl_ctt_len}, {opt_flag1, opt_flag1_len}, \
         {opt_flag2, opt_flag2_len}
-#define VARNIX_PT_TAIL                                                                                            \
-    {pt_param1, pt_param1_len}, {pt_param2, pt_param2_len}, {pt_param3, pt_param3_len}, {pt_param4, pt_param4_len}, \
-        {pt_param5, pt_param5_len}
+#define VARNIX_FIVE_TAIL(p) {p##1, p##1_len}, {p##2, p##2_len}, {p##3, p##3_len}, {p##4, p##4_len}, {p##5, p##5_len}
+#define VARNIX_PT_TAIL VARNIX_FIVE_TAIL(pt_param)
+#define VARNIX_WEB_TAIL VARNIX_FIVE_TAIL(web_field)
 
 extern "C" {
 
@@ -42,7 +42,7 @@ int32_t TRAN_END(VARNIX_SERVICE_PARAMS) {
 int32_t TRAN_ERROR(VARNIX_SERVICE_PARAMS) {
     const varnix::EntryGate gate;
     const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
-    return varnix::service_error(ServiceArgs{VARNIX_SERVICE_HEAD, tail});
+    return varnix::service_error(varnix::kStandardService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
 }
 
 int32_t TRAN_PT_START(VARNIX_PT_SERVICE_PARAMS) {
@@ -55,6 +55,46 @@ int32_t TRAN_PT_END(VARNIX_PT_SERVICE_PARAMS) {
     const varnix::EntryGate gate;
     const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_PT_TAIL};
     return varnix::service_end(varnix::kProcessTraceService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
+}
+
+int32_t TRAN_CLH_START(VARNIX_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
+    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
+    return varnix::front_end_service(varnix::kClientHandlerService, '1', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
+}
+
+int32_t TRAN_CLH_END(VARNIX_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
+    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
+    return varnix::front_end_service(varnix::kClientHandlerService, '2', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
+}
+
+int32_t TRAN_CLH_ERROR(VARNIX_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
+    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
+    return varnix::front_end_service(varnix::kClientHandlerService, '9', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
+}
+
+int32_t TRAN_WEB_START(VARNIX_WEB_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
+    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_WEB_TAIL};
+    return varnix::front_end_service(varnix::kWebService, '1', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
+}
+
+int32_t TRAN_WEB_END(VARNIX_WEB_SERVICE_PARAMS) {
+    const varnix::EntryGate gate;
+    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_WEB_TAIL};
+    return varnix::front_end_service(varnix::kWebService, '2', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
+}
+
+int32_t TRAN_FEP_START(int32_t tid, const char*, int32_t, const char*, int32_t, const void*) {
+    const varnix::EntryGate gate;
+    return varnix::front_end_pin('1', tid);
+}
+
+int32_t TRAN_FEP_END(int32_t tid, const char*, int32_t, const char*, int32_t, const void*) {
+    const varnix::EntryGate gate;
+    return varnix::front_end_pin('2', tid);
 }
 
 }  // extern "C"

@@ -24,26 +24,6 @@ bool quiet_channel(Text chnl) {
     return std::strncmp(chnl.p, "ICT", 3) == 0 || std::strncmp(chnl.p, "ICC", 3) == 0;
 }
 
-// The channel type column doubles as the key that arms a snapshot; it is
-// compared with a trade code of up to 15 characters, so it is copied, bounded
-// by what the caller gave, and terminated.
-class SnapshotKey {
-public:
-    explicit SnapshotKey(Text chnl) {
-        if (!chnl.p) return;
-        Printable p = printable_max(chnl, kKeyMax, kKeyMax);
-        std::memcpy(key_, p.p, static_cast<size_t>(p.len));
-        key_[p.len] = '\0';
-        set_ = true;
-    }
-    const char* get() const { return set_ ? key_ : nullptr; }
-
-private:
-    static constexpr int kKeyMax = 15;
-    char key_[kKeyMax + 1] = {};
-    bool set_ = false;
-};
-
 // The argument's first characters (at most 30) equal the kept GID's; an
 // absent GID matches.
 bool same_gid(Text gid, const SvcLevel& kept) {
@@ -113,21 +93,12 @@ void check_log_bit(const MTR_CXT_VAR& cxt, const ServiceArgs& a) {
                cxt.svc_stack[0].svc_id, svc.len, svc.p);
 }
 
+// The outermost start also opens the service's call and fetch sums.
 void begin_outermost(const ServiceKind& kind, MTR_CXT_VAR& cxt) {
-    PTRC_HASH& e = *cxt.ptrc;
-    const char* b = cxt.log_body;
-    e.svc_state = 'f';
-    e.svc_mark_time = std::time(nullptr);
-    std::memcpy(e.main_gid, b + hdr::kGid, sizeof e.main_gid);
-    std::memcpy(e.main_svc_id, b + hdr::kSvcId, sizeof e.main_svc_id);
-    std::memcpy(e.main_recv_svc_cd, b + kind.tail[kTailRecvSvcCd].offset, sizeof e.main_recv_svc_cd);
+    mark_outermost_start(kind, cxt);
     cxt.call_stat = CallStat{};
-    if (!kind.channel_class) {
-        e.chnl_class = 'O';
-        return;
-    }
-    const char* chnl = b + kind.tail[kTailChnlTypCd].offset;
-    e.chnl_class = std::strncmp(chnl, "ICT", 3) == 0 || std::strncmp(chnl, "ICC", 3) == 0 ? 'C' : 'O';
+    if (!kind.stats_with_fetch) return;
+    PTRC_HASH& e = *cxt.ptrc;
     e.fetch_cnt = 0;
     e.fetch_rows_sum = 0;
     e.fetch_time_sum = 0;

@@ -127,13 +127,18 @@ VARNIX_API int32_t TRAN_ERRINFO(VARNIX_NOTICE_PARAMS);
         const char *otsd_inst_cd, int32_t otsd_inst_cd_len, const char *otsd_biz_cd, int32_t otsd_biz_cd_len,    \
         const char *fst_trms_mdcl_ctt, int32_t fst_trms_mdcl_ctt_len, const char *opt_flag1,                     \
         int32_t opt_flag1_len, const char *opt_flag2, int32_t opt_flag2_len
+/* Five fields of a service kind's own, named p1 to p5 (30, 20, 20, 30 and 3
+ * characters). */
+#define VARNIX_FIVE_PARAMS(p)                                                                                  \
+    const char *p##1, int32_t p##1_len, const char *p##2, int32_t p##2_len, const char *p##3, int32_t p##3_len, \
+        const char *p##4, int32_t p##4_len, const char *p##5, int32_t p##5_len
 /* The five process-tracing parameters. */
-#define VARNIX_PT_PARAMS                                                                                         \
-    const char *pt_param1, int32_t pt_param1_len, const char *pt_param2, int32_t pt_param2_len,                 \
-        const char *pt_param3, int32_t pt_param3_len, const char *pt_param4, int32_t pt_param4_len,              \
-        const char *pt_param5, int32_t pt_param5_len
+#define VARNIX_PT_PARAMS VARNIX_FIVE_PARAMS(pt_param)
+/* The five web fields. */
+#define VARNIX_WEB_PARAMS VARNIX_FIVE_PARAMS(web_field)
 #define VARNIX_SERVICE_PARAMS VARNIX_SERVICE_HEAD_PARAMS, VARNIX_TELEGRAM_HEAD_PARAMS, VARNIX_TELEGRAM_TAIL_PARAMS
 #define VARNIX_PT_SERVICE_PARAMS VARNIX_SERVICE_HEAD_PARAMS, VARNIX_TELEGRAM_HEAD_PARAMS, VARNIX_PT_PARAMS
+#define VARNIX_WEB_SERVICE_PARAMS VARNIX_SERVICE_HEAD_PARAMS, VARNIX_TELEGRAM_HEAD_PARAMS, VARNIX_WEB_PARAMS
 
 /* Opens a service level on the thread and sends its start record. */
 VARNIX_API int32_t TRAN_START(VARNIX_SERVICE_PARAMS);
@@ -144,6 +149,29 @@ VARNIX_API int32_t TRAN_ERROR(VARNIX_SERVICE_PARAMS);
 /* The same pair for process-tracing services. */
 VARNIX_API int32_t TRAN_PT_START(VARNIX_PT_SERVICE_PARAMS);
 VARNIX_API int32_t TRAN_PT_END(VARNIX_PT_SERVICE_PARAMS);
+
+/* ---- Front-end services: client handlers, web front ends, gateways ---- */
+/*
+ * A front end is always the outermost service on its thread: each of these
+ * entries sets the thread's service depth to 1, whatever it was, and none of
+ * them opens or closes a nesting level of TRAN_START and TRAN_END.  Their
+ * records carry depth 01 and no elapsed time.
+ */
+/* Client handler: start, end and error records of the standard telegram
+ * layout.  An error is recorded even when no service is open. */
+VARNIX_API int32_t TRAN_CLH_START(VARNIX_SERVICE_PARAMS);
+VARNIX_API int32_t TRAN_CLH_END(VARNIX_SERVICE_PARAMS);
+VARNIX_API int32_t TRAN_CLH_ERROR(VARNIX_SERVICE_PARAMS);
+/* Web front end: start and end records with five web fields after the
+ * first eight telegram columns. */
+VARNIX_API int32_t TRAN_WEB_START(VARNIX_WEB_SERVICE_PARAMS);
+VARNIX_API int32_t TRAN_WEB_END(VARNIX_WEB_SERVICE_PARAMS);
+/* Gateway: no record, only the depth; 0, or a status of the library state
+ * (100 when service records are switched off).  Only tid is used. */
+VARNIX_API int32_t TRAN_FEP_START(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                                  int32_t dtl_cd_len, const void *reserved);
+VARNIX_API int32_t TRAN_FEP_END(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                                int32_t dtl_cd_len, const void *reserved);
 
 /* ---- Call tracing: BIZCALL and DBIO calls ---- */
 

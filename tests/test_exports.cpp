@@ -32,6 +32,9 @@ TEST(Exports, ExactlyThePublicInterfaceAndOnlyTheCLibrary) {
         // service, call and SQL tracing
         "TRAN_START", "TRAN_END", "TRAN_ERROR", "TRAN_PT_START", "TRAN_PT_END", "TRAN_CALLINFO_S", "TRAN_CALLINFO_F",
         "TRAN_SQL_STMT", "TRAN_SQL_ID",
+        // front-end services
+        "TRAN_CLH_START", "TRAN_CLH_END", "TRAN_CLH_ERROR", "TRAN_WEB_START", "TRAN_WEB_END", "TRAN_FEP_START",
+        "TRAN_FEP_END",
         // context setters
         "TRAN_SET_TIME", "TRAN_CHECK_SQL_TIME", "TRAN_GET_HASH_CODE", "TRAN_SET_DBIO_STS", "TRAN_SET_SQLCA_INFO",
         "TRAN_SET_DBCONN_INFO", "TRAN_SET_FETCH_INFO", "TRAN_SET_SVCTIMEOUT",
