@@ -67,6 +67,11 @@ int32_t op_end(Args& a) { return service(TRAN_END, a); }
 int32_t op_error(Args& a) { return service(TRAN_ERROR, a); }
 int32_t op_pt_start(Args& a) { return pt_service(TRAN_PT_START, a); }
 int32_t op_pt_end(Args& a) { return pt_service(TRAN_PT_END, a); }
+int32_t op_clh_start(Args& a) { return service(TRAN_CLH_START, a); }
+int32_t op_clh_end(Args& a) { return service(TRAN_CLH_END, a); }
+int32_t op_clh_error(Args& a) { return service(TRAN_CLH_ERROR, a); }
+int32_t op_web_start(Args& a) { return pt_service(TRAN_WEB_START, a); }  // the same five-text tail
+int32_t op_web_end(Args& a) { return pt_service(TRAN_WEB_END, a); }
 int32_t op_errinfo(Args& a) { return notice(TRAN_ERRINFO, a); }
 int32_t op_event(Args& a) { return notice(TRAN_EVENT, a); }
 
@@ -174,7 +179,8 @@ constexpr ApiOp kOps[] = {
     {op_sql_id, false},         {op_info, false},          {op_info_ex, false},       {op_errinfo, false},
     {op_event, false},          {op_set_time, false},      {op_check_sql_time, false}, {op_get_hash_code, false},
     {op_set_dbio_sts, false},   {op_set_sqlca_info, false}, {op_set_dbconn_info, false}, {op_set_fetch_info, false},
-    {op_set_svctimeout, true},
+    {op_set_svctimeout, true}, {op_clh_start, false},     {op_clh_end, false},       {op_clh_error, false},
+    {op_web_start, false},      {op_web_end, false},
 };
 
 }  // namespace
