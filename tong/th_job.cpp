@@ -16,10 +16,13 @@
 // th_lock only to report that it has left its loop.
 //
 // One consumer.  A writer runs while init_mark is 1111 and th_generation still
-// holds the value it was started for.  start_th_job advances the generation,
+// holds the value it was started for.  stop_th_job advances the generation,
 // under th_lock, before it joins, so a writer of an earlier initialization
 // stops within one record or one idle step even when init_mark is already
-// back at 1111, and a start that a later one overtook creates nothing.
+// back at 1111, and a start that a later one overtook creates nothing.  The
+// stop waits a bounded time only (it runs under TRAN_INIT's lock): a writer
+// stuck in a write keeps its handle, nothing new is started beside it, and
+// the next stop waits for it again.
 //
 // Idling.  With nothing to write the writer waits on idle_cv for one idle
 // step.  It checks that it should go on under idle_lock, and whoever ends its
@@ -64,6 +67,7 @@ namespace {
 constexpr int kPathSize = 128;  // paths of at most 127 characters
 constexpr int64_t kIdleUs = 300'000;
 constexpr int kNoWriter = -1;
+constexpr int kStopWaitMs = 200;  // a stop runs under TRAN_INIT's lock
 
 struct WriterHandle {
     pthread_t th;
@@ -163,6 +167,12 @@ int set_cancel(int state) {
 
 bool keep_running(uint32_t generation);
 
+// The monotonic time `us` from now, for the bounded waits.
+timespec deadline_in_us(int64_t us) {
+    const int64_t until = monotonic_us() + us;
+    return timespec{static_cast<time_t>(until / 1'000'000), static_cast<long>(until % 1'000'000) * 1000};
+}
+
 void unlock_idle(void*) { (void)pthread_mutex_unlock(&idle_lock); }
 
 // One idle step, cut short by wake_th_job.  A cancellation point.
@@ -170,8 +180,7 @@ void idle(uint32_t generation) {
     if (pthread_mutex_lock(&idle_lock) != 0) return;
     pthread_cleanup_push(unlock_idle, nullptr);
     if (keep_running(generation)) {
-        const int64_t until = monotonic_us() + kIdleUs;
-        const timespec ts{static_cast<time_t>(until / 1'000'000), static_cast<long>(until % 1'000'000) * 1000};
+        const timespec ts = deadline_in_us(kIdleUs);
         (void)pthread_cond_clockwait(&idle_cv, &idle_lock, CLOCK_MONOTONIC, &ts);  // a time-out is the idle step
     }
     pthread_cleanup_pop(1);
@@ -222,14 +231,23 @@ void* th_job(void* arg) {
     return nullptr;
 }
 
+bool still_running(uint32_t generation) { return writer.set && writer.generation == generation && writer.running; }
+
+// Waits on th_ended until `deadline` (monotonic; none when null).
+int wait_ended(const timespec* deadline) {
+    if (!deadline) return pthread_cond_wait(&th_ended, &th_lock);
+    return pthread_cond_clockwait(&th_ended, &th_lock, CLOCK_MONOTONIC, deadline);
+}
+
 // Waits until the writer of the handle has left its loop, then joins it.  0
 // when it has been joined (here, or meanwhile by another joiner), kNoWriter
-// when there is none, else the pthread error.  Caller holds th_lock.
-int join_writer_locked() {
+// when there is none, ETIMEDOUT when it still runs at `deadline`, else the
+// pthread error.  Caller holds th_lock.
+int join_writer_locked(const timespec* deadline) {
     if (!writer.set) return kNoWriter;
     const uint32_t generation = writer.generation;
-    while (writer.set && writer.generation == generation && writer.running) {
-        if (int rc = pthread_cond_wait(&th_ended, &th_lock); rc != 0) return rc;
+    while (still_running(generation)) {
+        if (int rc = wait_ended(deadline); rc != 0 && still_running(generation)) return rc;
     }
     if (!writer.set || writer.generation != generation) return 0;
     int rc = pthread_join(writer.th, nullptr);
@@ -237,12 +255,21 @@ int join_writer_locked() {
     return rc;
 }
 
+// Ends the current writer's run and joins it.  0 when no writer is left;
+// `generation` is the one advanced to.  Caller holds th_lock.
+int stop_locked(uint32_t& generation) {
+    generation = th_generation.fetch_add(1, std::memory_order_acq_rel) + 1;
+    wake_th_job();
+    const timespec deadline = deadline_in_us(int64_t{kStopWaitMs} * 1000);
+    const int rc = join_writer_locked(&deadline);
+    return rc > 0 ? rc : 0;
+}
+
 // Caller holds th_lock.
 int start_locked() {
-    const uint32_t generation = th_generation.fetch_add(1, std::memory_order_acq_rel) + 1;
-    wake_th_job();
-    if (int rc = join_writer_locked(); rc > 0) {
-        log_printf("<!> cannot join main_thread.");
+    uint32_t generation = 0;
+    if (int rc = stop_locked(generation); rc != 0) {
+        report_stop_failure(rc);
         return rc;
     }
     // The join released th_lock while it waited, and a later start took it
@@ -266,6 +293,13 @@ void wake_th_job() {
     (void)pthread_mutex_unlock(&idle_lock);
 }
 
+void report_stop_failure(int rc) {
+    if (rc == ETIMEDOUT)
+        log_printf("<!> main_thread still running after %d ms: not joined, no new one started", kStopWaitMs);
+    else
+        log_printf("<!> cannot join main_thread.");
+}
+
 void reset_th_job_after_fork() {
     for (pthread_mutex_t* m : {&th_lock, &idle_lock}) (void)pthread_mutex_init(m, nullptr);
     for (pthread_cond_t* c : {&th_ended, &idle_cv}) (void)pthread_cond_init(c, nullptr);
@@ -287,6 +321,15 @@ int start_th_job() {
     return rc;
 }
 
+int stop_th_job() {
+    NoCancel no_cancel;
+    if (int rc = pthread_mutex_lock(&th_lock); rc != 0) return rc;
+    uint32_t generation = 0;
+    int rc = stop_locked(generation);
+    (void)pthread_mutex_unlock(&th_lock);
+    return rc;
+}
+
 }  // namespace varnix
 
 using namespace varnix;
@@ -296,7 +339,7 @@ extern "C" {
 void th_join_thread(void) {
     NoCancel no_cancel;
     MutexGuard guard(th_lock);
-    int rc = guard.owns() ? join_writer_locked() : EDEADLK;
+    int rc = guard.owns() ? join_writer_locked(nullptr) : EDEADLK;
     if (rc == kNoWriter) return;
     log_printf(rc == 0 ? "(I) completed join main_thread" : "<!> cannot join main_thread.");
 }
