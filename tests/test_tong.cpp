@@ -130,7 +130,7 @@ TEST(Tong, QueueFullDropsAndReportsAndAHeldWriterIsNeverDoubled) {
         ASSERT_EQ(put, kDeferredSlots - 4);
         const size_t base = test::live_heap_bytes(), from = ipc.read_log().size();
         for (int i = 0; i < 300; ++i) EXPECT_EQ(save_tong_log4c(7, tel.data(), static_cast<int32_t>(tel.size()), 101), 0);
-        EXPECT_EQ(nfailcount, 297);
+        EXPECT_EQ(__atomic_load_n(&nfailcount, __ATOMIC_RELAXED), 297);
         const std::string fail = "<!> put_deffered_que fail.(cnt ";
         EXPECT_EQ(log_since(from), (std::vector<std::string>{fail + "1) [tid:7].", fail + "100) [tid:7].",
                                                               fail + "200) [tid:7]."}));

@@ -7,13 +7,15 @@
 // tong_lock; every access to it is an __atomic one, and the writer's reset at
 // each open is a release store that does not take tong_lock.
 //
-// The handle.  `writer` is guarded by th_lock.  Its thread is joined exactly
+// The handle.  `writer` is guarded by th_lock, and so are the writer's reads
+// of the process block (its path).  Its thread is joined exactly
 // once, by whoever joins first (the host's th_join_thread or the next
 // start_th_job), and never cancelled after that join.  A joiner first waits on
 // th_ended, with th_lock released, until the writer has left its loop, so the
 // host may cancel from one thread while another one is joining; pthread_join
 // itself then runs under th_lock and returns at once.  The writer takes
-// th_lock only to report that it has left its loop.
+// th_lock only to compose its path and to report that it has left its loop,
+// never while it waits or writes.
 //
 // One consumer.  A writer runs while init_mark is 1111 and th_generation still
 // holds the value it was started for.  stop_th_job advances the generation,
@@ -118,12 +120,21 @@ bool compose_path() {
     return n > 0 && n < kPathSize;
 }
 
-void open_tong_file() {
+// The path is read from the process block under th_lock, and only while this
+// writer is the current one: a TRAN_INIT that gave up waiting for an old
+// writer rewrites the block without waiting any longer, and an old writer
+// reads nothing of it from then on.
+bool compose_current_path(uint32_t generation) {
+    MutexGuard guard(th_lock);
+    return guard.owns() && th_generation.load(std::memory_order_acquire) == generation && compose_path();
+}
+
+void open_tong_file(uint32_t generation) {
     if (tong_fp) {
         (void)std::fclose(tong_fp);  // every record was flushed when written; nothing is left to lose
         tong_fp = nullptr;
     }
-    if (compose_path()) {
+    if (compose_current_path(generation)) {
         // Files are created 0666: the collector and its tools run as other users.
         mode_t old = umask(0);
         tong_fp = std::fopen(tong_path, "ae");
@@ -146,12 +157,12 @@ void append_record(const TongSlot& rec) {
                      fileno(tong_fp), tong_path);
 }
 
-void store_record(const DeferredSlot& slot) {
+void store_record(const DeferredSlot& slot, uint32_t generation) {
     if (slot.kind != kDeferredKindTong) return;  // not ours to interpret, nor to free
     TongSlot rec;
     std::memcpy(&rec, slot.payload, sizeof rec);
     if (rec.len > 0 && rec.buf) {
-        if (get_date() || !tong_fp) open_tong_file();
+        if (get_date() || !tong_fp) open_tong_file(generation);
         if (tong_fp) append_record(rec);
     }
     std::free(rec.buf);
@@ -225,7 +236,7 @@ void* th_job(void* arg) {
     set_cancel(PTHREAD_CANCEL_DISABLE);
     pthread_cleanup_push(writer_left, nullptr);
     while (keep_running(generation)) {
-        if (const DeferredSlot* slot = next_record(generation)) store_record(*slot);
+        if (const DeferredSlot* slot = next_record(generation)) store_record(*slot, generation);
     }
     pthread_cleanup_pop(1);
     return nullptr;
