@@ -78,7 +78,10 @@ T shm_load(const T* field) {
     return __atomic_load_n(field, __ATOMIC_RELAXED);
 }
 
-int tran_init();
+// Environment, configuration, log and attachments.  The deferred queue is
+// emptied only with reset_que, which the caller passes when no writer thread
+// runs.  0 or a status.
+int tran_init(bool reset_que);
 // 0 when an API producing records of `log_type` may proceed; else 99, 100, 101,
 // 103 or 126.
 int check_gvar(char log_type);

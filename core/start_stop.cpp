@@ -33,6 +33,7 @@
 #include "core/start_stop.h"
 #include "core/status.h"
 #include "tong/th_job.h"
+#include "tong/tong.h"
 #include "varnix.h"
 
 extern "C" {
@@ -89,6 +90,13 @@ void announce_process_start() {
 
 int init_locked() {
     if (atfork_rc != 0) log_printf("<!> pthread_atfork error %d", atfork_rc);
+    // One writer consumes the deferred queue at any time: the last run's
+    // writer is stopped and joined before the queue is emptied, and before
+    // the process block it reads is cleared.  When it does not end in time,
+    // neither the queue nor the writer is renewed: tracing goes on without
+    // capture, and the next TRAN_INIT tries again.
+    const int stop_rc = stop_th_job();
+    const bool no_writer = stop_rc == 0;
     if (teardown_pending) {
         if (tran_destroy() != kOk) return VARNIX_RC_NOT_INIT;  // callers of the last run are still inside
         gvar_cleared = 0;
@@ -99,7 +107,7 @@ int init_locked() {
     } else {
         gvar_cleared = 2;
     }
-    if (int rc = tran_init(); rc != kOk) {
+    if (int rc = tran_init(no_writer); rc != kOk) {
         gvar.init_mark.store(kInitMarkFailed, std::memory_order_release);
         return rc;
     }
@@ -110,7 +118,10 @@ int init_locked() {
         log_printf("<!> TRAN_INIT get_mtr_cxt_var error, return code %d", rc);
         return rc;
     }
-    (void)start_th_job();  // a failure is logged there; records still flow without captures
+    if (no_writer)
+        (void)start_th_job();  // a failure is logged there; records still flow without captures
+    else
+        report_stop_failure(stop_rc);
     log_started();
     if (jni_init_flag == 0) announce_process_start();
     log_printf("(I) %s Process (%s / %s) Start OK (ret %d)", jni_init_flag ? "JNI" : "API", gvar.proc_nm, gvar.cont_nm,
@@ -210,6 +221,7 @@ void after_fork_in_child() {
     reset_gate_after_fork();
     forget_own_ktid();
     reset_th_job_after_fork();
+    reset_tong_after_fork();
 }
 
 __attribute__((constructor)) void register_fork_handler() {

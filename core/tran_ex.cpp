@@ -29,7 +29,7 @@
 #include "core/readcfg.h"
 #include "core/record_class.h"
 #include "core/status.h"
-#include "tong/deffered_que.h"
+#include "tong/tong.h"
 #include "varnix.h"
 
 extern "C" {
@@ -289,7 +289,7 @@ int attach_all(const IpcKeys& keys, int max_que_cnt) {
 
 }  // namespace
 
-int tran_init() {
+int tran_init(bool reset_que) {
     gvar.pid = getpid();
     set_proc_nm(gvar.proc_nm, gvar.cont_nm, gvar.pid);
     if (gvar.init_mark.load(std::memory_order_relaxed) == kInitMarkReady) {
@@ -318,7 +318,7 @@ int tran_init() {
         return VARNIX_RC_NOT_INIT;
     }
     gvar.host_name[sizeof gvar.host_name - 1] = '\0';
-    if (create_deffered_que(0) == 0) {
+    if (reset_que && reset_tong_que() == 0) {
         log_printf("<!> tran_init fail, create tong log deffered que create fail.");
         return VARNIX_RC_NOT_INIT;
     }

@@ -74,6 +74,13 @@ VARNIX_API void th_cancel_thread(void);
  * its data file. */
 VARNIX_API extern int32_t nfailcount;
 
+/* Full-message capture, while the collector has it switched on: the telegram
+ * (len < 0: up to its NUL) goes, behind a 117-byte header, to this process's
+ * data file of the day.  api_type is the capturing entry's type (100 start,
+ * 101 end).  124 for a telegram shorter than 512 bytes, else 0, also when
+ * capture is off or the record had to be dropped. */
+VARNIX_API int32_t save_tong_log4c(int32_t tid, const char *tmsg, int32_t len, int8_t api_type);
+
 /* 0 when the next TRAN_INIT clears the process block, 1 when the last one did,
  * 2 when TRAN_INIT ran again without a successful TRAN_DONE in between. */
 VARNIX_API extern int32_t gvar_cleared;

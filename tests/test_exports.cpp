@@ -42,7 +42,7 @@ TEST(Exports, ExactlyThePublicInterfaceAndOnlyTheCLibrary) {
         "show_mtr_idx_list", "set_cont_nm", "get_log_flag_set", "set_fst_err_rc_set", "read_config", "read_msgq",
         "remove_msgq", "change_mode_msgq", "get_msgq_num", "init_sem_val", "init_ptrc_hash_tbl", "init_svc_hash_tbl",
         "svc_hash_push", "svc_hash_pop", "svc_hash_popv", "svc_hash_show", "jcache_hash_push", "jcache_hash_pop",
-        "hcut", "th_join_thread", "th_cancel_thread",
+        "hcut", "th_join_thread", "th_cancel_thread", "save_tong_log4c",
         // data
         "log_home_dir", "tong_log_home_dir", "jni_init_flag", "init_cont_nm", "init_db_user", "init_db_sid",
         "nfailcount", "gvar_cleared",

@@ -1,11 +1,9 @@
-// Full-message writer.  Every scenario runs in a child process: a writer keeps its data file open for the day
-// and the file name carries the pid.  The parent never starts a writer; files go inside this binary's test home.
+// Full-message writer.  Every scenario runs in a child process (support/in_child.h); the parent never starts a
+// writer.  Files go inside this binary's test home.
 #include <fcntl.h>
-#include <malloc.h>
 #include <pthread.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,27 +19,24 @@
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
+#include "support/in_child.h"
 #include "support/test_ipc.h"
 #include "tong/deffered_que.h"
 #include "tong/th_job.h"
 #include "tong/tong_slot.h"
 #include "varnix.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// The sanitizer runtimes keep their own heap; GCC ships no header for this.
-extern "C" size_t __sanitizer_get_current_allocated_bytes();
-static size_t live_heap_bytes() { return __sanitizer_get_current_allocated_bytes(); }
-#else
-static size_t live_heap_bytes() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
-#endif
-
 namespace varnix {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using test::in_child;
+using test::live_heap_bytes;
 using test::read_file;
 using test::TestIpc;
+using test::thread_count;
+using test::wait_for;
 
 constexpr size_t kBig = 4u << 20;  // a leaked buffer of this size shows in the heap
 
@@ -57,7 +52,6 @@ std::string make_dir() {
     return mkdtemp(tmpl.data()) ? tmpl : "";
 }
 
-int thread_count() { return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/task"), {})); }
 std::string data_path(const std::string& home, const std::string& name = "tproc") {
     return home + "/tong_log_" + local_date("%Y%m%d") + "_" + name + "_" + std::to_string(getpid()) + ".dat";
 }
@@ -73,12 +67,6 @@ void put_slot(int32_t len, char* buf, uint32_t kind = kDeferredKindTong) {
 void put_record(const std::string& bytes) { put_slot(static_cast<int32_t>(bytes.size()), strdup(bytes.c_str())); }
 char* big_buffer() { return static_cast<char*>(std::calloc(kBig, 1)); }
 
-template <typename Pred>
-bool wait_for(Pred done) {
-    for (int i = 0; i < 3000 && !done(); ++i) std::this_thread::sleep_for(10ms);
-    return done();
-}
-
 bool heap_back_to(size_t base) { return wait_for([&] { return live_heap_bytes() < base + kBig / 4; }); }
 // Acquire: the writer's reset at an open follows its reading of the home.
 int32_t failcount() { return __atomic_load_n(&nfailcount, __ATOMIC_ACQUIRE); }
@@ -91,26 +79,6 @@ void start_writer(const std::string& home) {
     create_deffered_que(0);
     gvar.init_mark.store(kInitMarkReady);
     ASSERT_EQ(start_th_job(), 0);
-}
-
-// Runs the scenario in a child process, which ends without the parent's exit handlers.
-template <typename Scenario>
-void in_child(Scenario scenario) {
-    ASSERT_TRUE(TestIpc::get().ok());
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(60);  // a writer that never ends fails the scenario instead of hanging it
-        // Sanitizer runtimes add helper threads of their own with the first
-        // thread a process starts; after that, thread counts are ours.
-        std::thread([] {}).join();
-        scenario();
-        std::fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    ASSERT_TRUE(pid > 0 && waitpid(pid, &status, 0) == pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
 }
 
 // One writer's day, then the next (zones 26 hours apart never share a date), whose file is named after the

@@ -7,19 +7,24 @@
 // tong_lock; every access to it is an __atomic one, and the writer's reset at
 // each open is a release store that does not take tong_lock.
 //
-// The handle.  `writer` is guarded by th_lock.  Its thread is joined exactly
+// The handle.  `writer` is guarded by th_lock, and so are the writer's reads
+// of the process block (its path).  Its thread is joined exactly
 // once, by whoever joins first (the host's th_join_thread or the next
 // start_th_job), and never cancelled after that join.  A joiner first waits on
 // th_ended, with th_lock released, until the writer has left its loop, so the
 // host may cancel from one thread while another one is joining; pthread_join
 // itself then runs under th_lock and returns at once.  The writer takes
-// th_lock only to report that it has left its loop.
+// th_lock only to compose its path and to report that it has left its loop,
+// never while it waits or writes.
 //
 // One consumer.  A writer runs while init_mark is 1111 and th_generation still
-// holds the value it was started for.  start_th_job advances the generation,
+// holds the value it was started for.  stop_th_job advances the generation,
 // under th_lock, before it joins, so a writer of an earlier initialization
 // stops within one record or one idle step even when init_mark is already
-// back at 1111, and a start that a later one overtook creates nothing.
+// back at 1111, and a start that a later one overtook creates nothing.  The
+// stop waits a bounded time only (it runs under TRAN_INIT's lock): a writer
+// stuck in a write keeps its handle, nothing new is started beside it, and
+// the next stop waits for it again.
 //
 // Idling.  With nothing to write the writer waits on idle_cv for one idle
 // step.  It checks that it should go on under idle_lock, and whoever ends its
@@ -64,6 +69,7 @@ namespace {
 constexpr int kPathSize = 128;  // paths of at most 127 characters
 constexpr int64_t kIdleUs = 300'000;
 constexpr int kNoWriter = -1;
+constexpr int kStopWaitMs = 200;  // a stop runs under TRAN_INIT's lock
 
 struct WriterHandle {
     pthread_t th;
@@ -114,12 +120,21 @@ bool compose_path() {
     return n > 0 && n < kPathSize;
 }
 
-void open_tong_file() {
+// The path is read from the process block under th_lock, and only while this
+// writer is the current one: a TRAN_INIT that gave up waiting for an old
+// writer rewrites the block without waiting any longer, and an old writer
+// reads nothing of it from then on.
+bool compose_current_path(uint32_t generation) {
+    MutexGuard guard(th_lock);
+    return guard.owns() && th_generation.load(std::memory_order_acquire) == generation && compose_path();
+}
+
+void open_tong_file(uint32_t generation) {
     if (tong_fp) {
         (void)std::fclose(tong_fp);  // every record was flushed when written; nothing is left to lose
         tong_fp = nullptr;
     }
-    if (compose_path()) {
+    if (compose_current_path(generation)) {
         // Files are created 0666: the collector and its tools run as other users.
         mode_t old = umask(0);
         tong_fp = std::fopen(tong_path, "ae");
@@ -142,12 +157,12 @@ void append_record(const TongSlot& rec) {
                      fileno(tong_fp), tong_path);
 }
 
-void store_record(const DeferredSlot& slot) {
+void store_record(const DeferredSlot& slot, uint32_t generation) {
     if (slot.kind != kDeferredKindTong) return;  // not ours to interpret, nor to free
     TongSlot rec;
     std::memcpy(&rec, slot.payload, sizeof rec);
     if (rec.len > 0 && rec.buf) {
-        if (get_date() || !tong_fp) open_tong_file();
+        if (get_date() || !tong_fp) open_tong_file(generation);
         if (tong_fp) append_record(rec);
     }
     std::free(rec.buf);
@@ -163,6 +178,12 @@ int set_cancel(int state) {
 
 bool keep_running(uint32_t generation);
 
+// The monotonic time `us` from now, for the bounded waits.
+timespec deadline_in_us(int64_t us) {
+    const int64_t until = monotonic_us() + us;
+    return timespec{static_cast<time_t>(until / 1'000'000), static_cast<long>(until % 1'000'000) * 1000};
+}
+
 void unlock_idle(void*) { (void)pthread_mutex_unlock(&idle_lock); }
 
 // One idle step, cut short by wake_th_job.  A cancellation point.
@@ -170,8 +191,7 @@ void idle(uint32_t generation) {
     if (pthread_mutex_lock(&idle_lock) != 0) return;
     pthread_cleanup_push(unlock_idle, nullptr);
     if (keep_running(generation)) {
-        const int64_t until = monotonic_us() + kIdleUs;
-        const timespec ts{static_cast<time_t>(until / 1'000'000), static_cast<long>(until % 1'000'000) * 1000};
+        const timespec ts = deadline_in_us(kIdleUs);
         (void)pthread_cond_clockwait(&idle_cv, &idle_lock, CLOCK_MONOTONIC, &ts);  // a time-out is the idle step
     }
     pthread_cleanup_pop(1);
@@ -216,20 +236,29 @@ void* th_job(void* arg) {
     set_cancel(PTHREAD_CANCEL_DISABLE);
     pthread_cleanup_push(writer_left, nullptr);
     while (keep_running(generation)) {
-        if (const DeferredSlot* slot = next_record(generation)) store_record(*slot);
+        if (const DeferredSlot* slot = next_record(generation)) store_record(*slot, generation);
     }
     pthread_cleanup_pop(1);
     return nullptr;
 }
 
+bool still_running(uint32_t generation) { return writer.set && writer.generation == generation && writer.running; }
+
+// Waits on th_ended until `deadline` (monotonic; none when null).
+int wait_ended(const timespec* deadline) {
+    if (!deadline) return pthread_cond_wait(&th_ended, &th_lock);
+    return pthread_cond_clockwait(&th_ended, &th_lock, CLOCK_MONOTONIC, deadline);
+}
+
 // Waits until the writer of the handle has left its loop, then joins it.  0
 // when it has been joined (here, or meanwhile by another joiner), kNoWriter
-// when there is none, else the pthread error.  Caller holds th_lock.
-int join_writer_locked() {
+// when there is none, ETIMEDOUT when it still runs at `deadline`, else the
+// pthread error.  Caller holds th_lock.
+int join_writer_locked(const timespec* deadline) {
     if (!writer.set) return kNoWriter;
     const uint32_t generation = writer.generation;
-    while (writer.set && writer.generation == generation && writer.running) {
-        if (int rc = pthread_cond_wait(&th_ended, &th_lock); rc != 0) return rc;
+    while (still_running(generation)) {
+        if (int rc = wait_ended(deadline); rc != 0 && still_running(generation)) return rc;
     }
     if (!writer.set || writer.generation != generation) return 0;
     int rc = pthread_join(writer.th, nullptr);
@@ -237,12 +266,21 @@ int join_writer_locked() {
     return rc;
 }
 
+// Ends the current writer's run and joins it.  0 when no writer is left;
+// `generation` is the one advanced to.  Caller holds th_lock.
+int stop_locked(uint32_t& generation) {
+    generation = th_generation.fetch_add(1, std::memory_order_acq_rel) + 1;
+    wake_th_job();
+    const timespec deadline = deadline_in_us(int64_t{kStopWaitMs} * 1000);
+    const int rc = join_writer_locked(&deadline);
+    return rc > 0 ? rc : 0;
+}
+
 // Caller holds th_lock.
 int start_locked() {
-    const uint32_t generation = th_generation.fetch_add(1, std::memory_order_acq_rel) + 1;
-    wake_th_job();
-    if (int rc = join_writer_locked(); rc > 0) {
-        log_printf("<!> cannot join main_thread.");
+    uint32_t generation = 0;
+    if (int rc = stop_locked(generation); rc != 0) {
+        report_stop_failure(rc);
         return rc;
     }
     // The join released th_lock while it waited, and a later start took it
@@ -266,6 +304,13 @@ void wake_th_job() {
     (void)pthread_mutex_unlock(&idle_lock);
 }
 
+void report_stop_failure(int rc) {
+    if (rc == ETIMEDOUT)
+        log_printf("<!> main_thread still running after %d ms: not joined, no new one started", kStopWaitMs);
+    else
+        log_printf("<!> cannot join main_thread.");
+}
+
 void reset_th_job_after_fork() {
     for (pthread_mutex_t* m : {&th_lock, &idle_lock}) (void)pthread_mutex_init(m, nullptr);
     for (pthread_cond_t* c : {&th_ended, &idle_cv}) (void)pthread_cond_init(c, nullptr);
@@ -287,6 +332,15 @@ int start_th_job() {
     return rc;
 }
 
+int stop_th_job() {
+    NoCancel no_cancel;
+    if (int rc = pthread_mutex_lock(&th_lock); rc != 0) return rc;
+    uint32_t generation = 0;
+    int rc = stop_locked(generation);
+    (void)pthread_mutex_unlock(&th_lock);
+    return rc;
+}
+
 }  // namespace varnix
 
 using namespace varnix;
@@ -296,7 +350,7 @@ extern "C" {
 void th_join_thread(void) {
     NoCancel no_cancel;
     MutexGuard guard(th_lock);
-    int rc = guard.owns() ? join_writer_locked() : EDEADLK;
+    int rc = guard.owns() ? join_writer_locked(nullptr) : EDEADLK;
     if (rc == kNoWriter) return;
     log_printf(rc == 0 ? "(I) completed join main_thread" : "<!> cannot join main_thread.");
 }

@@ -62,7 +62,7 @@ TestIpc& TestIpc::get() {
     return *ipc;
 }
 
-TestIpc::TestIpc() {
+TestIpc::TestIpc() : owner_pid_(getpid()) {
     char tmpl[] = "/tmp/varnix-test-XXXXXX";
     if (!mkdtemp(tmpl)) return;
     dir_ = tmpl;
@@ -83,7 +83,7 @@ TestIpc::TestIpc() {
 
 kit::AgentConfig TestIpc::default_config() const {
     kit::AgentConfig conf;
-    conf.keys = kit::keys_for_pid(getpid());
+    conf.keys = kit::keys_for_pid(owner_pid_);  // also in a forked child: the collector is the creator's
     conf.log_home = "log";
     conf.tong_log_home = tong_dir();
     return conf;

@@ -42,6 +42,7 @@ public:
 private:
     TestIpc();
     bool ok_ = false;
+    int owner_pid_;  // the process that created the collector
     std::string dir_;
     kit::Collector collector_;
 };
