@@ -10,16 +10,8 @@ namespace {
 
 const std::string kGid = "20261123-CLH-0000000000000000001";  // 32 characters
 
-class FrontEnds : public TracedThread {
+class FrontEnds : public OrderedRecords {
 protected:
-    void SetUp() override {
-        TracedThread::SetUp();
-        TestIpc::get().que_info().que_mask = 0;  // one queue: the records arrive in the order sent
-    }
-    void TearDown() override {
-        EXPECT_EQ(TestIpc::get().collector().drain(), 0) << "records nobody looked at";
-        TracedThread::TearDown();
-    }
     // The columns of the next record, whose header is the caller's, without times, at depth 01.
     std::string next(char type, const ServiceCall& s, uint32_t columns) {
         TRAN_LOG_MSG m = received(0);

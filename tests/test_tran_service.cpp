@@ -26,16 +26,8 @@ std::string date_time_field(const timeval& tv) {
                tm.tm_sec, static_cast<long>(tv.tv_usec));
 }
 
-class TranService : public TracedThread {
+class TranService : public OrderedRecords {
 protected:
-    void SetUp() override {
-        TracedThread::SetUp();
-        TestIpc::get().que_info().que_mask = 0;  // one queue: the records arrive in the order sent
-    }
-    void TearDown() override {
-        EXPECT_EQ(TestIpc::get().collector().drain(), 0) << "records nobody looked at";
-        TracedThread::TearDown();
-    }
 
     ServiceCall svc(const std::string& gid = kGid, const std::string& id = "SVC-MAIN") {
         return ServiceCall{.gid = gid, .svc_id = id};

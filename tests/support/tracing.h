@@ -58,6 +58,20 @@ protected:
     PTRC_HASH* e_ = nullptr;
 };
 
+// A traced thread whose records all go to one queue, so they arrive in the
+// order sent; every record must have been read when the test ends.
+class OrderedRecords : public TracedThread {
+protected:
+    void SetUp() override {
+        TracedThread::SetUp();
+        TestIpc::get().que_info().que_mask = 0;
+    }
+    void TearDown() override {
+        EXPECT_EQ(TestIpc::get().collector().drain(), 0) << "records nobody looked at";
+        TracedThread::TearDown();
+    }
+};
+
 inline std::string_view body_field(const TRAN_LOG_MSG& m, int offset, int width) {
     return {m.text + sizeof(uint32_t) + offset, static_cast<size_t>(width)};
 }
