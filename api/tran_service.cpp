@@ -25,67 +25,33 @@ using varnix::Text;
 #define VARNIX_PT_TAIL VARNIX_FIVE_TAIL(pt_param)
 #define VARNIX_WEB_TAIL VARNIX_FIVE_TAIL(web_field)
 
+// Every service entry: counted in at the gate, its arguments packed, handed
+// to `call` after the leading arguments given.
+#define VARNIX_SERVICE_ENTRY(name, params, tail_cols, call, ...)                                  \
+    int32_t name(params) {                                                                        \
+        const varnix::EntryGate gate;                                                             \
+        const Text tail[] = {VARNIX_TELEGRAM_HEAD, tail_cols};                                    \
+        return varnix::call(__VA_ARGS__, ServiceArgs{VARNIX_SERVICE_HEAD, tail});                 \
+    }
+
 extern "C" {
 
-int32_t TRAN_START(VARNIX_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
-    return varnix::service_start(varnix::kStandardService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_END(VARNIX_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
-    return varnix::service_end(varnix::kStandardService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_ERROR(VARNIX_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
-    return varnix::service_error(varnix::kStandardService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_PT_START(VARNIX_PT_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_PT_TAIL};
-    return varnix::service_start(varnix::kProcessTraceService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_PT_END(VARNIX_PT_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_PT_TAIL};
-    return varnix::service_end(varnix::kProcessTraceService, ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_CLH_START(VARNIX_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
-    return varnix::front_end_service(varnix::kClientHandlerService, '1', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_CLH_END(VARNIX_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
-    return varnix::front_end_service(varnix::kClientHandlerService, '2', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_CLH_ERROR(VARNIX_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_TELEGRAM_TAIL};
-    return varnix::front_end_service(varnix::kClientHandlerService, '9', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_WEB_START(VARNIX_WEB_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_WEB_TAIL};
-    return varnix::front_end_service(varnix::kWebService, '1', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
-
-int32_t TRAN_WEB_END(VARNIX_WEB_SERVICE_PARAMS) {
-    const varnix::EntryGate gate;
-    const Text tail[] = {VARNIX_TELEGRAM_HEAD, VARNIX_WEB_TAIL};
-    return varnix::front_end_service(varnix::kWebService, '2', ServiceArgs{VARNIX_SERVICE_HEAD, tail});
-}
+VARNIX_SERVICE_ENTRY(TRAN_START, VARNIX_SERVICE_PARAMS, VARNIX_TELEGRAM_TAIL, service_start, varnix::kStandardService)
+VARNIX_SERVICE_ENTRY(TRAN_END, VARNIX_SERVICE_PARAMS, VARNIX_TELEGRAM_TAIL, service_end, varnix::kStandardService)
+VARNIX_SERVICE_ENTRY(TRAN_ERROR, VARNIX_SERVICE_PARAMS, VARNIX_TELEGRAM_TAIL, service_error, varnix::kStandardService)
+VARNIX_SERVICE_ENTRY(TRAN_PT_START, VARNIX_PT_SERVICE_PARAMS, VARNIX_PT_TAIL, service_start,
+                     varnix::kProcessTraceService)
+VARNIX_SERVICE_ENTRY(TRAN_PT_END, VARNIX_PT_SERVICE_PARAMS, VARNIX_PT_TAIL, service_end, varnix::kProcessTraceService)
+VARNIX_SERVICE_ENTRY(TRAN_CLH_START, VARNIX_SERVICE_PARAMS, VARNIX_TELEGRAM_TAIL, front_end_service,
+                     varnix::kClientHandlerService, '1')
+VARNIX_SERVICE_ENTRY(TRAN_CLH_END, VARNIX_SERVICE_PARAMS, VARNIX_TELEGRAM_TAIL, front_end_service,
+                     varnix::kClientHandlerService, '2')
+VARNIX_SERVICE_ENTRY(TRAN_CLH_ERROR, VARNIX_SERVICE_PARAMS, VARNIX_TELEGRAM_TAIL, front_end_service,
+                     varnix::kClientHandlerService, '9')
+VARNIX_SERVICE_ENTRY(TRAN_WEB_START, VARNIX_WEB_SERVICE_PARAMS, VARNIX_WEB_TAIL, front_end_service,
+                     varnix::kWebService, '1')
+VARNIX_SERVICE_ENTRY(TRAN_WEB_END, VARNIX_WEB_SERVICE_PARAMS, VARNIX_WEB_TAIL, front_end_service, varnix::kWebService,
+                     '2')
 
 int32_t TRAN_FEP_START(int32_t tid, const char*, int32_t, const char*, int32_t, const void*) {
     const varnix::EntryGate gate;

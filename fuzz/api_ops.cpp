@@ -3,6 +3,8 @@
 #include <sys/time.h>
 
 #include <iterator>
+#include <tuple>
+#include <utility>
 
 #include "varnix.h"
 
@@ -29,38 +31,29 @@ void texts(Args& a, Text (&t)[N]) {
 #define VX_HEAD(h)                                                                                          \
     h.t[0].p, h.t[0].len, h.t[1].p, h.t[1].len, h.t[2].p, h.t[2].len, h.t[3].p, h.t[3].len, h.t[4].p, h.t[4].len, \
         h.t[5].p, h.t[5].len, h.t[6].p, h.t[6].len
-#define VX_T(i) t[i].p, t[i].len
 
 using ServiceEntry = int32_t (*)(VARNIX_SERVICE_PARAMS);
 using PtEntry = int32_t (*)(VARNIX_PT_SERVICE_PARAMS);
 using NoticeEntry = int32_t (*)(VARNIX_NOTICE_PARAMS);
 
-int32_t service(ServiceEntry f, Args& a) {
-    int32_t tid = a.tid();
-    Head h = head(a);
-    Text t[22];
-    texts(a, t);
-    return f(tid, VX_HEAD(h), VX_T(0), VX_T(1), VX_T(2), VX_T(3), VX_T(4), VX_T(5), VX_T(6), VX_T(7), VX_T(8), VX_T(9),
-             VX_T(10), VX_T(11), VX_T(12), VX_T(13), VX_T(14), VX_T(15), VX_T(16), VX_T(17), VX_T(18), VX_T(19),
-             VX_T(20), VX_T(21));
+// The pointer and length of each text, in order.
+template <size_t... I>
+auto pairs(const Text* t, std::index_sequence<I...>) {
+    return std::tuple_cat(std::make_tuple(t[I].p, t[I].len)...);
 }
 
-int32_t pt_service(PtEntry f, Args& a) {
-    int32_t tid = a.tid();
-    Head h = head(a);
-    Text t[13];
+// An entry taking the thread, the seven header texts and `N` more texts.
+template <size_t N, typename Entry>
+int32_t with_texts(Entry f, Args& a) {
+    const int32_t tid = a.tid();
+    Text t[std::size(Head{}.t) + N];
     texts(a, t);
-    return f(tid, VX_HEAD(h), VX_T(0), VX_T(1), VX_T(2), VX_T(3), VX_T(4), VX_T(5), VX_T(6), VX_T(7), VX_T(8), VX_T(9),
-             VX_T(10), VX_T(11), VX_T(12));
+    return std::apply(f, std::tuple_cat(std::make_tuple(tid), pairs(t, std::make_index_sequence<std::size(t)>())));
 }
 
-int32_t notice(NoticeEntry f, Args& a) {
-    int32_t tid = a.tid();
-    Head h = head(a);
-    Text t[4];
-    texts(a, t);
-    return f(tid, VX_HEAD(h), VX_T(0), VX_T(1), VX_T(2), VX_T(3));
-}
+int32_t service(ServiceEntry f, Args& a) { return with_texts<22>(f, a); }
+int32_t pt_service(PtEntry f, Args& a) { return with_texts<13>(f, a); }
+int32_t notice(NoticeEntry f, Args& a) { return with_texts<4>(f, a); }
 
 int32_t op_start(Args& a) { return service(TRAN_START, a); }
 int32_t op_end(Args& a) { return service(TRAN_END, a); }
@@ -171,7 +164,6 @@ int32_t op_set_fetch_info(Args& a) {
 int32_t op_set_svctimeout(Args& a) { return TRAN_SET_SVCTIMEOUT(a.tid()); }
 
 #undef VX_HEAD
-#undef VX_T
 
 constexpr ApiOp kOps[] = {
     {op_start, false},          {op_end, false},           {op_error, false},         {op_pt_start, false},
