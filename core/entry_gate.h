@@ -20,6 +20,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "context/mtr_cxt.h"
+
 namespace varnix {
 
 inline constexpr int kGateStripes = 32;
@@ -29,11 +31,10 @@ struct alignas(64) GateStripe {
 };
 extern GateStripe gate_stripes[kGateStripes];
 
+// Spread as the context buckets are, by the bits of the handle that differ
+// between threads.
 inline GateStripe& gate_stripe() {
-    // Thread handles are aligned addresses: the bits above the page offset
-    // differ between threads.
-    const auto h = static_cast<uintptr_t>(pthread_self());
-    return gate_stripes[((h >> 12) ^ (h >> 21)) % kGateStripes];
+    return gate_stripes[handle_bucket_of(static_cast<uint64_t>(pthread_self())) % kGateStripes];
 }
 
 class EntryGate {
