@@ -20,6 +20,7 @@
 #include "core/start_stop.h"
 #include "core/status.h"
 #include "support/drainer.h"
+#include "support/in_child.h"
 #include "support/service_calls.h"
 #include "support/thread_group.h"
 #include "support/tracing.h"
@@ -48,27 +49,6 @@ int init_quietly() {
     int rc = TRAN_INIT();
     testing::internal::GetCapturedStdout();
     return rc;
-}
-
-// Runs `body` in a forked child (standard output discarded) and returns its
-// exit status, or -1 when it had not ended after 10 s and was killed.
-template <typename Body>
-int run_forked(Body body) {
-    std::fflush(stdout);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (!std::freopen("/dev/null", "w", stdout)) _exit(99);
-        _exit(body());
-    }
-    if (pid < 0) return -2;
-    int status = 0;
-    for (int i = 0; i < 1000; ++i) {
-        if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -3;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
 }
 
 // ThreadSanitizer cannot follow a process that forks while threads run.
@@ -363,20 +343,22 @@ TEST_F(StartStop, ForkedChildrenAreUntracedUntilTheyStartThemselves) {
         }
     });
     for (int i = 0; i < 8; ++i) {
-        const int status = run_forked([] {
+        in_child([] {
             ServiceCall s;
             s.gid = "CHILD";
             s.svc_id = "SVC-CHILD";
-            if (call(TRAN_START, s) != VARNIX_RC_NOT_INIT) return 1;
-            if (TRAN_DONE() != 0 || TRAN_INIT() != 0) return 2;
+            EXPECT_EQ(call(TRAN_START, s), VARNIX_RC_NOT_INIT);
+            ASSERT_EQ(TRAN_DONE(), 0);
+            ASSERT_EQ(init_quietly(), 0);
             MTR_CXT_VAR* cxt = nullptr;
-            if (get_mtr_cxt_var(-1, &cxt) != 0 || cxt->ptrc->pid != getpid() || gvar.pid != getpid()) return 3;
-            if (!traced(call(TRAN_START, s)) || !traced(call(TRAN_END, s))) return 4;
-            if (TRAN_DONE() != 0) return 5;
+            ASSERT_EQ(get_mtr_cxt_var(-1, &cxt), 0);
+            EXPECT_EQ(cxt->ptrc->pid, getpid());
+            EXPECT_EQ(gvar.pid, getpid());
+            EXPECT_TRUE(traced(call(TRAN_START, s)));
+            EXPECT_TRUE(traced(call(TRAN_END, s)));
+            EXPECT_EQ(TRAN_DONE(), 0);
             th_join_thread();
-            return 0;
         });
-        EXPECT_EQ(status, 0) << "child " << i;
     }
     stop.store(true);
     tracers.join();
