@@ -1,7 +1,6 @@
 #include "context/get_ptrc_hash.h"
 
 #include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,7 +9,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
 #include "context/hash.h"
 #include "context/tables.h"
 #include "core/gvar.h"
@@ -57,9 +55,7 @@ protected:
         return field;
     }
     PTRC_HASH* reg(uint64_t tid, int32_t pid = kPid, int32_t idx = kIdx) {
-        cxt_.pid = pid;
-        cxt_.tid = tid;
-        cxt_.idx = idx;
+        cxt_.pid = pid, cxt_.tid = tid, cxt_.idx = idx;
         return get_ptrc_hash(&cxt_);
     }
     PTRC_HASH& entry(int n) { return tbl_->entry[n]; }
@@ -78,20 +74,13 @@ TEST_F(PtrcHashTest, RegistrationFillsAnEntryAndChainsIt) {
     ASSERT_TRUE(e->svc_mark_time >= before && e->svc_mark_time <= std::time(nullptr));
     const uint32_t bucket = bucket_of(kPid, kTid);
     auto want = std::make_unique<PTRC_HASH>();
-    want->pidx = 9999;
-    want->hidx = bucket;
-    want->prev = -1;
-    want->next = -1;
-    want->reg_flag = '1';
+    want->pidx = 9999, want->hidx = bucket, want->prev = want->next = -1, want->reg_flag = '1';
     std::memset(want->proc_nm, 'p', 30);
     std::memcpy(want->cont_nm, "cont01", 6);
     std::memcpy(want->key_pid, "00004321", 8);
     std::memcpy(want->key_tid, "140001234567890", 15);
     std::memcpy(want->key_idx, "00007", 5);
-    want->pid = kPid;
-    want->tid = kTid;
-    want->svc_state = 'd';
-    want->ptrc_state = 1;
+    want->pid = kPid, want->tid = kTid, want->svc_state = 'd', want->ptrc_state = 1;
     want->svc_mark_time = e->svc_mark_time;
     std::memcpy(want->db_user, "scott", 5);
     std::memcpy(want->db_sid, "ORCL19", 6);
@@ -124,8 +113,7 @@ TEST_F(PtrcHashTest, RegistrationFillsAnEntryAndChainsIt) {
     EXPECT_EQ(reg(twin), &entry(9996));
     EXPECT_EQ(reg(kTid), &entry(9997));
     EXPECT_EQ(reg(kTid, kPid + 1), &entry(9994));
-    EXPECT_EQ(tbl_->used_cnt, 6u);
-    EXPECT_EQ(tbl_->used_stk.idx[5], 9994u);
+    EXPECT_TRUE(tbl_->used_cnt == 6u && tbl_->used_stk.idx[5] == 9994u);
     EXPECT_EQ(LogCapture::get().take().size(), 5u);
 }
 
@@ -139,9 +127,8 @@ TEST_F(PtrcHashTest, BadKeysAndCorruptChainsYieldNull) {
     EXPECT_EQ(tbl_->hash_idx[bucket_of(kPid, 678901234567890u)], 9999);
     // Ids that cannot be keyed, a context outside the bucket table, no table or
     // a free number that cannot be an entry: null, silently.
-    EXPECT_EQ(reg(kTid, 123456789), nullptr);
-    EXPECT_EQ(reg(kTid, kPid, 256), nullptr);
-    EXPECT_EQ(reg(kTid, kPid, -1), nullptr);
+    for (auto [pid, idx] : {std::pair{123456789, kIdx}, {kPid, 256}, {kPid, -1}})
+        EXPECT_EQ(reg(kTid, pid, idx), nullptr) << pid << " " << idx;
     EXPECT_EQ(get_ptrc_hash(nullptr), nullptr);
     tbl_->free_stk.cnt = 1;
     tbl_->free_stk.idx[0] = VARNIX_TBL_ENTRIES;

@@ -4,10 +4,10 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
-
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
@@ -18,34 +18,28 @@ namespace {
 
 using test::TestIpc;
 
-// Detaches whatever a tran_init attached, so every test starts from scratch.
-void detach_gvar() {
-    if (gvar.que_info) shmdt(std::exchange(gvar.que_info, nullptr));
-    if (gvar.svc_hash_tbl) shmdt(std::exchange(gvar.svc_hash_tbl, nullptr));
-    if (gvar.ptrc_hash_tbl) shmdt(std::exchange(gvar.ptrc_hash_tbl, nullptr));
-    gvar.init_mark = 0;
-}
-
-// The last message of the diagnostic log.
-std::string last_log_message() {
-    std::vector<std::string> messages = test::log_messages(TestIpc::get().read_log(), 0);
-    return messages.empty() ? "" : messages.back();
-}
-
 class TranInit : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(ipc.ok()); }
-    void TearDown() override {
-        detach_gvar();
+    void TearDown() override { reset(); }
+    // Detaches whatever a tran_init attached, so every attempt starts from scratch.
+    void reset() {
+        if (gvar.que_info) shmdt(std::exchange(gvar.que_info, nullptr));
+        if (gvar.svc_hash_tbl) shmdt(std::exchange(gvar.svc_hash_tbl, nullptr));
+        if (gvar.ptrc_hash_tbl) shmdt(std::exchange(gvar.ptrc_hash_tbl, nullptr));
+        gvar.init_mark = 0;
         ipc.reset();
     }
-    // Rewrites the configuration file with `key`'s line replaced by `line`.
     void write_config_with(const std::string& key, const std::string& line) {
         std::string text = test::read_file(ipc.cfg_path());
         size_t at = text.find("\n" + key + " = ");
         ASSERT_NE(at, std::string::npos) << key;
         text.replace(at + 1, text.find('\n', at + 1) - at - 1, line);
         ASSERT_TRUE(kit::write_file(ipc.cfg_path(), text));
+    }
+    std::string last_log_message() {
+        std::vector<std::string> messages = test::log_messages(ipc.read_log(), 0);
+        return messages.empty() ? "" : messages.back();
     }
     TestIpc& ipc = TestIpc::get();
 };
@@ -56,10 +50,9 @@ TEST_F(TranInit, AttachesEverythingTheConfigurationNamesAndCheckGvarFollowsIt) {
     ASSERT_EQ(tran_init(true), kOk);
     const kit::Collector::Ids& ids = ipc.collector().ids();
     EXPECT_EQ((std::vector{gvar.que_info_shmid, gvar.svc_hash_shmid, gvar.svc_hash_semid, gvar.ptrc_hash_shmid,
-                           gvar.ptrc_hash_semid}),
-              (std::vector{ids.que_info_shm, ids.svc_shm, ids.svc_sem, ids.ptrc_shm, ids.ptrc_sem}));
+                           gvar.ptrc_hash_semid, gvar.msgq_cnt}),
+              (std::vector{ids.que_info_shm, ids.svc_shm, ids.svc_sem, ids.ptrc_shm, ids.ptrc_sem, 4}));
     for (int q = 0; q < VARNIX_MAX_QUE_CNT; ++q) EXPECT_EQ(gvar.msgq_id[q], q < 4 ? ids.msgq[q] : -1) << q;
-    EXPECT_EQ(gvar.msgq_cnt, 4);
     EXPECT_EQ(std::string(log_home_dir) + "," + tong_log_home_dir, ipc.dir() + "/agt/log,/tong");
     EXPECT_EQ(std::string(gvar.log_interface) + "," + gvar.tr_section + "," + gvar.dbio_func_nm, "MQ,A,ABCDEFGHIJ");
     EXPECT_EQ((std::vector{gvar.idle_thread_release[0], gvar.idle_thread_release[1], gvar.infinite_loop_base_cnt,
@@ -73,15 +66,13 @@ TEST_F(TranInit, AttachesEverythingTheConfigurationNamesAndCheckGvarFollowsIt) {
     q.log_flag_set = VARNIX_FLAG_S;
     for (char t : {'1', '2', '3', 'a', 'S', 'Z', '\0'}) EXPECT_EQ(check_gvar(t), kOk) << t;
     for (char t : {'9', 'E', 'V', 'B', 'C', 'I', 'X', 'Q'}) EXPECT_EQ(check_gvar(t), VARNIX_RC_CLASS_OFF) << t;
-    for (uint32_t qcnt : {17u, 0u}) {
-        q.qcnt = qcnt;
-        EXPECT_EQ(check_gvar('1'), VARNIX_RC_NO_QUE_INFO) << qcnt;
+    // The magic is checked before qcnt.
+    for (auto [magic, qcnt, rc] : {std::tuple<uint32_t, uint32_t, int>{VARNIX_MAGIC_CODE, 17u, VARNIX_RC_NO_QUE_INFO},
+                                   {VARNIX_MAGIC_CODE, 0u, VARNIX_RC_NO_QUE_INFO}, {VARNIX_MAGIC_CODE, 16u, kOk},
+                                   {0u, 0u, VARNIX_RC_BAD_MAGIC}}) {
+        q.magic_code = magic, q.qcnt = qcnt;
+        EXPECT_EQ(check_gvar('1'), rc) << qcnt;
     }
-    q.magic_code = 0;
-    EXPECT_EQ(check_gvar('1'), VARNIX_RC_BAD_MAGIC);  // the magic is checked before qcnt
-    q.magic_code = VARNIX_MAGIC_CODE;
-    q.qcnt = 16;
-    EXPECT_EQ(check_gvar('1'), kOk);
     // A second initialization is refused, the pid refreshed all the same.
     gvar.pid = 0;
     EXPECT_EQ(tran_init(true), VARNIX_RC_ALREADY_INIT);
@@ -99,17 +90,16 @@ TEST_F(TranInit, BadEnvironmentOrConfigurationFailsWithItsMessage) {
     const key_t unused = ipc.default_config().keys.que_info + 7;  // in this process's block, never created
     char unused_hex[16];
     std::snprintf(unused_hex, sizeof unused_hex, "%x", unused);
-    struct Case {
-        std::string key, value, message;  // message "": fails silently
-        bool attaches = false;            // gets as far as attaching the control block
+    struct Case {  // message "": fails silently; attaches: gets as far as attaching the control block
+        std::string key, value, message;
+        bool attaches = false;
     };
-    const std::string missing = "<!> tran_init fail, not found section [";
+    const std::string fail = "<!> tran_init fail, ", missing = fail + "not found section [";
     std::vector<Case> cases = {
         {"IDLE_THREAD_RELEASE", "30", missing + "IDLE_THREAD_RELEASE]"},
-        {"MAX_QUE_CNT", "17", "<!> tran_init fail, MAX_QUE_CNT(17) out of range (1..16)"},
-        {"MAX_QUE_CNT", "0", "<!> tran_init fail, MAX_QUE_CNT(0) out of range (1..16)"},
-        {"WRITE_QUE_IDX_GID_RNG", "20 13",
-         "<!> tran_init fail, WRITE_QUE_IDX_GID_RNG out of the GID (offset : 20, size 13)"},
+        {"MAX_QUE_CNT", "17", fail + "MAX_QUE_CNT(17) out of range (1..16)"},
+        {"MAX_QUE_CNT", "0", fail + "MAX_QUE_CNT(0) out of range (1..16)"},
+        {"WRITE_QUE_IDX_GID_RNG", "20 13", fail + "WRITE_QUE_IDX_GID_RNG out of the GID (offset : 20, size 13)"},
         {"SVC_HASH_TBL_SEMKEY", std::to_string(unused),
          "<!> svc_hash_tbl semaphore create error.[key:0x" + std::string(unused_hex) + "]", true},
         {"MAX_QUE_CNT", "5", "<!> create fail msgq#04", true},
@@ -128,8 +118,7 @@ TEST_F(TranInit, BadEnvironmentOrConfigurationFailsWithItsMessage) {
                                 {"SVC_HASH_TBL_SEMKEY", "12abc"}, {"TRAN_LOGF_MSGQKEY", "-3"},
                                 {"TRAN_LOGF_MSGQKEY", "2147483646"}, {"TRAN_LOGF_QUE_INFO_SHMKEY", "4294967296"}};
     for (auto [key, value] : invalid)
-        cases.push_back({key, value, std::string("<!> tran_init fail, invalid IPC key [") + key + "] : " + value});
-
+        cases.push_back({key, value, fail + "invalid IPC key [" + key + "] : " + value});
     for (const Case& c : cases) {
         SCOPED_TRACE(c.key + " = " + c.value);
         write_config_with(c.key, c.value == "#" ? "#" + c.key : c.key + " = " + c.value);
@@ -139,16 +128,14 @@ TEST_F(TranInit, BadEnvironmentOrConfigurationFailsWithItsMessage) {
         ::testing::internal::GetCapturedStderr();
         EXPECT_EQ(last_log_message(), c.message.empty() ? "marker" : c.message);
         EXPECT_EQ(gvar.que_info != nullptr, c.attaches);
-        detach_gvar();
-        ipc.reset();
+        reset();
     }
 }
 
-TEST(FlagEncoders, LogFlagSetLettersAndReturnCodeVerdicts) {
-    EXPECT_EQ(get_log_flag_set("SEVBCIXQ"), 0xFF);
-    EXPECT_EQ(get_log_flag_set("S,E Q"), 0x83);
-    EXPECT_EQ(get_log_flag_set("sq"), 0);
-    EXPECT_EQ(get_log_flag_set(nullptr), 0);
+TEST(TranHelpers, FlagLettersReturnCodeVerdictsAndProcessNames) {
+    EXPECT_EQ((std::vector{get_log_flag_set("SEVBCIXQ"), get_log_flag_set("S,E Q"), get_log_flag_set("sq"),
+                           get_log_flag_set(nullptr)}),
+              (std::vector<uint8_t>{0xFF, 0x83, 0, 0}));
     // The error-code rule works on the attached control block, and is refused without one.
     int8_t table[128] = {};
     const int32_t saved_mark = gvar.init_mark.exchange(0);
@@ -174,11 +161,9 @@ TEST(FlagEncoders, LogFlagSetLettersAndReturnCodeVerdicts) {
     for (int8_t v : table) EXPECT_EQ(v, 1);
     gvar.fst_err_rc_set = saved;
     gvar.init_mark.store(saved_mark);
-}
-
-TEST(ProcessNames, FromProcAndContainerName) {
+    // Process names: no such stat file changes nothing; a 30-character container name is kept whole.
     char proc_nm[31] = "unchanged", cont_nm[31] = {};
-    set_proc_nm(proc_nm, cont_nm, -5);  // no such stat file: nothing changes
+    set_proc_nm(proc_nm, cont_nm, -5);
     EXPECT_STREQ(proc_nm, "unchanged");
     std::strcpy(init_cont_nm, "container-name-of-exactly-30ch");
     set_proc_nm(proc_nm, cont_nm, getpid());

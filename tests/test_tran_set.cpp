@@ -1,12 +1,10 @@
 // Context setters, against the test binary's collector.
 #include <gtest/gtest.h>
 #include <sys/time.h>
-
 #include <climits>
 #include <cstring>
 #include <ctime>
 #include <string>
-
 #include "core/clock.h"
 #include "support/tracing.h"
 
@@ -44,9 +42,7 @@ protected:
     CALL_LVL& open_call(char kind, const char* func, int32_t seq = 1) {
         CALL_LVL& c = e_->call_lvl[e_->trc_lvl++];
         c = CALL_LVL{};
-        c.start_tv = clock_now();
-        c.call_kind = kind;
-        c.call_seq = seq;
+        c.start_tv = clock_now(), c.call_kind = kind, c.call_seq = seq;
         std::snprintf(c.func_nm, sizeof c.func_nm, "%s", func);
         e_->sql_code = 9999;
         return c;
@@ -122,7 +118,7 @@ TEST_F(TranSet, SettersOutsideACallAndTheTimeoutFromTheServiceStart) {
 }
 
 TEST_F(TranSet, SqlcaInADbioCallThenATimeoutThereAfterWhichOnlyTheSettersWork) {
-    EXPECT_EQ(sqlca(-1, "x", 1), VARNIX_RC_SVC_DEPTH);
+    EXPECT_EQ(sqlca(-1, "x", 1), VARNIX_RC_SVC_DEPTH);  // no service, then one too deep
     open_service();
     cxt_->service_depth = 11;
     EXPECT_EQ(sqlca(-1, "x", 1), VARNIX_RC_SVC_DEPTH);
@@ -134,8 +130,7 @@ TEST_F(TranSet, SqlcaInADbioCallThenATimeoutThereAfterWhichOnlyTheSettersWork) {
 
     // Inside a DBIO call: "no data" and success replace only the unset mark.
     CALL_LVL& call = open_call('B', "DBIO_SELECT", 7);
-    EXPECT_EQ(sqlca(1403, "no data", 1), 0);
-    EXPECT_EQ(sqlca(0, nullptr, 1), 0);
+    EXPECT_EQ(sqlca(1403, "no data", 1) + sqlca(0, nullptr, 1), 0);  // no code is positive
     EXPECT_EQ(e_->sql_code, 1403);
     e_->sql_code = 9999;
     EXPECT_EQ(sqlca(0, nullptr, 1), 0);
@@ -156,9 +151,8 @@ TEST_F(TranSet, SqlcaInADbioCallThenATimeoutThereAfterWhichOnlyTheSettersWork) {
     // A time-out in the call is counted from its start, and names it.
     std::snprintf(call.module_nm, sizeof call.module_nm, "acct_mod");
     std::snprintf(call.source_nm, sizeof call.source_nm, "acct.pc");
-    call.line_no = 42;
     const time_t start = std::time(nullptr) - 3;
-    call.start_tv = timeval{start, 123456};
+    call.line_no = 42, call.start_tv = timeval{start, 123456};
     std::tm tm{};
     ASSERT_NE(localtime_r(&start, &tm), nullptr);
     expect_timeout_notice(start, fmt("[#2-B7] DBIO_SELECT at acct_mod (acct.pc::00042)[%02d:%02d:%02d.123456]",
@@ -167,8 +161,7 @@ TEST_F(TranSet, SqlcaInADbioCallThenATimeoutThereAfterWhichOnlyTheSettersWork) {
     // on, but the SQL error event and a second notice are refused on the way
     // out, so the notice stays recorded once.
     EXPECT_EQ(TRAN_SET_TIME(-1), VARNIX_RC_SVC_TIMEOUT);
-    EXPECT_EQ(TRAN_SET_DBIO_STS(-1, 3), 0);
-    EXPECT_EQ(TRAN_SET_FETCH_INFO(-1, 4, 100, 1), 0);
+    EXPECT_EQ(TRAN_SET_DBIO_STS(-1, 3) + TRAN_SET_FETCH_INFO(-1, 4, 100, 1), 0);
     EXPECT_EQ(fmt("%d %d", e_->dbio_sts, e_->fetch_cnt), "3 1");
     EXPECT_EQ(TRAN_CHECK_SQL_TIME(-1, -1), -1);
     EXPECT_EQ(sqlca(-1, "after time-out", 1), 0);
