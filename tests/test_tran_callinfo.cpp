@@ -43,8 +43,7 @@ protected:
 TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
     const std::string date_time = std::string(kFinishDate) + " " + kFinishTime + " ";
     const CALL_LVL& l = level(0);
-    std::memcpy(e_->db_user, "scott", 6);
-    std::memcpy(e_->db_sid, "ORCL", 5);
+    std::memcpy(e_->db_user, "scott", 6), std::memcpy(e_->db_sid, "ORCL", 5);
     ASSERT_EQ(call_start("DBIO_select", "m", "dbio.pc", 3), 0);
     e_->sql_code = -1403;
     e_->fetch_last[0] = 7, e_->fetch_last[1] = 12345, e_->fetch_last[2] = 88;
@@ -55,8 +54,7 @@ TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
                                              "fetch 7 rows (12.345 ms) DB scott/ORCL",
                          350) +
                   " ");
-    // The next start clears the SQL and fetch state; the later finish at the
-    // same level has no blank before the fetch time.
+    // The next start clears the SQL and fetch state; a later finish at the level has no blank before the time.
     ASSERT_EQ(call_start("DBIO_update"), 0);
     EXPECT_EQ(e_->fetch_last[0] + e_->fetch_last[1] + e_->fetch_last[2], 0);
     e_->fetch_last[1] = 12005, e_->fetch_last[2] = 9;
@@ -65,16 +63,13 @@ TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
               "scott/ORCL");
 
     ASSERT_EQ(call_start("biz_func", "start_mod", "start.c", 7, 0), 0);
-    EXPECT_EQ(levels(), "lvl 1 depth 1 calls 3");
-    EXPECT_EQ(e_->dbio_sts, 0);
+    EXPECT_EQ(levels() + fmt(" %d", e_->dbio_sts), "lvl 1 depth 1 calls 3 0");
     age(*e_, 0, 2 * kSecond + 250000);
     m = sent(call_finish("biz_func", -3, "SVC", "fin_mod", "fin.c", 42));
-    EXPECT_EQ(body_len(m), 548u);
     EXPECT_EQ(body_field(m, 0, 548),
               header_of(m, *cxt_, {'C', "CL", "D", kCallGid, kCallSvc, "", date_time}) +
                   padded(times_text(true) + "[SVC][biz_func at fin_mod (fin.c::00042){3}]#RC -3", 350) + " ");
-    EXPECT_EQ(levels(), "lvl 0 depth 0 calls 3");
-    EXPECT_EQ(fmt("%d %d", l.rc, e_->last_fin_lvl), "-3 1");
+    EXPECT_EQ(levels() + fmt(" %d %d", l.rc, e_->last_fin_lvl), "lvl 0 depth 0 calls 3 -3 1");
 }
 
 TEST_F(CallInfo, DbioSignatureDecidesTheKind) {
@@ -118,8 +113,7 @@ TEST_F(CallInfo, CallsDeeperThanTheDepthLimitAreNotTraced) {
 // Calls below their limit send nothing, unless an error return code forces
 // a record.
 TEST_F(CallInfo, LimitsAndErrorReturnCodesThatForceRecordsOncePerService) {
-    TestIpc::get().que_info().fst_err_rc_set[5] = 2;
-    TestIpc::get().que_info().fst_err_rc_set[6] = 1;
+    TestIpc::get().que_info().fst_err_rc_set[5] = 2, TestIpc::get().que_info().fst_err_rc_set[6] = 1;
     const int64_t hour = 3600 * kSecond;
     e_->call_trc_limit = e_->dbio_trc_limit = hour;
 
@@ -198,13 +192,11 @@ TEST_F(CallInfo, NestingAndDepthErrorsAndCallsOutsideAService) {
     EXPECT_EQ(call_finish("DBIO_x"), VARNIX_RC_SVC_DEPTH);
     cxt_->service_depth = 11;
     EXPECT_EQ(call_start("f"), VARNIX_RC_SVC_DEPTH);
-    cxt_->service_depth = 1;
-    cxt_->log_bit = 3;
+    cxt_->service_depth = 1, cxt_->log_bit = 3;
     EXPECT_EQ(call_start("f"), VARNIX_RC_NO_SERVICE);
     EXPECT_EQ(call_finish("f"), VARNIX_RC_NO_SERVICE);
     EXPECT_EQ(e_->total_call_cnt, 0);
-    // Records of a class switched off are refused before anything else.
-    cxt_->log_bit = 1;
+    cxt_->log_bit = 1;  // records of a class switched off are refused before anything else
     TestIpc::get().que_info().log_flag_set = get_log_flag_set("SEVBIXQ");
     EXPECT_EQ(call_start("f"), VARNIX_RC_CLASS_OFF);
     EXPECT_EQ(call_start("DBIO_x"), 0);
@@ -222,7 +214,6 @@ TEST_F(CallInfo, AbsentAndOverlongTexts) {
     EXPECT_EQ(body_field(m, 0, 197), header_of(m, *cxt_, {'C', "", "", kCallGid, kCallSvc, "", ""}));
     EXPECT_EQ(parse_call_text(m).rest, "[METHOD][ at  (::00000){2}]#RC 0");
 
-    // Over-long names are cut in the level; the text is cut at 350.
     const std::string func(100, 'f'), module(200, 'm'), source(300, 's'), label(400, 'L');
     ASSERT_EQ(call_start(func.c_str(), module.c_str(), source.c_str(), 1, 0), 0);
     EXPECT_EQ(fmt("%zu %zu %zu", strlen(level(0).func_nm), strlen(level(0).module_nm), strlen(level(0).source_nm)),
@@ -247,8 +238,7 @@ TEST_F(CallInfo, FilteredDbioRecordsAreSuppressedByTheValidationMark) {
     open_call("DBIO_q", kSecond);
     e_->sql_rec_cnt = 2;
     EXPECT_EQ(call_finish("DBIO_q"), VARNIX_RC_FILTERED);
-    EXPECT_EQ(e_->sql_rec_cnt, 2);  // no record, so no SQL texts either
-    EXPECT_EQ(levels(), "lvl 0 depth 0 calls 1");
+    EXPECT_EQ(levels() + fmt(" %d", e_->sql_rec_cnt), "lvl 0 depth 0 calls 1 2");  // no record, so no SQL texts
     // Measured and summed all the same; BIZCALL records of the service still go.
     EXPECT_GE(e_->call_elapsed_sum, kSecond);
     EXPECT_EQ(e_->call_elapsed_sum, level(0).dbio_sum);
