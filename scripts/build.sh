@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# build.sh BUILD_DIR [SANITIZERS]: configures and builds the project.
+# build.sh BUILD_DIR [SANITIZERS]: configures and builds the project; a warning
+# fails the build.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 dir="$1"
 sanitize="${2:-}"
-cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARNIX_SANITIZE="$sanitize" >/dev/null
+cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARNIX_WERROR=ON -DVARNIX_SANITIZE="$sanitize" >/dev/null
 cmake --build "$dir" -j"$(nproc)"

@@ -12,7 +12,7 @@ targets=(fuzz_api fuzz_readcfg fuzz_hcut)
 
 "$root/scripts/deps.sh" clang-14 libclang-rt-14-dev
 cmake -S "$root" -B "$dir" -DVARNIX_FUZZ=ON -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARNIX_WERROR=ON >/dev/null
 cmake --build "$dir" -j2
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"

@@ -72,7 +72,7 @@ TEST_F(LogPrintf, MessagesBeforeAnyDirectoryAreDropped) {
     EXPECT_EQ(log_printf("(I) too early %d", 42), 16);
     check_day();
     EXPECT_EQ(open_log(nullptr, nullptr, 0), -1);
-    EXPECT_FALSE(std::filesystem::exists("/" + log_name("libvarnix")));
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::path("/") / log_name("libvarnix")));
 }
 
 TEST_F(LogPrintf, WritesOneStampedLinePerMessageCutTo4095BytesAndRefusesBadPlaces) {

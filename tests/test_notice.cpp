@@ -122,7 +122,8 @@ TEST_F(TranNotice, ConcurrentThreadsEachRecordArrivesOnce) {
     std::atomic<int> failures{0};
     ThreadGroup senders(kThreads, [&](int t) {
         for (int i = 0; i < kEach; ++i) {
-            const std::string gid = "T" + std::to_string(t), text = std::to_string(t) + ":" + std::to_string(i);
+            const std::string gid = std::string("T").append(std::to_string(t)),
+                              text = std::to_string(t).append(":").append(std::to_string(i));
             int rc;
             while ((rc = send(TRAN_EVENT, with_gid(gid, text.c_str()))) == VARNIX_RC_SEND_FAIL)
                 std::this_thread::yield();

@@ -83,9 +83,13 @@ TEST_F(ReadCfg, KeywordIsTheWholeFirstWordOfALineThatIsNoComment) {
 
 // fgets reads a line of more than 255 characters in pieces, each a line of its own.
 TEST_F(ReadCfg, LongLinesAreReadInPiecesAndOverlongWordsAreBounded) {
-    auto tok = [](int i) { return "tok" + std::string(i < 10 ? "0" : "") + std::to_string(i) + std::string(15, 'a'); };
+    auto tok = [](int i) {
+        char head[8];
+        std::snprintf(head, sizeof head, "tok%02d", i);
+        return std::string(head).append(15, 'a');
+    };
     std::string longv = "LONGV =";  // 8 characters with the first blank: 247 of the value fit the first piece
-    for (int i = 1; i <= 16; ++i) longv += " " + tok(i);
+    for (int i = 1; i <= 16; ++i) longv.append(" ").append(tok(i));
     std::string filler = "#" + std::string(254, 'x');
     std::string k64(64, 'K'), k63(63, 'K'), w63(63, 'W');
     std::string p = write("[TRAN_LOGF]\n" + filler + "HIDDEN = 7\n"              // 1, 2, 3
