@@ -1,56 +1,68 @@
-// varnix-ipc-clean: removes System V objects left behind in the project's own
-// key range by processes that no longer exist (a test that crashed, a demo
-// that was killed).  Objects of live processes and every object outside the
-// range are never touched.
-#include <sys/ipc.h>
-#include <sys/msg.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
+// varnix-ipc-clean: removes the System V objects that processes of this
+// project (a test that crashed, a fuzz target stopped by a finding, a demo
+// that was killed) created through the collector kit and left behind.
+//
+// It trusts nothing but the manifests of the current user (collector/
+// manifest.h): an object is removed only when a manifest lists it, the
+// process that wrote the manifest is gone, the object's key is still the
+// listed one and lies in that process's own key block, and the current user
+// both created and owns it.  The manifest is deleted afterwards.  Everything
+// else, other users' objects included, is never touched.
+#include <dirent.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <string>
 
 #include "collector/kit.h"
+#include "collector/manifest.h"
 
 namespace {
 
+using varnix::kit::IpcObject;
+
 bool alive(pid_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 
-// Walks /proc/sysvipc/<kind> ("key id ..." per line) and removes the dead
-// owners' objects with `rm`; the number removed.
-template <typename Remove>
-int sweep(const char* kind, Remove rm) {
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/sysvipc/%s", kind);
-    std::FILE* fp = std::fopen(path, "r");
-    if (!fp) return 0;
-    char line[512];
+bool provably_left_by(const IpcObject& obj, pid_t creator) {
+    varnix::kit::IpcOwner owner{};
+    const uid_t me = geteuid();
+    return varnix::kit::owner_of_key(obj.key) == creator % varnix::kit::kMaxPid &&
+           varnix::kit::stat_object(obj, owner) && owner.key == obj.key && owner.uid == me && owner.cuid == me;
+}
+
+// Removes what the manifest at `path` proves to be left over and deletes the
+// manifest; the number of objects removed (0 when its creator still runs).
+int clean(const std::string& path) {
+    varnix::kit::Manifest m;
+    if (!varnix::kit::read_manifest(path, m) || alive(m.creator)) return 0;
     int removed = 0;
-    if (!std::fgets(line, sizeof line, fp)) {  // column titles
-        std::fclose(fp);
-        return 0;
+    for (const IpcObject& obj : m.objects) {
+        if (!provably_left_by(obj, m.creator) || varnix::kit::remove_object(obj) != 0) continue;
+        std::printf("removed id %d (key 0x%x) of pid %d\n", obj.id, static_cast<unsigned>(obj.key), m.creator);
+        ++removed;
     }
-    while (std::fgets(line, sizeof line, fp)) {
-        long key = 0, id = 0;
-        if (std::sscanf(line, "%ld %ld", &key, &id) != 2) continue;
-        pid_t owner = varnix::kit::owner_of_key(static_cast<key_t>(key));
-        if (owner <= 0 || alive(owner)) continue;
-        if (rm(static_cast<int>(id)) == 0) {
-            std::printf("removed %s id %ld (key 0x%lx, pid %d gone)\n", kind, id, key, owner);
-            ++removed;
-        }
-    }
-    std::fclose(fp);
+    if (unlink(path.c_str()) != 0) std::perror(path.c_str());
     return removed;
 }
 
 }  // namespace
 
 int main() {
-    int n = sweep("shm", [](int id) { return shmctl(id, IPC_RMID, nullptr); });
-    n += sweep("sem", [](int id) { return semctl(id, 0, IPC_RMID); });
-    n += sweep("msg", [](int id) { return msgctl(id, IPC_RMID, nullptr); });
+    const std::string dir = varnix::kit::manifest_dir();
+    DIR* d = dir.empty() ? nullptr : opendir(dir.c_str());
+    if (!d) {
+        std::fprintf(stderr, "varnix-ipc-clean: no usable manifest directory /tmp/varnix-ipc-%u\n",
+                     static_cast<unsigned>(geteuid()));
+        return 1;
+    }
+    int n = 0;
+    while (const dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.') n += clean(dir + "/" + e->d_name);
+    }
+    closedir(d);
     std::printf("varnix-ipc-clean: %d leftover object(s) removed\n", n);
     return 0;
 }

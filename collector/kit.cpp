@@ -1,5 +1,7 @@
 #include "collector/kit.h"
 
+#include "collector/manifest.h"
+
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
@@ -52,6 +54,7 @@ void* attach_new_shm(key_t key, size_t size, int& id, const char* name) {
                      std::strerror(errno));
         return nullptr;
     }
+    list_created({{IpcObject{IpcKind::shm, id, key}}});
     void* addr = shmat(id, nullptr, 0);
     if (addr == reinterpret_cast<void*>(-1)) {
         std::fprintf(stderr, "[kit] shmat %s: %s\n", name, std::strerror(errno));
@@ -62,6 +65,7 @@ void* attach_new_shm(key_t key, size_t size, int& id, const char* name) {
 
 int new_free_sem(key_t key, int& id) {
     id = semget(key, 1, kCreatePerm);
+    if (id >= 0) list_created({{IpcObject{IpcKind::sem, id, key}}});
     if (id < 0 || semctl(id, 0, SETVAL, 1) < 0) {
         std::fprintf(stderr, "[kit] semaphore (key 0x%x): %s\n", static_cast<unsigned>(key), std::strerror(errno));
         return -1;
@@ -132,8 +136,19 @@ bool write_file(const std::string& path, const std::string& text) {
 
 int create_queue(key_t key) {
     int id = msgget(key, kCreatePerm);
-    if (id < 0) std::fprintf(stderr, "[kit] msgget (key 0x%x): %s\n", static_cast<unsigned>(key), std::strerror(errno));
+    if (id < 0) {
+        std::fprintf(stderr, "[kit] msgget (key 0x%x): %s\n", static_cast<unsigned>(key), std::strerror(errno));
+        return -1;
+    }
+    list_created({{IpcObject{IpcKind::msg, id, key}}});
     return id;
+}
+
+int remove_queue(int id) {
+    const IpcObject queue{IpcKind::msg, id, 0};
+    if (remove_object(queue) != 0) return -1;
+    unlist_removed({{queue}});
+    return 0;
 }
 
 int Collector::create_que_info(const char* cfg) {
@@ -196,17 +211,30 @@ int Collector::create(const char* cfg_path) {
     return 0;
 }
 
-void remove_ids(const Collector::Ids& ids) {
+namespace {
+
+// Calls f for each object of `ids` (keys are not kept: 0).
+template <typename F>
+void for_each_object(const Collector::Ids& ids, F f) {
     for (int shm : {ids.que_info_shm, ids.svc_shm, ids.ptrc_shm})
-        if (shm >= 0) shmctl(shm, IPC_RMID, nullptr);
+        if (shm >= 0) f(IpcObject{IpcKind::shm, shm, 0});
     for (int sem : {ids.svc_sem, ids.ptrc_sem})
-        if (sem >= 0) semctl(sem, 0, IPC_RMID);
+        if (sem >= 0) f(IpcObject{IpcKind::sem, sem, 0});
     for (int q : ids.msgq)
-        if (q >= 0) msgctl(q, IPC_RMID, nullptr);
+        if (q >= 0) f(IpcObject{IpcKind::msg, q, 0});
+}
+
+}  // namespace
+
+void remove_ids(const Collector::Ids& ids) {
+    for_each_object(ids, [](const IpcObject& o) { remove_object(o); });
 }
 
 void Collector::remove() {
+    std::vector<IpcObject> removed;
+    for_each_object(ids_, [&](const IpcObject& o) { removed.push_back(o); });
     remove_ids(ids_);
+    if (!removed.empty()) unlist_removed(removed);
     for (void* addr : {static_cast<void*>(que_info_), static_cast<void*>(svc_), static_cast<void*>(ptrc_)})
         if (addr) shmdt(addr);
     ids_ = Ids{};

@@ -56,9 +56,12 @@ std::string config_text(const AgentConfig& conf);
 bool write_file(const std::string& path, const std::string& text);
 
 // A new message queue of the kind the collector creates (exclusive, 0666),
-// owned by the caller, who removes it; the id, or -1 with a message on
-// standard error.
+// owned by the caller, who removes it with remove_queue; the id, or -1 with a
+// message on standard error.  Like every object the kit creates, it is listed
+// in this process's manifest (collector/manifest.h) until it is removed.
 int create_queue(key_t key);
+// Removes a queue made by create_queue; 0, or -1 with errno.
+int remove_queue(int id);
 
 class Collector {
 public:

@@ -15,7 +15,7 @@ cmake --build "$dir" -j2 --target varnix-bench varnix-ipc-clean
 bench="$dir/bench/varnix-bench"
 out="$(mktemp -d /tmp/varnix-callgrind-XXXXXX)"
 # A run killed half-way cannot remove its collector: varnix-ipc-clean removes
-# the IPC objects of dead processes in the project's key range.
+# the IPC objects that the manifests of dead kit processes list.
 trap 'rm -rf "$out"; "$dir/collector/varnix-ipc-clean" >/dev/null 2>&1 || true' EXIT
 
 printf '%-14s %14s %8s %6s\n' entry instr/call records fail

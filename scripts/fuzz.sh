@@ -38,7 +38,7 @@ for t in "${targets[@]}"; do
   fi
 done
 # A target killed by a finding cannot remove its collector; this removes the
-# IPC objects of every dead process in the project's key range.
+# IPC objects that the manifests of dead kit processes list.
 "$dir/collector/varnix-ipc-clean" || true
 if ((${#failed[@]})); then
   echo "fuzzing found problems in: ${failed[*]}"

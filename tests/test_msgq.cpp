@@ -37,7 +37,7 @@ struct ScratchQueue {
     const key_t key = kit::keys_for_pid(getpid()).msgq + VARNIX_MAX_QUE_CNT - 1;
     int id = kit::create_queue(key);
     ~ScratchQueue() {
-        if (id >= 0) remove_msgq(id);
+        if (id >= 0) kit::remove_queue(id);
     }
 };
 
