@@ -84,7 +84,7 @@ TEST_F(ReadCfg, KeywordIsTheWholeFirstWordOfALineThatIsNoComment) {
 // fgets reads a line of more than 255 characters in pieces, each a line of its own.
 TEST_F(ReadCfg, LongLinesAreReadInPiecesAndOverlongWordsAreBounded) {
     auto tok = [](int i) {
-        char head[8];
+        char head[16];
         std::snprintf(head, sizeof head, "tok%02d", i);
         return std::string(head).append(15, 'a');
     };
