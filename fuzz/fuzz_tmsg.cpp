@@ -13,8 +13,6 @@
 // After each input the table, the control block and the thread's service
 // state are put back and the queues drained, so every input starts alike.
 // Captured telegrams go to /dev/null: the data file is a link to it.
-#include <fcntl.h>
-#include <sanitizer/common_interface_defs.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -24,10 +22,10 @@
 #include <memory>
 #include <string>
 
-#include "collector/session.h"
 #include "context/mtr_cxt.h"
 #include "core/gvar.h"
 #include "fuzz/byte_reader.h"
+#include "fuzz/fuzz_session.h"
 #include "varnix.h"
 
 namespace {
@@ -95,19 +93,10 @@ void settle() {
     drain();
 }
 
-void on_death() {
-    if (session) session->remove();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    int null_fd = open("/dev/null", O_WRONLY);
-    if (null_fd < 0 || dup2(null_fd, STDOUT_FILENO) < 0) std::abort();
-    close(null_fd);
-    session = varnix::kit::Session::start("varnix-fuzz-tmsg");
-    if (!session) std::abort();
-    __sanitizer_set_death_callback(on_death);
+    session = &varnix::fuzz::start_fuzz_session("varnix-fuzz-tmsg");
     std::memcpy(&saved_que_info, session->collector().que_info(), sizeof saved_que_info);
     for (size_t i = 0; i < kEntries; ++i) std::memcpy(saved_table[i], kTable[i], sizeof saved_table[i]);
     if (TRAN_INIT() != 0 || !capture_to_null()) std::abort();
