@@ -26,12 +26,12 @@ constexpr int kColumns = 22;
 constexpr int kFlagColumn = 0;
 constexpr int kBranchColumn = 1;
 constexpr int kTmsgLenColumn = 8;
-constexpr int kGidWidth = 32;           // a record's GID field: how far a GID without length is read
+constexpr int kGidWidth = 32;  // a record's GID field: how far a GID without length is read
 constexpr int kGidPrinted = 30;
-constexpr int kSnapshotKeyMax = 15;     // the longest trade code a snapshot is armed with
-constexpr int kSvcIdMeasureMax = 64;    // a service id without length: further than any field shows
-constexpr int kCountMax = 99;           // counts have two digits
-constexpr int32_t kWalkAfterLen = 1084; // only a longer telegram carries the error-message part
+constexpr int kSnapshotKeyMax = 15;      // the longest trade code a snapshot is armed with
+constexpr int kSvcIdMeasureMax = 64;     // a service id without length: further than any field shows
+constexpr int kCountMax = 99;            // counts have two digits
+constexpr int32_t kWalkAfterLen = 1084;  // only a longer telegram carries the error-message part
 constexpr int8_t kCaptureStart = 100;
 constexpr int8_t kCaptureEnd = 101;
 
@@ -39,17 +39,18 @@ constexpr int8_t kCaptureEnd = 101;
 // tail; null where a column is built otherwise or absent.
 using TableEntry = int32_t[2];
 const TableEntry* const kColumnEntry[kColumns] = {
-    nullptr,           nullptr,          &_CHNL_TYP_CD,       &_RECV_SVC_CD,      &_SCRN_ID,          &_EMP_NO,
-    &_PROC_RSLT_DV_CD, &_STD_TMSG_ERR_CD, &_STD_TMSG_LEN,     &_IPV6_ADR,         &_FST_TRMS_SYS_CD,  &_TRMS_SYS_CD,
-    &_RQST_RSPS_DV_CD, &_TRSC_SYNC_DV_CD, &_RSLT_RECV_SVC_CD, &_EAI_INTF_ID,      &_DSBL_SYS_CD,      &_OTSD_INST_CD,
-    &_OTSD_BIZ_CD,     &_FST_TRMS_MDCL_CTT, nullptr,          nullptr,
+    nullptr,           nullptr,           &_CHNL_TYP_CD,     &_RECV_SVC_CD,     &_SCRN_ID,
+    &_EMP_NO,          &_PROC_RSLT_DV_CD, &_STD_TMSG_ERR_CD, &_STD_TMSG_LEN,    &_IPV6_ADR,
+    &_FST_TRMS_SYS_CD, &_TRMS_SYS_CD,     &_RQST_RSPS_DV_CD, &_TRSC_SYNC_DV_CD, &_RSLT_RECV_SVC_CD,
+    &_EAI_INTF_ID,     &_DSBL_SYS_CD,     &_OTSD_INST_CD,    &_OTSD_BIZ_CD,     &_FST_TRMS_MDCL_CTT,
+    nullptr,           nullptr,
 };
 
 // The fixed layout of the older telegram.  Its fields have no lengths: each
 // is read up to its column's width or a NUL.
 namespace fixed {
-constexpr int kColumnAt[kColumns] = {-1,  -1,  253, 160, 467, 386, 220, 236, -1,  43,  98,
-                                     102, 122, 124, 173, 186, 232, 514, 519, 560, -1,  -1};
+constexpr int kColumnAt[kColumns] = {-1,  -1,  253, 160, 467, 386, 220, 236, -1,  43, 98,
+                                     102, 122, 124, 173, 186, 232, 514, 519, 560, -1, -1};
 constexpr int kGid = 10;
 constexpr int kGidCompared = 30;
 constexpr int kGroupCompany = 402, kGroupCompanyLen = 2;
@@ -156,7 +157,8 @@ private:
         const Text br = t.span(fixed::kBranch, fixed::kBranchLen);
         std::memcpy(branch_, grco.p, static_cast<size_t>(grco.len));
         std::memcpy(branch_ + grco.len, br.p, static_cast<size_t>(br.len));
-        cols_[kBranchColumn] = {branch_, static_cast<int32_t>(strnlen(branch_, static_cast<size_t>(grco.len + br.len)))};
+        cols_[kBranchColumn] = {branch_,
+                                static_cast<int32_t>(strnlen(branch_, static_cast<size_t>(grco.len + br.len)))};
     }
     // The 32-bit binary length the fixed layout starts with; blank when the
     // telegram is shorter than that.
@@ -331,9 +333,16 @@ int tran_endx(const StdCall& c) {
 StdCall std_call(int32_t tid, const char* cls_cd, int32_t cls_cd_len, const char* dtl_cd, int32_t dtl_cd_len,
                  const char* gid, int32_t gid_len, const char* svc_id, int32_t svc_id_len, const char* tmsg,
                  int32_t tmsg_len, int32_t std_tmsg, int32_t tmsg_flag) {
-    return StdCall{tid,          {cls_cd, cls_cd_len},        {dtl_cd, dtl_cd_len}, {gid, gid_len},
-                   {svc_id, svc_id_len}, tmsg, TmsgView(tmsg, tmsg_len), std_tmsg != 0,
-                   tmsg_flag != 0 ? '1' : '0', svc_string({svc_id, svc_id_len})};
+    return StdCall{tid,
+                   {cls_cd, cls_cd_len},
+                   {dtl_cd, dtl_cd_len},
+                   {gid, gid_len},
+                   {svc_id, svc_id_len},
+                   tmsg,
+                   TmsgView(tmsg, tmsg_len),
+                   std_tmsg != 0,
+                   tmsg_flag != 0 ? '1' : '0',
+                   svc_string({svc_id, svc_id_len})};
 }
 
 }  // namespace

@@ -82,10 +82,11 @@ void show_captured(const std::string& dir) {
             std::FILE* fp = std::fopen(f.path().c_str(), "r");
             char entry[718];
             for (int i = 0; fp && std::fread(entry, 1, sizeof entry, fp) == sizeof entry; ++i)
-                std::printf("--- captured entry %d of %s\n  GID %.30s time %.16s host %.20s flag %c length %.6s\n"
-                            "  telegram |%.60s...|\n",
-                            i + 1, f.path().filename().c_str(), entry, entry + 30, entry + 46, entry[110], entry + 111,
-                            entry + 117);
+                std::printf(
+                    "--- captured entry %d of %s\n  GID %.30s time %.16s host %.20s flag %c length %.6s\n"
+                    "  telegram |%.60s...|\n",
+                    i + 1, f.path().filename().c_str(), entry, entry + 30, entry + 46, entry[110], entry + 111,
+                    entry + 117);
             if (fp) std::fclose(fp);
             return;
         }
@@ -144,9 +145,10 @@ int run(const std::string& home) {
     int rc_of[6] = {};
     pthread_t th;
     if (pthread_create(&th, nullptr, worker, rc_of) != 0 || pthread_join(th, nullptr) != 0) return 1;
-    std::printf("a worker thread: TRAN_START %d, nested TRAN_START %d, TRAN_ERROR %d, TRAN_END %d, TRAN_END %d, "
-                "TRAN_EVENT %d (each the queue that carried the record)\n",
-                rc_of[0], rc_of[1], rc_of[2], rc_of[3], rc_of[4], rc_of[5]);
+    std::printf(
+        "a worker thread: TRAN_START %d, nested TRAN_START %d, TRAN_ERROR %d, TRAN_END %d, TRAN_END %d, "
+        "TRAN_EVENT %d (each the queue that carried the record)\n",
+        rc_of[0], rc_of[1], rc_of[2], rc_of[3], rc_of[4], rc_of[5]);
     std::printf("TRAN_ERRINFO() outside a service = %d\n",
                 TRAN_ERRINFO(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
                              "1105", -1, nullptr, 0, nullptr, 0, "no service is open", -1));

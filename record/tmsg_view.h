@@ -21,7 +21,10 @@ public:
     // len < 0: up to the first NUL, at most kTmsgMeasureMax bytes.  A null
     // telegram has no bytes.
     TmsgView(const char* p, int32_t len)
-        : p_(p), n_(!p ? 0 : len >= 0 ? len : static_cast<int32_t>(strnlen(p, kTmsgMeasureMax))) {}
+        : p_(p),
+          n_(!p         ? 0
+             : len >= 0 ? len
+                        : static_cast<int32_t>(strnlen(p, kTmsgMeasureMax))) {}
 
     const char* data() const { return p_; }
     int32_t size() const { return n_; }

@@ -27,8 +27,11 @@ std::string telegram(size_t n, const std::vector<std::pair<const int32_t*, std::
 
 // A failed response of n bytes: result 9, data kind "EM", one item, one message and two additional ones.
 std::string failed_telegram(size_t n) {
-    std::string t = telegram(n, {{_GLBL_ID, kTmsgGid}, {_CHNL_TYP_CD, "ICC"}, {_RECV_SVC_CD, "RECV-SVC-001"},
-                                 {_PROC_RSLT_DV_CD, "9"}, {_STD_TMSG_DAT_KIND_CD, "EM"}});
+    std::string t = telegram(n, {{_GLBL_ID, kTmsgGid},
+                                 {_CHNL_TYP_CD, "ICC"},
+                                 {_RECV_SVC_CD, "RECV-SVC-001"},
+                                 {_PROC_RSLT_DV_CD, "9"},
+                                 {_STD_TMSG_DAT_KIND_CD, "EM"}});
     const std::string part = "01" + padded("ITEM", 20) + "01" + "MSG000001" + kMessage.substr(12) + "02" + "ADD000001" +
                              padded("first addition", 200) + "ADD000002" + padded("second addition", 200);
     return t.replace(561, std::min(part.size(), n - 561), part.substr(0, n - 561));
@@ -79,21 +82,25 @@ protected:
 // snapshot armed by a trade code longer than the channel column.  The failed "EM" end: error, error information,
 // two information records, end, and the snapshot's completion.
 TEST_F(TranStdmsg, InternalChannelAndAFailedEndWithItsMessages) {
-    std::string tel = telegram(700, {{_GLBL_ID, kTmsgGid}, {_TRSC_GRCO_CD, "KB"}, {_TRSC_BR_NO, "0001"},
-                                     {_CHNL_TYP_CD, "ICCSNAP00001"}, {_PROC_RSLT_DV_CD, "0"},
-                                     {_STD_TMSG_LEN, "00000700"}, {_FST_TRMS_MDCL_CTT, "medium"}});
+    std::string tel = telegram(700, {{_GLBL_ID, kTmsgGid},
+                                     {_TRSC_GRCO_CD, "KB"},
+                                     {_TRSC_BR_NO, "0001"},
+                                     {_CHNL_TYP_CD, "ICCSNAP00001"},
+                                     {_PROC_RSLT_DV_CD, "0"},
+                                     {_STD_TMSG_LEN, "00000700"},
+                                     {_FST_TRMS_MDCL_CTT, "medium"}});
     e_->snapshot_state = 1, std::memcpy(e_->snapshot_tr_cd, "ICCSNAP00001", 13);
     EXPECT_EQ(stdx(TRAN_STARTX, kCallerGid, "ACCT_INQUIRY", tel), 0);
     std::vector<TRAN_LOG_MSG> r = take();
     ASSERT_EQ(types(r), "II1");
     EXPECT_EQ(body_field(r[0], 7, 32), kCallerGid);
-    EXPECT_EQ(text_of(r[0]), padded("C/C Transaction Created [ GID '" + kTmsgGid.substr(0, 30) +
-                                        "', Service ACCT_INQU ]", 350));
+    EXPECT_EQ(text_of(r[0]),
+              padded("C/C Transaction Created [ GID '" + kTmsgGid.substr(0, 30) + "', Service ACCT_INQU ]", 350));
     EXPECT_EQ(body_field(r[1], 7, 32), kTmsgGid);
     EXPECT_EQ(text_of(r[1]),
               padded("Linked C/C Main Service Transaction Exist [ GID '" + kCallerGid.substr(0, 30) + "' ]", 350));
-    EXPECT_EQ(body_field(r[2], 0, 222), header_of(r[2], *cxt_, {'1', "CL", "D", kTmsgGid, "ACCT_INQU", "", ""}) +
-                                            "0000000000 0000000000 01 ");
+    EXPECT_EQ(body_field(r[2], 0, 222),
+              header_of(r[2], *cxt_, {'1', "CL", "D", kTmsgGid, "ACCT_INQU", "", ""}) + "0000000000 0000000000 01 ");
     EXPECT_EQ(body_field(r[2], 222, 204), "1 KB0001 ICC " + std::string(31, ' ') + "0 " + std::string(10, ' ') +
                                               "00000700 " + std::string(95, ' ') + padded("medium", 39) + "     ");
     EXPECT_EQ(e_->snapshot_state, 2);
@@ -120,8 +127,8 @@ TEST_F(TranStdmsg, MovedChannelShortErrorTelegramAndGateway) {
         EXPECT_EQ(stdx(TRAN_STARTX, kCallerGid, "SVC-MOVED", tel), 0);
         std::vector<TRAN_LOG_MSG> r = take();
         ASSERT_EQ(types(r), "II1");
-        EXPECT_EQ(text_of(r[0]), padded("New Transaction Created [ GID '" + kTmsgGid.substr(0, 30) +
-                                            "', Service SVC-MOVED ]", 350));
+        EXPECT_EQ(text_of(r[0]),
+                  padded("New Transaction Created [ GID '" + kTmsgGid.substr(0, 30) + "', Service SVC-MOVED ]", 350));
         EXPECT_EQ(text_of(r[1]),
                   padded("Linked Main Service Transaction Exist [ GID '" + kCallerGid.substr(0, 30) + "' ]", 350));
         EXPECT_EQ(std::string(body_field(r[2], 7, 32)) + std::string(body_field(r[2], 231, 4)), kCallerGid + "XYZ ");
@@ -150,18 +157,31 @@ TEST_F(TranStdmsg, BadTelegramsAndTables) {
         {"no telegram", nullptr, 1400, {}, {}, "1", "2"},
         {"no NUL, negative length", unterminated.data(), -1, {}, {}, "II1", "92"},
         {"count 99", failed.data(), 1400, {}, {{561, "99"}}, "1", "92"},
-        {"counts with blanks and other characters", failed.data(), 1400, {}, {{561, " 1"}, {583, "1x"}, {894, "-2"}},
-         "1", "9E2"},
+        {"counts with blanks and other characters",
+         failed.data(),
+         1400,
+         {},
+         {{561, " 1"}, {583, "1x"}, {894, "-2"}},
+         "1",
+         "9E2"},
         {"table past the end",
          failed.data(),
          1400,
-         {{_GLBL_ID, INT32_MAX, INT32_MAX}, {_CHNL_TYP_CD, -5, 3}, {_EMP_NO, 1398, INT32_MAX},
-          {_ERR_ORGN_ITEM_REPT_TCNT, 1400, 2}, {_RECV_SVC_CD, INT32_MIN, -1}},
+         {{_GLBL_ID, INT32_MAX, INT32_MAX},
+          {_CHNL_TYP_CD, -5, 3},
+          {_EMP_NO, 1398, INT32_MAX},
+          {_ERR_ORGN_ITEM_REPT_TCNT, 1400, 2},
+          {_RECV_SVC_CD, INT32_MIN, -1}},
          {{1398, "ZZ"}},
          "II1",
          "92",
          padded("", 27) + "ZZ      "},
-        {"item past the end", failed.data(), 1400, {{_ERR_ORGN_ITEM_NM, -1, INT32_MAX}, {_MSG_CD, -1, -9}}, {}, "1",
+        {"item past the end",
+         failed.data(),
+         1400,
+         {{_ERR_ORGN_ITEM_NM, -1, INT32_MAX}, {_MSG_CD, -1, -9}},
+         {},
+         "1",
          "92"},
     };
     for (const Case& c : cases) {

@@ -1,9 +1,8 @@
 // The full-message writer's data file as the tests read it.
 #pragma once
 
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
