@@ -141,6 +141,23 @@ TEST_F(TranStdmsg, MovedChannelShortErrorTelegramAndGateway) {
     EXPECT_EQ(cxt_->log_bit, 1);  // an end of TRAN_END would have made it 3
 }
 
+// The older fixed layout: its own offsets, fields read up to a NUL, the binary length as "%08d", the GID at 10 for
+// channel ICT; a failed result gets the error record but no message walk.
+TEST_F(TranStdmsg, FixedLayout) {
+    std::string tel(1400, ' ');
+    const int32_t n = 1400;
+    tel.replace(0, 4, reinterpret_cast<const char*>(&n), 4).replace(10, 32, kTmsgGid).replace(253, 3, "ICT");
+    tel.replace(402, 2, "KB").replace(405, 4, "0001").replace(160, 11, std::string("RECV\0HIDDEN", 11));
+    tel.replace(220, 1, "1").replace(512, 2, "EM");
+    EXPECT_EQ(stdx(TRAN_STARTX, kTmsgGid.c_str(), "SVC-FIXED", tel.data(), n, 0), 0);
+    std::vector<TRAN_LOG_MSG> r = take();
+    ASSERT_EQ(types(r), "1");
+    EXPECT_EQ(std::string(body_field(r[0], 7, 32)) + std::string(body_field(r[0], 222, 65)),
+              kTmsgGid + "1 KB0001 ICT RECV         " + padded("", 18) + "1 " + padded("", 10) + "00001400 ");
+    EXPECT_EQ(stdx(TRAN_ENDX, "OTHER-GID", "SVC-FIXED", tel.data(), n, 0), 0);
+    EXPECT_EQ(types(take()), "92");
+}
+
 // Telegrams and tables that lie: nothing is read past the telegram, and each call still traces.
 TEST_F(TranStdmsg, BadTelegramsAndTables) {
     const std::string failed = failed_telegram(1400);
