@@ -36,10 +36,10 @@ int front_end_service(const ServiceKind& kind, char log_type, const ServiceArgs&
     MTR_CXT_VAR* cp = nullptr;
     if (int rc = pinned_context(log_type, start ? kind.start_name : nullptr, a.tid, cp); rc != kOk) return rc;
     MTR_CXT_VAR& cxt = *cp;
-    // Only a start may arm a snapshot with its channel type.
-    const SnapshotKey key(start ? tail_at(a, kTailChnlTypCd) : Text{});
+    // Only a start may arm a snapshot.
+    const SnapshotKey key(a);
     if (int rc = trace_validate(cxt, log_type, api_of(kind, log_type), cxt.log_body, a.svc_id.p, a.svc_id.len,
-                                key.get());
+                                start ? key.get() : nullptr);
         rc != kOk)
         return rc;
     // Never timed: a preset start time is left for the next TRAN_START.

@@ -21,6 +21,10 @@ struct ServiceArgs {
     // The caller's columns after the depth field, in body order: 22 telegram
     // columns, or 8 telegram columns and 5 process-tracing or web fields.
     std::span<const Text> tail;
+    // What a start compares with a snapshot's trade code, when it is more
+    // than the channel type column: the telegram entries give the telegram's
+    // bytes from the channel type on, which may be longer than the column.
+    Text snapshot_key{};
 };
 
 // Index in the tail of the columns the entries themselves look at.
@@ -102,7 +106,8 @@ Printable printable_max(Text t, int cap, int max);
 // by what the caller gave, and terminated.
 class SnapshotKey {
 public:
-    explicit SnapshotKey(Text chnl);
+    // The start's snapshot key, else its channel type column.
+    explicit SnapshotKey(const ServiceArgs& a);
     const char* get() const { return set_ ? key_ : nullptr; }
 
 private:

@@ -116,7 +116,8 @@ void set_service_depth(MTR_CXT_VAR& cxt, int depth) {
     if (cxt.ptrc) cxt.ptrc->service_depth = static_cast<int8_t>(depth);
 }
 
-SnapshotKey::SnapshotKey(Text chnl) {
+SnapshotKey::SnapshotKey(const ServiceArgs& a) {
+    const Text chnl = a.snapshot_key.p ? a.snapshot_key : tail_at(a, kTailChnlTypCd);
     if (!chnl.p) return;
     Printable p = printable_max(chnl, kKeyMax, kKeyMax);
     std::memcpy(key_, p.p, static_cast<size_t>(p.len));

@@ -2,9 +2,10 @@
 // collector creates its IPC objects from a configuration file; the process
 // starts tracing against them, which announces it with event 1508; a worker
 // thread runs a service transaction with a nested, failing service and sends
-// an event of its own; the collector decodes what arrived and
-// shows the threads registered in its process-thread table; then tracing
-// stops and every object is removed.
+// an event of its own; a service is traced from its request and response
+// telegrams, which capture writes to the full-message file; the collector
+// decodes what arrived and shows the threads registered in its process-thread
+// table; then tracing stops and every object is removed.
 #include <pthread.h>
 #include <unistd.h>
 
@@ -57,6 +58,43 @@ void* worker(void* result) {
     return nullptr;
 }
 
+// A server that traces a service from its standard telegrams: request and
+// response go to the full-message file while capture is switched on.
+void trace_telegrams(kit::Collector& collector) {
+    collector.que_info()->tong_log_flag = '1';
+    std::string tel(600, ' ');
+    tel.replace(0, 8, "00000600").replace(9, 32, "20261123-TMSG-000000000000000001").replace(209, 3, "IBK");
+    tel.replace(132, 12, "ACCT_INQ").replace(188, 1, "0");
+    const char* gid = "20261123-TMSG-000000000000000001";
+    int start = TRAN_STARTX(-1, "DM", -1, "1", -1, gid, -1, "ACCT_TELEGRAM", -1, tel.data(), 600, 1, 1);
+    tel.replace(104, 1, "R");
+    int end = TRAN_ENDX(-1, "DM", -1, "1", -1, gid, -1, "ACCT_TELEGRAM", -1, tel.data(), 600, 1, 1);
+    std::printf("TRAN_STARTX %d, TRAN_ENDX %d with 600-byte standard telegrams, capture on\n", start, end);
+}
+
+// Each full-message entry: 117-byte header (GID, time, host, S/F, length),
+// the telegram, a line feed.  The writer thread appends them shortly after.
+void show_captured(const std::string& dir) {
+    for (int tries = 0; tries < 100; ++tries) {
+        std::error_code ec;
+        for (const auto& f : std::filesystem::directory_iterator(dir, ec)) {
+            if (f.file_size(ec) < 2 * 718) continue;
+            std::FILE* fp = std::fopen(f.path().c_str(), "r");
+            char entry[718];
+            for (int i = 0; fp && std::fread(entry, 1, sizeof entry, fp) == sizeof entry; ++i)
+                std::printf(
+                    "--- captured entry %d of %s\n  GID %.30s time %.16s host %.20s flag %c length %.6s\n"
+                    "  telegram |%.60s...|\n",
+                    i + 1, f.path().filename().c_str(), entry, entry + 30, entry + 46, entry[110], entry + 111,
+                    entry + 117);
+            if (fp) std::fclose(fp);
+            return;
+        }
+        usleep(20000);
+    }
+    std::printf("--- no full-message file appeared\n");
+}
+
 void show_records(const kit::Collector& collector) {
     TRAN_LOG_MSG m{};
     int q;
@@ -107,13 +145,16 @@ int run(const std::string& home) {
     int rc_of[6] = {};
     pthread_t th;
     if (pthread_create(&th, nullptr, worker, rc_of) != 0 || pthread_join(th, nullptr) != 0) return 1;
-    std::printf("a worker thread: TRAN_START %d, nested TRAN_START %d, TRAN_ERROR %d, TRAN_END %d, TRAN_END %d, "
-                "TRAN_EVENT %d (each the queue that carried the record)\n",
-                rc_of[0], rc_of[1], rc_of[2], rc_of[3], rc_of[4], rc_of[5]);
+    std::printf(
+        "a worker thread: TRAN_START %d, nested TRAN_START %d, TRAN_ERROR %d, TRAN_END %d, TRAN_END %d, "
+        "TRAN_EVENT %d (each the queue that carried the record)\n",
+        rc_of[0], rc_of[1], rc_of[2], rc_of[3], rc_of[4], rc_of[5]);
     std::printf("TRAN_ERRINFO() outside a service = %d\n",
                 TRAN_ERRINFO(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
                              "1105", -1, nullptr, 0, nullptr, 0, "no service is open", -1));
+    trace_telegrams(collector);
     show_records(collector);
+    show_captured(home + "/tong");
     show_threads(collector);
     std::printf("TRAN_DONE() = %d\n", TRAN_DONE());
     show_log(home + "/agt/log/proc/libvarnix");

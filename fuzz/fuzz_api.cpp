@@ -8,18 +8,15 @@
 // finding).  After each input the control block is put back, the calls and
 // services the input left open are closed and the queues are drained, so
 // that an input finds the same state whatever ran before it.
-#include <fcntl.h>
 #include <time.h>
-#include <sanitizer/common_interface_defs.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "collector/session.h"
 #include "core/gvar.h"
 #include "fuzz/api_ops.h"
+#include "fuzz/fuzz_session.h"
 #include "varnix.h"
 
 namespace {
@@ -118,21 +115,10 @@ void list_services(SVC_HASH_TBL& svc) {
     if (!varnix::kit::add_service(svc, listing)) std::abort();
 }
 
-void on_death() {
-    if (session) session->remove();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // The start banner goes to standard output; the fuzzer's own output does
-    // not.
-    int null_fd = open("/dev/null", O_WRONLY);
-    if (null_fd < 0 || dup2(null_fd, STDOUT_FILENO) < 0) std::abort();
-    close(null_fd);
-    session = varnix::kit::Session::start("varnix-fuzz-api");
-    if (!session) std::abort();
-    __sanitizer_set_death_callback(on_death);
+    session = &varnix::fuzz::start_fuzz_session("varnix-fuzz-api");
     // Room for the most one call can send at once (a DBIO finish with its
     // SQL texts), where permitted; otherwise such a call may see 105.
     (void)session->collector().raise_queue_bytes(kQueueBytes);

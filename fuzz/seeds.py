@@ -2,7 +2,8 @@
 """Writes the seed corpora of the fuzz targets into fuzz/corpus/<target>/.
 
 The encodings follow the decoders: fuzz_api.cpp, api_ops.cpp and api_args.cpp
-for fuzz_api; the headers of fuzz_readcfg.cpp and fuzz_hcut.cpp for the others.
+for fuzz_api; the headers of fuzz_tmsg.cpp, fuzz_readcfg.cpp and fuzz_hcut.cpp
+for the others.
 Run it again after changing a decoder.
 """
 import os
@@ -82,7 +83,44 @@ def event(code_word, tid=CALLER):
     return bytes([EVENT, tid]) + head() + word(code_word) + text(b"RECV") + text(b"O") + text(b"event text")
 
 
+# fuzz_tmsg: flag bits, service choices and table entry numbers of fuzz_tmsg.cpp.
+STD, FLAG, START_ONLY, END_ONLY, TWO_ENDS, CAPTURE, LEN_NUL, LEN_CUT, NO_TMSG, NO_GID = \
+    1, 2, 1 << 2, 2 << 2, 3 << 2, 0x10, 1 << 5, 2 << 5, 3 << 5, 0x80
+SVC_12, SVC_CLH, SVC_GW, SVC_SPF, SVC_SHORT = range(5)
+E_GLBL_ID, E_CHNL_TYP_CD, E_ERR_CNT, E_ADTN_MSG = 1, 13, 22, 28
+
+
+def std_telegram(n, result=b"9", kind=b"EM", channel=b"ICC"):
+    """A standard telegram of n bytes with its header fields and an error-message part."""
+    t = bytearray(b" " * n)
+    for off, value in ((0, b"%08d" % n), (9, b"20261123-TMSG-000000000000000001"), (132, b"RECV-SVC-001"),
+                       (188, result), (209, channel), (315, b"KB0001"), (512, kind)):
+        t[off:off + len(value)] = value
+    part = b"01" + b"ITEM".ljust(20) + b"01" + b"MSG000001" + b"the account is closed".ljust(300) + b"02" + \
+        b"ADD000001" + b"first".ljust(200) + b"ADD000002" + b"second".ljust(200)
+    t[561:561 + len(part)] = part[:max(0, n - 561)]
+    return bytes(t)
+
+
+def tmsg_input(flags, svc, tel, moves=(), cut=0):
+    """moves: (entry, offset, length) with 16-bit offsets and 8-bit lengths."""
+    head = bytes([flags, svc, len(moves)])
+    for entry, off, length in moves:
+        head += bytes([entry, 0]) + struct.pack("<hb", off, length)
+    return head + bytes([cut]) + tel
+
+
 SEEDS = {
+    "fuzz_tmsg": {
+        "failed_end_messages": tmsg_input(STD | FLAG, SVC_12, std_telegram(1400)),
+        "moved_fields": tmsg_input(STD | CAPTURE, SVC_SHORT, std_telegram(1400, channel=b"XYZ"),
+                                   [(E_CHNL_TYP_CD, 600, 3), (E_ERR_CNT, 1300, 2), (E_ADTN_MSG, -1, 100)]),
+        "fixed_layout": tmsg_input(TWO_ENDS, SVC_SHORT, std_telegram(700, channel=b"   ")),
+        "client_handler": tmsg_input(STD | LEN_NUL | NO_GID, SVC_CLH, std_telegram(1200)),
+        "gateway_no_telegram": tmsg_input(NO_TMSG | STD, SVC_GW, b""),
+        "short_capture": tmsg_input(STD | CAPTURE | LEN_CUT | START_ONLY, SVC_SPF, std_telegram(1084), cut=200),
+        "end_only_gid_moved": tmsg_input(STD | END_ONLY, SVC_12, std_telegram(1100), [(E_GLBL_ID, 1080, 32)]),
+    },
     "fuzz_api": {
         "transaction": service(START) + call_s(W_BIZ) + call_s(W_DBIO) + sql() + sql(W_UTF8) + call_f(W_DBIO)
         + call_f(W_BIZ) + info(b"done") + service(END),

@@ -157,6 +157,65 @@ VARNIX_API int32_t TRAN_ERROR(VARNIX_SERVICE_PARAMS);
 VARNIX_API int32_t TRAN_PT_START(VARNIX_PT_SERVICE_PARAMS);
 VARNIX_API int32_t TRAN_PT_END(VARNIX_PT_SERVICE_PARAMS);
 
+/* ---- Standard telegrams ---- */
+/*
+ * Where the fields of a standard telegram lie: each is {offset, length} in
+ * bytes.  The entries below read the table on every call, so a host moves a
+ * field by storing other values before it calls.  An offset of -1 marks a
+ * field of the error-message part, whose place follows from the counts.  No
+ * field is ever read at or past the telegram's length.
+ */
+VARNIX_API extern int32_t _STD_TMSG_LEN[2];            /*   0,   8 */
+VARNIX_API extern int32_t _GLBL_ID[2];                 /*   9,  32 */
+VARNIX_API extern int32_t _IPV6_ADR[2];                /*  41,  39 */
+VARNIX_API extern int32_t _FST_TRMS_SYS_CD[2];         /*  93,   3 */
+VARNIX_API extern int32_t _TRMS_SYS_CD[2];             /*  96,   3 */
+VARNIX_API extern int32_t _RQST_RSPS_DV_CD[2];         /* 104,   1 */
+VARNIX_API extern int32_t _TRSC_SYNC_DV_CD[2];         /* 105,   1 */
+VARNIX_API extern int32_t _RECV_SVC_CD[2];             /* 132,  12 */
+VARNIX_API extern int32_t _RSLT_RECV_SVC_CD[2];        /* 144,  12 */
+VARNIX_API extern int32_t _EAI_INTF_ID[2];             /* 156,  16 */
+VARNIX_API extern int32_t _PROC_RSLT_DV_CD[2];         /* 188,   1: '0' or blank normal, else failed */
+VARNIX_API extern int32_t _DSBL_SYS_CD[2];             /* 192,   3 */
+VARNIX_API extern int32_t _STD_TMSG_ERR_CD[2];         /* 195,   9 */
+VARNIX_API extern int32_t _CHNL_TYP_CD[2];             /* 209,   3: ICT and ICC are internal channels */
+VARNIX_API extern int32_t _EMP_NO[2];                  /* 302,   7 */
+VARNIX_API extern int32_t _TRSC_GRCO_CD[2];            /* 315,   2: with the branch, one 6-character field */
+VARNIX_API extern int32_t _TRSC_BR_NO[2];              /* 317,   4 */
+VARNIX_API extern int32_t _SCRN_ID[2];                 /* 366,   9 */
+VARNIX_API extern int32_t _OTSD_INST_CD[2];            /* 401,   4 */
+VARNIX_API extern int32_t _OTSD_BIZ_CD[2];             /* 405,   3 */
+VARNIX_API extern int32_t _FST_TRMS_MDCL_CTT[2];       /* 435,  39 */
+VARNIX_API extern int32_t _STD_TMSG_DAT_KIND_CD[2];    /* 512,   2: "EM" carries error messages */
+VARNIX_API extern int32_t _ERR_ORGN_ITEM_REPT_TCNT[2]; /* 561,   2: item count, then the items */
+VARNIX_API extern int32_t _ERR_ORGN_ITEM_NM[2];        /*  -1,  20 */
+VARNIX_API extern int32_t _MSG_INFO_REPT_TCNT[2];      /*  -1,   2: message count, then the messages */
+VARNIX_API extern int32_t _MSG_CD[2];                  /*  -1,   9 */
+VARNIX_API extern int32_t _RSPS_MSG_CTT[2];            /*  -1, 300 */
+VARNIX_API extern int32_t _ADTN_MSG_REPT_TCNT[2];      /*  -1,   2: additional-message count, then those */
+VARNIX_API extern int32_t _ADTN_MSG[2];                /*  -1, 200 */
+
+/*
+ * A whole service traced from its telegram: TRAN_STARTX in place of
+ * TRAN_START, TRAN_ENDX in place of TRAN_END.  std_tmsg non-zero: a
+ * standard telegram, read through the table above; zero: the fixed layout
+ * of the older telegram.  tmsg_len < 0: up to the telegram's NUL, at most
+ * 999,999 bytes.  tmsg_flag non-zero records the telegram flag "1", else
+ * "0".  Services whose id begins with "CLH" (at the end also "GW") go to the
+ * client-handler entries; a standard end telegram with a failed result also
+ * records the error and its messages.  With capture on, a standard telegram
+ * is captured first (124, and nothing traced, when it is shorter than 512
+ * bytes).  The result is that of the start or end entry called.
+ */
+VARNIX_API int32_t TRAN_STARTX(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                               int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                               int32_t svc_id_len, const char *tmsg, int32_t tmsg_len, int32_t std_tmsg,
+                               int32_t tmsg_flag);
+VARNIX_API int32_t TRAN_ENDX(int32_t tid, const char *cls_cd, int32_t cls_cd_len, const char *dtl_cd,
+                             int32_t dtl_cd_len, const char *gid, int32_t gid_len, const char *svc_id,
+                             int32_t svc_id_len, const char *tmsg, int32_t tmsg_len, int32_t std_tmsg,
+                             int32_t tmsg_flag);
+
 /* ---- Front-end services: client handlers, web front ends, gateways ---- */
 /*
  * A front end is always the outermost service on its thread: each of these

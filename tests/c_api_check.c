@@ -12,6 +12,10 @@ int main(void) {
     failures += get_log_flag_set("SEQ") != 0x83;
     failures += sizeof(PTRC_HASH_TBL) != 603782160u;
     failures += strlen(log_home_dir) != 0;
-    printf("%d passed, %d failed\n", 4 - failures, failures);
+    /* The telegram field table is writable data: a C host moves a field. */
+    _CHNL_TYP_CD[0] = 210;
+    failures += _GLBL_ID[0] != 9 || _ADTN_MSG[1] != 200 || _CHNL_TYP_CD[0] != 210;
+    failures += TRAN_ENDX(-1, NULL, 0, NULL, 0, NULL, 0, "SVC", -1, NULL, 0, 1, 1) != VARNIX_RC_NOT_INIT;
+    printf("%d passed, %d failed\n", 6 - failures, failures);
     return failures != 0;
 }

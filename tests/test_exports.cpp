@@ -32,6 +32,12 @@ TEST(Exports, ExactlyThePublicInterfaceAndOnlyTheCLibrary) {
         // service, call and SQL tracing
         "TRAN_START", "TRAN_END", "TRAN_ERROR", "TRAN_PT_START", "TRAN_PT_END", "TRAN_CALLINFO_S", "TRAN_CALLINFO_F",
         "TRAN_SQL_STMT", "TRAN_SQL_ID",
+        // standard-telegram entries and their field table
+        "TRAN_STARTX", "TRAN_ENDX", "_STD_TMSG_LEN", "_GLBL_ID", "_IPV6_ADR", "_FST_TRMS_SYS_CD", "_TRMS_SYS_CD",
+        "_RQST_RSPS_DV_CD", "_TRSC_SYNC_DV_CD", "_RECV_SVC_CD", "_RSLT_RECV_SVC_CD", "_EAI_INTF_ID", "_PROC_RSLT_DV_CD",
+        "_DSBL_SYS_CD", "_STD_TMSG_ERR_CD", "_CHNL_TYP_CD", "_EMP_NO", "_TRSC_GRCO_CD", "_TRSC_BR_NO", "_SCRN_ID",
+        "_OTSD_INST_CD", "_OTSD_BIZ_CD", "_FST_TRMS_MDCL_CTT", "_STD_TMSG_DAT_KIND_CD", "_ERR_ORGN_ITEM_REPT_TCNT",
+        "_ERR_ORGN_ITEM_NM", "_MSG_INFO_REPT_TCNT", "_MSG_CD", "_RSPS_MSG_CTT", "_ADTN_MSG_REPT_TCNT", "_ADTN_MSG",
         // front-end services
         "TRAN_CLH_START", "TRAN_CLH_END", "TRAN_CLH_ERROR", "TRAN_WEB_START", "TRAN_WEB_END", "TRAN_FEP_START",
         "TRAN_FEP_END",

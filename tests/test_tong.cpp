@@ -8,13 +8,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <string>
 #include <vector>
 
 #include "core/gvar.h"
 #include "support/in_child.h"
+#include "support/tong_file.h"
 #include "support/tracing.h"
 #include "tong/deffered_que.h"
 #include "varnix.h"
@@ -25,14 +24,6 @@ namespace {
 using test::in_child;
 using test::TestIpc;
 
-std::string data_path() {
-    const std::time_t now = std::time(nullptr);
-    char date[16] = "";
-    std::strftime(date, sizeof date, "%Y%m%d", std::localtime(&now));
-    const char* name = gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm;
-    return std::string(tong_log_home_dir) + "/tong_log_" + date + "_" + name + "_" + std::to_string(getpid()) + ".dat";
-}
-
 std::vector<std::string> log_since(size_t from) { return test::log_messages(TestIpc::get().read_log(), from); }
 
 int restart() {
@@ -41,18 +32,6 @@ int restart() {
     const int rc = TRAN_INIT();
     testing::internal::GetCapturedStdout();
     return rc;
-}
-
-// One record as the writer stores it; its time stamp is checked to be now and then taken over.
-void expect_record(const std::string& got, const std::string& tel, char flag) {
-    ASSERT_EQ(got.size(), tel.size() + 118);
-    const std::string stamp = got.substr(30, 16);
-    EXPECT_TRUE(stamp.find_first_not_of("0123456789") == std::string::npos &&
-                std::abs(std::stol(stamp.substr(0, 10)) - std::time(nullptr)) < 10);
-    char host[65] = {}, len[8];
-    ASSERT_EQ(gethostname(host, 64), 0);
-    std::snprintf(len, sizeof len, "%06zu", tel.size());
-    EXPECT_EQ(got, tel.substr(9, 30) + stamp + std::string(host, 64) + flag + len + tel + '\n');
 }
 
 // The switch, the length check and its messages, three records byte for byte, then restarts in quick succession
@@ -78,12 +57,12 @@ TEST(Tong, CapturesEachTelegramByteForByteAndRestartsKeepOneWriter) {
         EXPECT_EQ(save_tong_log4c(1, tel.data(), 512, 100), 0);
         EXPECT_EQ(save_tong_log4c(1, tel.data(), 1234, 101), 0);  // a NUL inside is written like any byte
         EXPECT_EQ(save_tong_log4c(1, tel.data(), -1, 102), 0);    // up to the NUL: 600 bytes
-        const std::string path = data_path();
+        const std::string path = test::tong_data_path();
         ASSERT_TRUE(test::wait_for([&] { return test::read_file(path).size() == 512 + 1234 + 600 + 3 * 118; }));
         const std::string file = test::read_file(path);
-        expect_record(file.substr(0, 630), tel.substr(0, 512), 'S');
-        expect_record(file.substr(630, 1352), tel, 'F');
-        expect_record(file.substr(1982), tel.substr(0, 600), 'U');
+        test::expect_tong_record(file.substr(0, 630), tel.substr(0, 512), 'S');
+        test::expect_tong_record(file.substr(630, 1352), tel, 'F');
+        test::expect_tong_record(file.substr(1982), tel.substr(0, 600), 'U');
 
         const int threads = test::thread_count();
         for (int i = 0; i < 5; ++i) {
@@ -107,7 +86,7 @@ TEST(Tong, QueueFullDropsAndReportsAndAHeldWriterIsNeverDoubled) {
         TestIpc& ipc = TestIpc::get();
         ASSERT_EQ(test::start_tracing(), 0);
         ipc.que_info().tong_log_flag = '1';
-        const std::string path = data_path();
+        const std::string path = test::tong_data_path();
         ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
         const int32_t n = 32 << 10;
         const std::string tel(n, 't');
@@ -142,7 +121,7 @@ TEST(Tong, QueueFullDropsAndReportsAndAHeldWriterIsNeverDoubled) {
             for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
             return got.size() == tel.size() + 118 && test::thread_count() == threads - 1;
         }));
-        expect_record(got, tel, 'S');
+        test::expect_tong_record(got, tel, 'S');
         ASSERT_EQ(restart(), 0);
         EXPECT_EQ(test::thread_count(), threads);
         EXPECT_EQ(get_deffered_queueing(), 0u);

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "api/std_tmsg.h"
 #include "core/clock.h"
 #include "core/entry_gate.h"
 #include "core/gvar.h"
@@ -46,12 +47,10 @@ void put_number(char* out, int len, int64_t v, int width) {
     std::memcpy(out, buf, static_cast<size_t>(std::min(len, write_zero_padded(buf, v, width))));
 }
 
-void put_gid(char* rec, int32_t n, int gid_offset) {
-    const char* tmsg = rec + kTongHeaderLen;
-    for (int i = 0; i < kTongGidLen; ++i) {
-        const int64_t at = int64_t{gid_offset} + i;
-        rec[i] = gid_offset >= 0 && at < n ? tmsg[at] : ' ';
-    }
+void put_gid(char* rec, int32_t n, int64_t gid_offset) {
+    const Text gid = TmsgView(rec + kTongHeaderLen, n).span(gid_offset, kTongGidLen);
+    std::memcpy(rec, gid.p, static_cast<size_t>(gid.len));
+    std::memset(rec + gid.len, ' ', static_cast<size_t>(kTongGidLen - gid.len));
 }
 
 // "%010ld%06ld" of now, cut to its field.
@@ -79,12 +78,6 @@ void report_short(const char* tmsg, int32_t len, int api_type) {
     const int shown = static_cast<int>(strnlen(tmsg, static_cast<size_t>(len)));
     log_printf(">> %s [%.*s] 통전문 길이 체크 오류(최소 길이(%d)보다 작음, %d byte) : 내용|%.*s|", api_name(api_type),
                shown == 12 ? 9 : shown, tmsg, kTongMinLen, len, shown, tmsg);
-}
-
-// The length a caller passed, or the string length for a negative one.
-int32_t telegram_len(const char* tmsg, int32_t len) {
-    if (len >= 0) return len;
-    return static_cast<int32_t>(strnlen(tmsg, INT32_MAX));
 }
 
 }  // namespace
@@ -118,7 +111,7 @@ char* new_tong_record(int32_t n) {
     return static_cast<char*>(std::malloc(static_cast<size_t>(n) + kTongExtra));
 }
 
-void finish_tong_record(char* rec, int32_t n, int api_type, int gid_offset) {
+void finish_tong_record(char* rec, int32_t n, int api_type, int64_t gid_offset) {
     put_gid(rec, n, gid_offset);
     put_time(rec + kTimeOff);
     put_host(rec + kHostOff);
@@ -165,7 +158,7 @@ extern "C" {
 int32_t save_tong_log4c(int32_t tid, const char* tmsg, int32_t len, int8_t api_type) {
     const varnix::EntryGate gate;
     if (!tmsg || !tong_capture_on()) return kOk;
-    const int32_t n = telegram_len(tmsg, len);
+    const int32_t n = TmsgView(tmsg, len).size();
     if (n < kTongMinLen) {
         report_short(tmsg, n, api_type);
         return VARNIX_RC_SHORT_TMSG;
@@ -173,7 +166,7 @@ int32_t save_tong_log4c(int32_t tid, const char* tmsg, int32_t len, int8_t api_t
     char* rec = new_tong_record(n);
     if (!rec) return kOk;  // dropped: the telegram is not worth failing the service for
     std::memcpy(rec + kTongHeaderLen, tmsg, static_cast<size_t>(n));
-    finish_tong_record(rec, n, api_type, kStdTmsgGidOffset);
+    finish_tong_record(rec, n, api_type, table_field(_GLBL_ID).off);
     put_tong_record(rec, n, tid, TongCaller::kNative);
     return kOk;
 }

@@ -11,8 +11,6 @@ namespace varnix {
 inline constexpr int32_t kTongMinLen = 512;  // native callers' shortest telegram
 inline constexpr int kTongHeaderLen = 117;   // then the telegram, then a line feed
 inline constexpr int kTongGidLen = 30;
-// Where the standard telegram carries its global ID.
-inline constexpr int kStdTmsgGidOffset = 9;
 
 // The direction flag of an API type: 'S' for a start, 'F' for an end, 'U'
 // for anything else.
@@ -27,9 +25,10 @@ bool tong_capture_on();
 // then calls finish_tong_record.
 char* new_tong_record(int32_t n);
 // Writes the header and the closing line feed around the telegram in `rec`.
-// The global ID is read at gid_offset of the telegram; what the telegram does
-// not cover is blank.
-void finish_tong_record(char* rec, int32_t n, int api_type, int gid_offset);
+// The global ID is read at gid_offset of the telegram (the standard
+// telegram's is the _GLBL_ID entry's offset, read at the call); what the
+// telegram does not cover is blank.
+void finish_tong_record(char* rec, int32_t n, int api_type, int64_t gid_offset);
 
 // Which entry captured: the queue-full line differs between the two.
 enum class TongCaller { kNative, kJava };
