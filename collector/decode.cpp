@@ -16,12 +16,12 @@ constexpr std::array<NamedField, 13> kHeader = {{
     {"proc_nm", 40, 15},
     {"svc_id", 56, 16},
     {"host_nm", 73, 64},
-    {"pid", 138, 8},
-    {"tid", 147, 15},
-    {"idx", 163, 5},
-    {"pidx", 169, 5},
-    {"date", 175, 8},
-    {"time", 184, 12},
+    {"pid", 138, 8, true},
+    {"tid", 147, 15, true},
+    {"idx", 163, 5, true},
+    {"pidx", 169, 5, true},
+    {"date_str", 175, 8},
+    {"time_str", 184, 12},
 }};
 
 constexpr std::array<NamedField, 4> kEvent = {{
@@ -32,17 +32,19 @@ constexpr std::array<NamedField, 4> kEvent = {{
 }};
 
 constexpr std::array<NamedField, 4> kErrinfo = {{
-    {"err_no", 197, 4},
+    {"evt_no", 197, 4},
     {"recv_svc_cd", 202, 12},
     {"chnl_class", 215, 4},
     {"msg_text", 220, 350},
 }};
 
 constexpr std::array<NamedField, 1> kInfo = {{{"msg_text", 197, 350}}};
+// Call and SQL records: one text that the collector parses further.
+constexpr std::array<NamedField, 1> kText = {{{"text", 197, 350}}};
 constexpr std::array<NamedField, 2> kInfoEx = {{{"info_cd", 197, 4}, {"msg_text", 202, 350}}};
 
 #define VARNIX_SERVICE_HEAD_FIELDS                                                                          \
-    {"elapsed_us", 197, 10}, {"call_us", 208, 10}, {"depth", 219, 2}, {"tmsg_flag", 222, 1},               \
+    {"elapsed_us", 197, 10, true}, {"call_us", 208, 10, true}, {"depth", 219, 2, true}, {"tmsg_flag", 222, 1},               \
         {"trsc_grco_br", 224, 6}, {"chnl_typ_cd", 231, 3}, {"recv_svc_cd", 235, 12}, {"scrn_id", 248, 9},   \
         {"emp_no", 258, 7}, {"proc_rslt_dv_cd", 266, 1}, {"std_tmsg_err_cd", 268, 9}
 
@@ -86,6 +88,9 @@ std::span<const NamedField> body_fields(char log_type, uint32_t body_len) {
         case 'V': return kEvent;
         case 'E': return kErrinfo;
         case 'I': return kInfo;
+        case 'B':
+        case 'C':
+        case 'Q': return kText;
         case 'X': return kInfoEx;
         case '1':
         case '2':

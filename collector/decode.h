@@ -14,6 +14,7 @@ struct NamedField {
     std::string_view name;
     int offset;  // in the body
     int width;
+    bool number = false;  // digits written by the library (blank when absent)
 };
 
 // The common header of every record.

@@ -21,7 +21,7 @@ TEST(Decode, NamesTheFieldsOfARecordTheLibrarySent) {
     const std::string head = "log_type: V\ncls_cd: AB\ndtl_cd: C\ngid: GID-1\nproc_nm: test_decode\nsvc_id: SVC\n";
     EXPECT_EQ(text.substr(0, head.size()), head);
     EXPECT_NE(text.find("\npid: 00000042\ntid: "), std::string::npos);
-    EXPECT_NE(text.find("date: 20260102\ntime: 030405000006\nevt_no: 9001\nrecv_svc_cd: RECV\nchnl_class: O\n"
+    EXPECT_NE(text.find("date_str: 20260102\ntime_str: 030405000006\nevt_no: 9001\nrecv_svc_cd: RECV\nchnl_class: O\n"
                         "msg_text: hello\n"),
               std::string::npos);
 

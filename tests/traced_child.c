@@ -1,11 +1,30 @@
 /* A second traced process for the tests: starts tracing against the
  * collector named by the environment, sends one event from its main thread
- * and stops.  Prints "init <rc> event <rc> done <rc>" after the banner. */
+ * and stops.  Prints "init <rc> event <rc> done <rc>" after the banner.
+ * With the argument "hold" it opens the service HOLD_SVC instead, prints
+ * "holding <rc>" and waits to be killed. */
 #include <stdio.h>
+#include <string.h>
+#include <unistd.h>
 
 #include "varnix.h"
 
-int main(void) {
+#define NONE NULL, 0
+#define FIVE_NONE NONE, NONE, NONE, NONE, NONE
+
+static int hold(void) {
+    int rc = TRAN_INIT();
+    if (rc == 0) /* 3 header pairs and 22 telegram columns absent */
+        rc = TRAN_START(-1, NONE, NONE, "HOLD-GID", -1, "HOLD_SVC", -1, FIVE_NONE, FIVE_NONE, FIVE_NONE, FIVE_NONE,
+                        FIVE_NONE);
+    printf("holding %d\n", rc);
+    fflush(stdout);
+    for (;;) pause();
+    return 0;
+}
+
+int main(int argc, char** argv) {
+    if (argc > 1 && strcmp(argv[1], "hold") == 0) return hold();
     int init = TRAN_INIT();
     int event = TRAN_EVENT(-1, NULL, 0, NULL, 0, "CHILD-GID", -1, NULL, 0, NULL, 0, NULL, 0, NULL, 0, "7777", -1,
                            NULL, 0, NULL, 0, "from the child", -1);

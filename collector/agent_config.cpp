@@ -1,0 +1,126 @@
+#include "collector/agent_config.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "core/readcfg.h"
+
+namespace varnix::agent {
+namespace {
+
+enum class Kind {
+    Text,    // present
+    Number,  // a base-10 number
+    Count,   // a number of queues, 1..16
+    IpcKey,  // a number other than 0 (0 is IPC_PRIVATE: a new object each time)
+};
+
+struct KeySpec {
+    const char* section;
+    const char* key;
+    int token;
+    Kind kind;
+};
+
+constexpr KeySpec kKeys[] = {
+    {"COMMON", "LOG_HOME", 1, Kind::Text},
+    {"COMMON", "TONG_LOG_HOME", 1, Kind::Text},
+    {"TRAN_LOGF", "LOG_INTERFACE", 1, Kind::Text},
+    {"TRAN_LOGF", "QUE_CNT", 1, Kind::Count},
+    {"TRAN_LOGF", "MAX_QUE_CNT", 1, Kind::Count},
+    {"TRAN_LOGF", "TRAN_LOG_FLAG_SET", 1, Kind::Text},
+    {"TRAN_LOGF", "SVC_FILTERING", 1, Kind::Number},
+    {"TRAN_LOGF", "CALL_TRC_DEPTH", 1, Kind::Number},
+    {"TRAN_LOGF", "CALL_TRC_LIMIT", 1, Kind::Number},
+    {"TRAN_LOGF", "DBIO_TRC_LIMIT", 1, Kind::Number},
+    {"TRAN_LOGF", "SQL_TRC_LIMIT", 1, Kind::Number},
+    {"TRAN_LOGF", "IDLE_THREAD_RELEASE", 1, Kind::Number},
+    {"TRAN_LOGF", "IDLE_THREAD_RELEASE", 2, Kind::Number},
+    {"TRAN_LOGF", "INFINITE_LOOP_BASE_CNT", 1, Kind::Number},
+    {"TRAN_LOGF", "WRITE_QUE_IDX_GID_RNG", 1, Kind::Number},
+    {"TRAN_LOGF", "WRITE_QUE_IDX_GID_RNG", 2, Kind::Number},
+    {"IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY", 1, Kind::IpcKey},
+    {"IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY", 1, Kind::IpcKey},
+    {"IPC_SHARED_MEMORY", "PTRC_HASH_TBL_SHMKEY", 1, Kind::IpcKey},
+    {"IPC_SEMAPHORE", "SVC_HASH_TBL_SEMKEY", 1, Kind::IpcKey},
+    {"IPC_SEMAPHORE", "PTRC_HASH_TBL_SEMKEY", 1, Kind::IpcKey},
+    {"IPC_MESSAGE_QUE", "TRAN_LOGF_MSGQKEY", 1, Kind::IpcKey},
+    {"DATA_SIGNATURE", "DBIO_FUNC", 1, Kind::Number},
+    {"DATA_SIGNATURE", "DBIO_FUNC", 2, Kind::Text},
+    {"SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", 1, Kind::Number},
+};
+
+bool read_number(const char* cfg, const char* section, const char* key, int token, long& value, bool& present) {
+    char t[kCfgTokenMax + 1];
+    present = get_nth_token_in_file_section(cfg, section, key, token, t) == 1;
+    if (!present) return false;
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtol(t, &end, 10);
+    return end != t && *end == '\0' && errno == 0;
+}
+
+long number(const char* cfg, const char* section, const char* key) {
+    long v = 0;
+    bool present = false;
+    read_number(cfg, section, key, 1, v, present);
+    return v;
+}
+
+// The complaint about one key, or null when it is sound.
+const char* complaint(const char* cfg, const KeySpec& k) {
+    long v = 0;
+    bool present = false;
+    const bool numeric = read_number(cfg, k.section, k.key, k.token, v, present);
+    if (!present) return "is missing";
+    switch (k.kind) {
+        case Kind::Text: return nullptr;
+        case Kind::Number: return numeric ? nullptr : "is not a number";
+        case Kind::Count:
+            if (!numeric) return "is not a number";
+            if (v == 0) return "is 0";
+            return v < 0 || v > VARNIX_MAX_QUE_CNT ? "is outside 1..16" : nullptr;
+        case Kind::IpcKey:
+            if (!numeric) return "is not a number";
+            return v == 0 ? "is 0" : nullptr;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+bool check_config(const char* cfg) {
+    if (std::FILE* fp = std::fopen(cfg, "r"))
+        std::fclose(fp);
+    else {
+        std::fprintf(stderr, "varnix-agent: cannot read the configuration %s\n", cfg);
+        return false;
+    }
+    for (const KeySpec& k : kKeys) {
+        if (const char* why = complaint(cfg, k)) {
+            std::fprintf(stderr, "varnix-agent: %s: key %s (section %s, token %d) %s\n", cfg, k.key, k.section,
+                         k.token, why);
+            return false;
+        }
+    }
+    if (number(cfg, "TRAN_LOGF", "QUE_CNT") > number(cfg, "TRAN_LOGF", "MAX_QUE_CNT")) {
+        std::fprintf(stderr, "varnix-agent: %s: key QUE_CNT (section TRAN_LOGF) exceeds MAX_QUE_CNT\n", cfg);
+        return false;
+    }
+    return true;
+}
+
+ConfigKeys config_keys(const char* cfg) {
+    ConfigKeys c;
+    c.keys.que_info = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY"));
+    c.keys.svc_shm = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "SVC_HASH_TBL_SHMKEY"));
+    c.keys.ptrc_shm = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "PTRC_HASH_TBL_SHMKEY"));
+    c.keys.svc_sem = static_cast<key_t>(number(cfg, "IPC_SEMAPHORE", "SVC_HASH_TBL_SEMKEY"));
+    c.keys.ptrc_sem = static_cast<key_t>(number(cfg, "IPC_SEMAPHORE", "PTRC_HASH_TBL_SEMKEY"));
+    c.keys.msgq = static_cast<key_t>(number(cfg, "IPC_MESSAGE_QUE", "TRAN_LOGF_MSGQKEY"));
+    c.max_que_cnt = static_cast<int>(number(cfg, "TRAN_LOGF", "MAX_QUE_CNT"));
+    return c;
+}
+
+}  // namespace varnix::agent

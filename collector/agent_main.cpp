@@ -1,0 +1,62 @@
+// varnix-agent: the collector agent of libvarnix.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "collector/agent.h"
+
+namespace {
+
+using namespace varnix::agent;
+
+constexpr const char* kUsage =
+    "usage: varnix-agent COMMAND [-c FILE] ...\n"
+    "  start [--out FILE]   create the IPC objects of FILE and write every record as a JSON line\n"
+    "                       (standard output by default) until SIGINT or SIGTERM\n"
+    "  set NAME=VALUE...    change switches: log_flag_set=SEVBCIXQ capture=on|off call_trc_depth=N\n"
+    "                       call_trc_limit=US dbio_trc_limit=US sql_trc_limit=US svc_filtering=0|1|2\n"
+    "                       fst_err_rc_set=CODE,VERDICT services=FILE (a service table file)\n"
+    "  snapshot TRCD        arm a snapshot of the next service of every thread started with trade code TRCD\n"
+    "  top [--once]         the transactions in flight, refreshed every second\n"
+    "FILE defaults to $TRAN_AGT_CFG_FILE.\n";
+
+struct Command {
+    const char* name;
+    int (*run)(const Options&);
+};
+constexpr Command kCommands[] = {
+    {"start", start_command}, {"set", set_command}, {"snapshot", snapshot_command}, {"top", top_command}};
+
+int usage() {
+    std::fputs(kUsage, stderr);
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) return usage();
+    const Command* cmd = nullptr;
+    for (const Command& c : kCommands)
+        if (std::strcmp(argv[1], c.name) == 0) cmd = &c;
+    if (!cmd) return usage();
+    Options o;
+    if (const char* env = std::getenv("TRAN_AGT_CFG_FILE")) o.cfg = env;
+    for (int i = 2; i < argc; ++i) {
+        const std::string_view a = argv[i];
+        if ((a == "-c" || a == "--out") && i + 1 < argc)
+            (a == "-c" ? o.cfg : o.out) = argv[++i];
+        else if (a == "--once")
+            o.once = true;
+        else if (a.starts_with("-"))
+            return usage();
+        else
+            o.args.emplace_back(a);
+    }
+    if (o.cfg.empty()) {
+        std::fputs("varnix-agent: no configuration: give -c FILE or set TRAN_AGT_CFG_FILE\n", stderr);
+        return 2;
+    }
+    return cmd->run(o);
+}

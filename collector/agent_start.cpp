@@ -1,0 +1,229 @@
+// `varnix-agent start`: creates the host's IPC objects, drains every queue
+// into JSON Lines until SIGINT or SIGTERM, then drains what is left and
+// removes everything it created.
+//
+// One thread does everything.  The queues are read without waiting; when a
+// pass over all of them finds nothing the agent sleeps a few milliseconds, so
+// it never spins.  Signals only set a flag that the loop reads.
+#include <signal.h>
+#include <sys/msg.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "collector/agent.h"
+#include "collector/agent_config.h"
+#include "collector/agent_ipc.h"
+#include "collector/json_record.h"
+#include "collector/queue_stats.h"
+#include "collector/reclaim.h"
+#include "collector/sql_join.h"
+#include "core/clock.h"
+#include "core/ipc.h"
+
+namespace varnix::agent {
+namespace {
+
+constexpr long kNothing = -2;
+constexpr int kBurst = 256;  // records taken from one queue before the next is served
+constexpr timespec kIdleSleep{0, 2'000'000};
+constexpr int64_t kReportEveryUs = 10'000'000;
+constexpr int64_t kReclaimEveryUs = 1'000'000;
+constexpr int64_t kFinalDrainUs = 2'000'000;
+constexpr unsigned long kWantedQueueBytes = 4ul << 20;
+constexpr unsigned long kSmallQueueBytes = 256ul << 10;
+
+volatile sig_atomic_t stop_asked = 0;
+kit::Collector::Ids crash_ids;  // read by the crash handler
+
+void on_stop(int) { stop_asked = 1; }
+
+void on_crash(int sig) {
+    kit::remove_ids(crash_ids);
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+bool install_handlers() {
+    struct sigaction sa{};
+    sa.sa_handler = on_stop;  // no SA_RESTART: the idle sleep ends at once
+    bool ok = sigemptyset(&sa.sa_mask) == 0 && sigaction(SIGINT, &sa, nullptr) == 0 &&
+              sigaction(SIGTERM, &sa, nullptr) == 0 && signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGHUP}) ok = signal(sig, on_crash) != SIG_ERR && ok;
+    return ok;
+}
+
+// One message from a queue without waiting: msgrcv's size, kOversized for a
+// message longer than a record (taken off the queue cut), kNothing.
+long receive(int qid, TRAN_LOG_MSG& m) {
+    ssize_t n = msgrcv(qid, &m, VARNIX_REC_TEXT, 0, IPC_NOWAIT);
+    if (n >= 0) return n;
+    if (errno != E2BIG) return kNothing;
+    return msgrcv(qid, &m, VARNIX_REC_TEXT, 0, IPC_NOWAIT | MSG_NOERROR) >= 0 ? kOversized : kNothing;
+}
+
+long kernel_msgmnb() {
+    long v = 0;
+    if (std::FILE* fp = std::fopen("/proc/sys/kernel/msgmnb", "r")) {
+        if (std::fscanf(fp, "%ld", &v) != 1) v = 0;
+        std::fclose(fp);
+    }
+    return v;
+}
+
+// Raises every queue's byte limit as far as this process may: past
+// kernel.msgmnb only with CAP_SYS_RESOURCE.
+void size_queues(const kit::Collector& c) {
+    unsigned long bytes = kWantedQueueBytes;
+    if (c.raise_queue_bytes(bytes) != c.max_que_cnt()) {
+        bytes = static_cast<unsigned long>(kernel_msgmnb());
+        if (bytes > 0) c.raise_queue_bytes(bytes);
+    }
+    msqid_ds ds{};
+    if (msgctl(c.msgq_id(0), IPC_STAT, &ds) != 0) return;
+    bytes = ds.msg_qbytes;
+    std::fprintf(stderr, "varnix-agent: each queue holds %lu bytes (%lu records)\n", bytes,
+                 bytes / (VARNIX_REC_TEXT + sizeof(long)));
+    if (bytes < kSmallQueueBytes)
+        std::fprintf(stderr,
+                     "varnix-agent: warning: queues this small drop records under load; raise kernel.msgmnb "
+                     "(sysctl -w kernel.msgmnb=%lu) or give the agent CAP_SYS_RESOURCE\n",
+                     kWantedQueueBytes);
+}
+
+class Drain {
+public:
+    Drain(const kit::Collector& c, std::FILE* out)
+        : c_(c), out_(out), stats_(c.max_que_cnt(), monotonic_us()), sql_([this](const Json& j) { write(j); }) {}
+
+    // One pass over every queue; the number of messages taken.
+    int pass() {
+        int taken = 0;
+        for (int q = 0; q < c_.max_que_cnt(); ++q) {
+            for (int i = 0; i < kBurst; ++i) {
+                const long size = receive(c_.msgq_id(q), m_);
+                if (size == kNothing) break;
+                handle(q, size);
+                ++taken;
+            }
+        }
+        sql_.flush_quiet(monotonic_us());
+        if (taken && std::fflush(out_) != 0) write_failed();
+        return taken;
+    }
+
+    void tick(int64_t now) {
+        if (now >= next_report_) {
+            stats_.report(*c_.que_info(), now, stderr);
+            next_report_ = now + kReportEveryUs;
+        }
+        if (now >= next_reclaim_) {
+            reclaim();
+            next_reclaim_ = now + kReclaimEveryUs;
+        }
+    }
+
+    void finish() {
+        sql_.flush_all();
+        if (std::fflush(out_) != 0) write_failed();
+        stats_.report(*c_.que_info(), monotonic_us(), stderr);
+    }
+
+private:
+    void handle(int q, long size) {
+        stats_.received(q);
+        Decoded d = decode_record(m_, size, q);
+        if (d.error.empty() && d.sql && sql_.add(d, monotonic_us(), d.error)) return;
+        if (!d.error.empty()) {
+            stats_.malformed();
+            std::fprintf(stderr, "varnix-agent: queue %d: malformed record skipped: %s\n", q, d.error.c_str());
+            write(malformed_json(m_, size, q, d.error));
+            return;
+        }
+        sql_.end_thread(d.thread);
+        write(d.json);
+    }
+
+    void write(const Json& j) {
+        const std::string line = json_line(j);
+        if (std::fwrite(line.data(), 1, line.size(), out_) != line.size()) write_failed();
+    }
+
+    void write_failed() {
+        if (!write_failed_) std::fprintf(stderr, "varnix-agent: writing records failed: %s\n", std::strerror(errno));
+        write_failed_ = true;
+    }
+
+    void reclaim() {
+        SemHold hold(c_.ids().ptrc_sem, 50);
+        if (!hold.owns()) return;
+        const Reclaimed r = reclaim_entries(*c_.ptrc());
+        if (r.released + r.orphaned > 0)
+            std::fprintf(stderr, "varnix-agent: reclaimed %d released and %d orphaned process-thread entries\n",
+                         r.released, r.orphaned);
+    }
+
+    const kit::Collector& c_;
+    std::FILE* out_;
+    QueueStats stats_;
+    SqlJoiner sql_;
+    TRAN_LOG_MSG m_{};
+    int64_t next_report_ = monotonic_us() + kReportEveryUs;
+    int64_t next_reclaim_ = 0;
+    bool write_failed_ = false;
+};
+
+int run(const kit::Collector& c, std::FILE* out) {
+    Drain drain(c, out);
+    while (!stop_asked) {
+        const int taken = drain.pass();
+        drain.tick(monotonic_us());
+        if (!taken) nanosleep(&kIdleSleep, nullptr);
+    }
+    std::fprintf(stderr, "varnix-agent: stopping: draining the queues\n");
+    const int64_t deadline = monotonic_us() + kFinalDrainUs;
+    while (drain.pass() > 0 && monotonic_us() < deadline) {
+    }
+    drain.finish();
+    return 0;
+}
+
+bool refuse_if_present(const char* cfg) {
+    const std::vector<std::string> found = existing_objects(config_keys(cfg));
+    if (found.empty()) return false;
+    std::fprintf(stderr, "varnix-agent: refusing to start: these objects of %s exist already:\n", cfg);
+    for (const std::string& f : found) std::fprintf(stderr, "  %s\n", f.c_str());
+    std::fprintf(stderr, "varnix-agent: another agent may be running; nothing was changed\n");
+    return true;
+}
+
+}  // namespace
+
+int start_command(const Options& o) {
+    const char* cfg = o.cfg.c_str();
+    if (!check_config(cfg) || refuse_if_present(cfg)) return 1;
+    std::FILE* out = o.out.empty() ? stdout : std::fopen(o.out.c_str(), "w");
+    if (!out) {
+        std::fprintf(stderr, "varnix-agent: cannot write %s: %s\n", o.out.c_str(), std::strerror(errno));
+        return 1;
+    }
+    kit::Collector c;
+    if (c.create(cfg) != 0) return 1;
+    crash_ids = c.ids();
+    if (!install_handlers()) {
+        std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
+        return 1;
+    }
+    size_queues(c);
+    std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT or SIGTERM stops it\n",
+                 c.max_que_cnt(), cfg);
+    const int rc = run(c, out);
+    c.remove();
+    std::fprintf(stderr, "varnix-agent: every object removed\n");
+    if (out != stdout && std::fclose(out) != 0) return 1;
+    return rc;
+}
+
+}  // namespace varnix::agent

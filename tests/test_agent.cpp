@@ -1,0 +1,367 @@
+// varnix-agent end to end: the agent runs as a child process on this test
+// process's own keys, this process and a traced child trace against it, and
+// the JSON lines, the top view, the switches and the shared tables are read
+// back.  One agent serves the whole binary (its process-thread table is
+// 603 MB); the last test stops it.
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/prctl.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+
+#include <nlohmann/json.hpp>
+
+#include <bitset>
+#include <filesystem>
+#include <fstream>
+
+#include "support/calls.h"
+#include "support/in_child.h"
+
+namespace varnix::test {
+namespace {
+
+using Json = nlohmann::json;
+
+// Runs a program with standard output and error into files; its pid.  It gets
+// SIGTERM should this process die first.
+pid_t spawn(std::vector<std::string> v, const std::string& out, const std::string& err) {
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    std::vector<char*> argv;
+    for (std::string& a : v) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || !freopen(out.c_str(), "w", stdout) ||
+        !freopen(err.c_str(), "w", stderr))
+        _exit(127);
+    execv(argv[0], argv.data());
+    _exit(127);
+}
+
+int exit_status(pid_t pid) {
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class Agent : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        char tmpl[] = "/tmp/varnix-agent-test-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        std::filesystem::create_directories(dir_ + "/agt/log/proc/libvarnix");
+        conf_.keys = kit::keys_for_pid(getpid());
+        conf_.log_home = "log";
+        conf_.tong_log_home = dir_;
+        ASSERT_TRUE(kit::write_file(cfg(), kit::config_text(conf_)));
+        ASSERT_EQ(setenv("TRAN_HOME", dir_.c_str(), 1) | setenv("TRAN_AGT_HOME", (dir_ + "/agt").c_str(), 1) |
+                      setenv("TRAN_AGT_CFG_FILE", cfg().c_str(), 1),
+                  0);
+        agent_ = spawn({VARNIX_AGENT, "start", "--out", dir_ + "/out.jsonl"}, "/dev/null", dir_ + "/agent.err");
+        ASSERT_TRUE(wait_for([] { return read_file(dir_ + "/agent.err").find("running") != std::string::npos; }));
+        testing::internal::CaptureStdout();  // the banner
+        ASSERT_EQ(TRAN_INIT(), 0);
+        testing::internal::GetCapturedStdout();
+    }
+
+    static void TearDownTestSuite() {
+        stop_tracing();
+        if (agent_ > 0 && kill(agent_, SIGKILL) == 0) waitpid(agent_, nullptr, 0);
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+
+    static std::string cfg() { return dir_ + "/agt/varnix.cfg"; }
+
+    // Runs `varnix-agent ARGS...`; its exit status, its output and errors.
+    static int agent(std::vector<std::string> args, std::string* out = nullptr, std::string* err = nullptr) {
+        args.insert(args.begin() + 1, {"-c", cfg()});
+        args.insert(args.begin(), VARNIX_AGENT);
+        const std::string o = dir_ + "/cmd.out", e = dir_ + "/cmd.err";
+        const int rc = exit_status(spawn(args, o, e));
+        if (out) *out = read_file(o);
+        if (err) *err = read_file(e);
+        return rc;
+    }
+
+    // The agent's records so far.
+    static std::vector<Json> records() {
+        std::vector<Json> all;
+        std::ifstream in(dir_ + "/out.jsonl");
+        for (std::string line; std::getline(in, line);) all.push_back(Json::parse(line, nullptr, false));
+        return all;
+    }
+
+    // Waits for the records of `gid` up to one of type `last`.
+    static std::vector<Json> records_of(const std::string& gid, const char* last) {
+        std::vector<Json> mine;
+        wait_for([&] {
+            mine.clear();
+            for (Json& r : records())
+                if (r.value("gid", "") == gid) mine.push_back(r);
+            return !mine.empty() && mine.back()["log_type"] == last;
+        });
+        return mine;
+    }
+
+    static inline std::string dir_;
+    static inline kit::AgentConfig conf_;
+    static inline pid_t agent_ = -1;
+};
+
+// What depends on the moment, the host and the table rather than the call.
+Json stable(Json r) {
+    EXPECT_EQ(r["pid"], getpid());
+    if (r.contains("start_us")) {
+        EXPECT_EQ(r["end_us"].get<int64_t>() - r["start_us"].get<int64_t>(), r["elapsed_us"]);
+    }
+    for (const char* k : {"queue", "host_nm", "pid", "tid", "idx", "pidx", "date_str", "time_str", "elapsed_us",
+                          "call_us", "own_us", "called_us", "dbio_us", "start_us", "end_us"})
+        r.erase(k);
+    return r;
+}
+
+TEST_F(Agent, EveryRecordTypeBecomesOneJsonObject) {
+    ServiceCall s;
+    s.gid = "AGENT-GID-0001";
+    s.svc_id = "ACCT_TRANSFER";
+    s.tail[2] = "WEB";
+    s.tail[3] = "RECV01";
+    std::string sql = "SELECT memo FROM account WHERE memo = '";
+    for (int i = 0; i < 300; ++i) sql += "가";  // pieces are cut inside the Korean text
+    sql += "' AND id = 1";
+    EXPECT_LT(call(TRAN_START, s), 99);
+    EXPECT_EQ(call_start("transfer_funds"), 0);
+    EXPECT_EQ(call_start("DBIO_update"), 0);
+    EXPECT_EQ(TRAN_SQL_STMT(-1, 0, nullptr, 0, nullptr, 0, 7, nullptr, nullptr, sql.c_str(), -1), 0);
+    EXPECT_LT(call_finish("DBIO_update", -3), 99);
+    EXPECT_LT(call_finish("transfer_funds", 0, "METHOD"), 99);
+    EXPECT_LT(TRAN_INFO(-1, "IN", -1, "f", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, "a notice", -1),
+              99);
+    EXPECT_LT(TRAN_INFO_EX(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, "X001",
+                           -1, "extended", -1),
+              99);
+    EXPECT_LT(TRAN_ERRINFO(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                           "1105", -1, "RECV01", -1, "O", -1, "[E0001] 잔액 부족", -1),
+              99);
+    EXPECT_LT(call(TRAN_ERROR, s), 99);
+    EXPECT_LT(TRAN_EVENT(-1, nullptr, 0, nullptr, 0, "AGENT-GID-0001", -1, "ACCT_TRANSFER", -1, nullptr, 0, nullptr, 0,
+                         nullptr, 0, "9001", -1, nullptr, 0, nullptr, 0, "an event", -1),
+              99);
+    EXPECT_LT(call(TRAN_END, s), 99);
+
+    std::vector<Json> got = records_of("AGENT-GID-0001", "2");
+    ASSERT_EQ(got.size(), 11u);
+    for (Json& r : got) r = stable(r);
+    const Json head = {{"gid", "AGENT-GID-0001"}, {"svc_id", "ACCT_TRANSFER"}};
+    auto with = [&](Json j, bool proc_nm = true) {
+        j.update(head);
+        if (proc_nm) j["proc_nm"] = "test_agent";
+        return j;
+    };
+    const Json service = {{"cls_cd", "CL"}, {"dtl_cd", "D"}, {"depth", 1}, {"chnl_typ_cd", "WEB"},
+                          {"recv_svc_cd", "RECV01"}};
+    auto svc = [&](const char* type, const char* name) {
+        Json j = with(service);
+        j["log_type"] = type;
+        j["record"] = name;
+        return j;
+    };
+    EXPECT_EQ(got[0], svc("1", "service_start"));
+    EXPECT_EQ(got[1], with({{"record", "sql"}, {"log_type", "Q"}, {"slot", 1}, {"sql_rec_cnt", 1}, {"rep_cnt", 1},
+                            {"sql_no", 7}, {"func_nm", "DBIO_update"}, {"pieces", 3}, {"sql", sql}},
+                           false));
+    EXPECT_EQ(got[2], with({{"record", "dbio"}, {"log_type", "B"}, {"cls_cd", "CL"}, {"dtl_cd", "D"}, {"trc_lvl", 2},
+                            {"call_trc_depth_max", 10}, {"kind_label", ""}, {"func_nm", "DBIO_update"},
+                            {"module_nm", "fin_mod"}, {"source_nm", "fin.c"}, {"line_no", 42}, {"call_seq", 2},
+                            {"sql_code", 9999}, {"rc", -3}, {"fetch_line", 0}, {"fetch_rows", 0}, {"fetch_us", 0},
+                            {"db_user", ""}, {"db_sid", ""}}));
+    EXPECT_EQ(got[3], with({{"record", "bizcall"}, {"log_type", "C"}, {"cls_cd", "CL"}, {"dtl_cd", "D"},
+                            {"trc_lvl", 1}, {"call_trc_depth_max", 10}, {"kind_label", "METHOD"},
+                            {"func_nm", "transfer_funds"}, {"module_nm", "fin_mod"}, {"source_nm", "fin.c"},
+                            {"line_no", 42}, {"call_seq", 1}, {"rc", 0}}));
+    EXPECT_EQ(got[4], with({{"record", "info"}, {"log_type", "I"}, {"cls_cd", "IN"}, {"dtl_cd", "f"},
+                            {"msg_text", "a notice"}}));
+    Json info_ex = with({{"record", "info_ex"}, {"log_type", "X"}, {"info_cd", "X001"}, {"msg_text", "extended"}});
+    info_ex.erase("svc_id");  // only the caller's
+    EXPECT_EQ(got[5], info_ex);
+    EXPECT_EQ(got[6], with({{"record", "error_info"}, {"log_type", "E"}, {"evt_no", "1105"}, {"recv_svc_cd", "RECV01"}, {"chnl_class", "O"},
+                            {"msg_text", "[E0001] 잔액 부족"}}));
+    EXPECT_EQ(got[7], svc("9", "service_error"));
+    EXPECT_EQ(got[8], with({{"record", "event"}, {"log_type", "V"}, {"evt_no", "9001"}, {"msg_text", "an event"}}));
+    EXPECT_EQ(got[9]["log_type"], "I");
+    EXPECT_EQ(got[9]["msg_text"].get<std::string>().rfind("처리 모듈(함수)통계 [ 총 호출 2 건 ]", 0), 0u);
+    EXPECT_EQ(got[10], svc("2", "service_end"));
+}
+
+TEST_F(Agent, SwitchesChangeWhatTheNextCallSends) {
+    auto event = [] {
+        return TRAN_EVENT(-1, nullptr, 0, nullptr, 0, "SET-GID", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                          "9002", -1, nullptr, 0, nullptr, 0, "switch", -1);
+    };
+    std::string out, err;
+    EXPECT_LT(event(), 99);
+    EXPECT_EQ(agent({"set", "log_flag_set=SEBCIXQ"}, &out), 0);
+    EXPECT_EQ(out, "log_flag_set=SEBCIXQ capture=off call_trc_depth=10 call_trc_limit=0 dbio_trc_limit=0 "
+                   "sql_trc_limit=0 svc_filtering=0 services=0\n");
+    EXPECT_EQ(event(), VARNIX_RC_CLASS_OFF);
+    // A bad word changes nothing, not even the good word before it.
+    EXPECT_EQ(agent({"set", "capture=on", "log_flag_set=SEVZ"}, &out, &err), 1);
+    EXPECT_NE(err.find("set log_flag_set=SEVZ: letters of SEVBCIXQ, or -; nothing was changed"), std::string::npos);
+    EXPECT_EQ(agent({"set", "log_flag_set=SEVBCIXQ"}, &out), 0);
+    EXPECT_NE(out.find("capture=off"), std::string::npos);
+    EXPECT_LT(event(), 99);
+
+    ServiceCall listed, other;
+    listed.gid = other.gid = "SET-GID";
+    listed.svc_id = "LISTED_SVC";
+    other.svc_id = "OTHER_SVC";
+    ASSERT_TRUE(kit::write_file(dir_ + "/services", "# id flags depth limits\nLISTED_SVC SE 5 0 0 0\n"));
+    ASSERT_TRUE(kit::write_file(dir_ + "/bad-services", "LISTED_SVC SZ 5 0 0 0\n"));
+    EXPECT_EQ(agent({"set", "services=" + dir_ + "/bad-services"}, nullptr, &err), 1);
+    EXPECT_NE(err.find("bad-services:1: flags are letters of SEVBCIQ, or -"), std::string::npos);
+    EXPECT_EQ(agent({"set", "svc_filtering=2", "services=" + dir_ + "/services"}, &out), 0);
+    EXPECT_NE(out.find("svc_filtering=2 services=1"), std::string::npos);
+    EXPECT_EQ(call(TRAN_START, other), VARNIX_RC_FILTERED);
+    EXPECT_EQ(call(TRAN_END, other), VARNIX_RC_FILTERED);
+    EXPECT_LT(call(TRAN_START, listed), 99);
+    EXPECT_EQ(call_start("not_traced"), VARNIX_RC_FILTERED);  // C is not among the service's letters
+    EXPECT_LT(call(TRAN_END, listed), 99);
+    EXPECT_EQ(agent({"set", "svc_filtering=0"}), 0);
+}
+
+// Walks every chain; each entry number reachable, or -1 for a broken chain.
+int chained_entries(const PTRC_HASH_TBL& t, std::bitset<VARNIX_TBL_ENTRIES>& seen) {
+    int n = 0;
+    for (int32_t head : t.hash_idx)
+        for (int32_t e = head, prev = -1; e != -1; prev = e, e = t.entry[e].next) {
+            if (e < 0 || e >= VARNIX_TBL_ENTRIES || seen[e] || t.entry[e].prev != prev) return -1;
+            seen[e] = true;
+            ++n;
+        }
+    return n;
+}
+
+TEST_F(Agent, TopShowsAServiceInFlightAndAKilledProcessIsReclaimed) {
+    const int shm = shmget(conf_.keys.ptrc_shm, 0, 0);
+    ASSERT_GE(shm, 0);
+    const auto* t = static_cast<const PTRC_HASH_TBL*>(shmat(shm, nullptr, SHM_RDONLY));
+    ASSERT_NE(t, reinterpret_cast<void*>(-1));
+    auto entries_of = [t](pid_t pid) {
+        int n = 0;
+        for (uint32_t i = 0; i < t->used_stk.cnt; ++i) n += t->entry[t->used_stk.idx[i]].pid == pid;
+        return n;
+    };
+    const pid_t child = spawn({TRACED_CHILD, "hold"}, dir_ + "/child.out", "/dev/null");
+    ASSERT_TRUE(wait_for([&] { return read_file(dir_ + "/child.out").find("holding") != std::string::npos; }));
+    EXPECT_EQ(entries_of(child), 2);  // its process context and its main thread
+
+    std::string top;
+    EXPECT_EQ(agent({"top", "--once"}, &top), 0);
+    char pid_col[40];
+    std::snprintf(pid_col, sizeof pid_col, "\n%8d  traced_child", child);
+    EXPECT_NE(top.find(pid_col), std::string::npos) << top;
+    EXPECT_NE(top.find("HOLD-GID                          HOLD_SVC\n"), std::string::npos) << top;
+
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_TRUE(wait_for([&] { return entries_of(child) == 0; }));
+    // Read under the semaphore, so that no registration runs meanwhile.
+    const int sem = semget(conf_.keys.ptrc_sem, 1, 0);
+    sembuf take{0, -1, SEM_UNDO}, give{0, 1, SEM_UNDO};
+    ASSERT_EQ(semop(sem, &take, 1), 0);
+    std::bitset<VARNIX_TBL_ENTRIES> chained, listed;
+    EXPECT_EQ(chained_entries(*t, chained), static_cast<int>(t->used_stk.cnt));
+    EXPECT_EQ(t->used_cnt, t->used_stk.cnt);
+    EXPECT_EQ(t->free_stk.cnt + t->used_stk.cnt, static_cast<uint32_t>(VARNIX_TBL_ENTRIES));
+    for (uint32_t i = 0; i < t->used_stk.cnt; ++i) listed[t->used_stk.idx[i]] = true;
+    for (uint32_t i = 0; i < t->free_stk.cnt; ++i) listed[t->free_stk.idx[i]] = true;
+    EXPECT_EQ(listed.count(), static_cast<size_t>(VARNIX_TBL_ENTRIES));  // each number on exactly one stack
+    EXPECT_EQ(chained, [&] {
+        std::bitset<VARNIX_TBL_ENTRIES> used;
+        for (uint32_t i = 0; i < t->used_stk.cnt; ++i) used[t->used_stk.idx[i]] = true;
+        return used;
+    }());
+    ASSERT_EQ(semop(sem, &give, 1), 0);
+    shmdt(t);
+}
+
+TEST_F(Agent, MalformedRecordsAreReportedAndSkipped) {
+    const int q = msgget(conf_.keys.msgq, 0);
+    ASSERT_GE(q, 0);
+    auto event = [](const char* tid, const char* text) {
+        TRAN_LOG_MSG m{1, {}};
+        std::memset(m.text, ' ', sizeof m.text);
+        const uint32_t len = 733;
+        std::memcpy(m.text, &len, sizeof len);
+        m.text[4] = 'V';
+        std::memcpy(m.text + 4 + 147, tid, std::strlen(tid));
+        std::memcpy(m.text + 4 + 220, text, std::strlen(text));
+        return m;
+    };
+    const TRAN_LOG_MSG bad_tid = event("12x4", "fine"), bad_text = event("1234", "caf\xE9!");
+    TRAN_LOG_MSG short_one = event("1234", "short");
+    ASSERT_EQ(msgsnd(q, &short_one, 10, 0), 0);
+    ASSERT_EQ(msgsnd(q, &bad_tid, VARNIX_REC_TEXT, 0), 0);
+    ASSERT_EQ(msgsnd(q, &bad_text, VARNIX_REC_TEXT, 0), 0);
+    ASSERT_LT(TRAN_EVENT(-1, nullptr, 0, nullptr, 0, "AFTER-BAD", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                         "9003", -1, nullptr, 0, nullptr, 0, "still read", -1),
+              99);
+    ASSERT_EQ(records_of("AFTER-BAD", "V").size(), 1u);
+    std::vector<Json> bad;
+    for (Json& r : records())
+        if (r.contains("malformed")) bad.push_back(r);
+    ASSERT_EQ(bad.size(), 3u);
+    EXPECT_EQ(bad[0], Json({{"queue", 0}, {"malformed", "length 10, not 784"}, {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
+    EXPECT_EQ(bad[1]["malformed"], "field tid is not a number");
+    EXPECT_EQ(bad[2]["malformed"], "field msg_text is not UTF-8");
+    EXPECT_NE(bad[2]["bytes"].get<std::string>().find("caf\\xE9!"), std::string::npos);
+    EXPECT_NE(read_file(dir_ + "/agent.err").find("queue 0: malformed record skipped: field msg_text is not UTF-8"),
+              std::string::npos);
+}
+
+TEST_F(Agent, SecondStartAndBadConfigurationsAreRefusedAndStopRemovesEverything) {
+    std::string err;
+    EXPECT_EQ(agent({"start"}, nullptr, &err), 1);
+    EXPECT_NE(err.find("refusing to start"), std::string::npos);
+    EXPECT_NE(err.find("shared memory PTRC_HASH_TBL (key " + std::to_string(conf_.keys.ptrc_shm) + ")"),
+              std::string::npos);
+    const std::string good = kit::config_text(conf_);
+    auto refused = [&](const std::string& from, const std::string& to) {
+        std::string text = good;
+        text.replace(text.find(from), from.size(), to);
+        kit::write_file(cfg(), text);
+        std::string e;
+        EXPECT_EQ(agent({"start"}, nullptr, &e), 1);
+        return e.substr(e.find("varnix-agent:"));
+    };
+    const std::string where = "varnix-agent: " + cfg() + ": key ";
+    EXPECT_EQ(refused("QUE_CNT = 4\n", ""), where + "QUE_CNT (section TRAN_LOGF, token 1) is missing\n");
+    EXPECT_EQ(refused("PTRC_HASH_TBL_SEMKEY = ", "PTRC_HASH_TBL_SEMKEY = x"),
+              where + "PTRC_HASH_TBL_SEMKEY (section IPC_SEMAPHORE, token 1) is not a number\n");
+    EXPECT_EQ(refused("TRAN_LOGF_MSGQKEY = " + std::to_string(conf_.keys.msgq), "TRAN_LOGF_MSGQKEY = 0"),
+              where + "TRAN_LOGF_MSGQKEY (section IPC_MESSAGE_QUE, token 1) is 0\n");
+    ASSERT_TRUE(kit::write_file(cfg(), good));
+
+    // Refusals touched nothing: the agent still records; what is queued at
+    // the stop is still written.
+    ASSERT_LT(TRAN_EVENT(-1, nullptr, 0, nullptr, 0, "LAST-GID", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
+                         "9004", -1, nullptr, 0, nullptr, 0, "last", -1),
+              99);
+    stop_tracing();
+    ASSERT_EQ(kill(agent_, SIGTERM), 0);
+    EXPECT_EQ(exit_status(agent_), 0);
+    agent_ = -1;
+    EXPECT_EQ(records_of("LAST-GID", "V").size(), 1u);
+    EXPECT_NE(read_file(dir_ + "/agent.err").find("every object removed"), std::string::npos);
+    const kit::Keys& k = conf_.keys;
+    for (key_t key : {k.que_info, k.svc_shm, k.ptrc_shm}) EXPECT_LT(shmget(key, 0, 0), 0) << key;
+    for (key_t key : {k.svc_sem, k.ptrc_sem}) EXPECT_LT(semget(key, 0, 0), 0) << key;
+    for (int i = 0; i < conf_.max_que_cnt; ++i) EXPECT_LT(msgget(k.msgq + i, 0), 0) << i;
+}
+
+}  // namespace
+}  // namespace varnix::test
