@@ -103,7 +103,7 @@ std::string config_text(const AgentConfig& s) {
                   "CALL_TRC_LIMIT = %ld\n"
                   "DBIO_TRC_LIMIT = %ld\n"
                   "SQL_TRC_LIMIT = %ld\n"
-                  "IDLE_THREAD_RELEASE = 30 60\n"
+                  "IDLE_THREAD_RELEASE = %d 60\n"
                   "INFINITE_LOOP_BASE_CNT = %d\n"
                   "WRITE_QUE_IDX_GID_RNG = %d %d\n"
                   "\n[IPC_SHARED_MEMORY]\n"
@@ -121,7 +121,7 @@ std::string config_text(const AgentConfig& s) {
                   "DEFAULT_TIMEOUT_SEC = %d\n",
                   s.log_home.c_str(), s.tong_log_home.c_str(), s.que_cnt, s.max_que_cnt, s.log_flag_set.c_str(),
                   s.fst_err_rc_set.c_str(), s.svc_filtering, s.call_trc_depth, s.call_trc_limit, s.dbio_trc_limit,
-                  s.sql_trc_limit, s.infinite_loop_base_cnt, s.gid_rng_pos, s.gid_rng_siz, s.keys.que_info,
+                  s.sql_trc_limit, s.idle_thread_release, s.infinite_loop_base_cnt, s.gid_rng_pos, s.gid_rng_siz, s.keys.que_info,
                   s.keys.svc_shm, s.keys.ptrc_shm, s.keys.svc_sem, s.keys.ptrc_sem, s.keys.msgq, s.dbio_func.c_str(),
                   s.default_timeout_sec);
     return buf;

@@ -45,6 +45,7 @@ struct AgentConfig {
     long call_trc_limit = 0;
     long dbio_trc_limit = 0;
     long sql_trc_limit = 0;
+    int idle_thread_release = 30;  // first token of IDLE_THREAD_RELEASE
     int infinite_loop_base_cnt = 1000;
     int default_timeout_sec = 60;
     int gid_rng_pos = 0;

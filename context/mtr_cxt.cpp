@@ -107,17 +107,6 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out
     return kOk;
 }
 
-// A miss: reclaim what can be reclaimed, then add the thread.
-int miss(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out) {
-    if (bucket.mtr_cnt > 0) {
-        PtrcSemGuard sem;
-        if (!sem.owns()) return VARNIX_RC_PTRC_FULL;
-        check_mtr_cxt_var(bucket, ThreadKey{tid, ktid});
-    }
-    if (bucket.mtr_cnt >= kMtrPerBucket) return VARNIX_RC_NO_CONTEXT;
-    return add_context(bucket, tid, ktid, out);
-}
-
 // The bucket mutex is held only for list work and for one bounded semaphore
 // wait, so a waiter gets it soon; the wait is bounded all the same.
 class BucketLock {
@@ -167,17 +156,63 @@ bool left_by_earlier_thread(const MTR_CXT_VAR& cxt, const ThreadKey& caller) {
     return caller.ktid != 0 && cxt.ktid != 0 && cxt.ktid != caller.ktid && cxt.tid == caller.tid;
 }
 
-void free_context(MTR_TID_IDX& bucket, int pos, bool alive) {
+void free_context(MTR_TID_IDX& bucket, int pos, const char* thread_state) {
     MTR_CXT_VAR& cxt = *bucket.mtr_idx_list[pos].var;
     const bool ours = entry_is_ours(cxt);
     log_printf("(I) mtr_tid_idx#%d-%d, tid %lu (thread %s, ptrc %d) resource clear.(%d->%d)", bucket.mtr_tid_idx, pos,
-               static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), alive ? "alive" : "killed",
+               static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), thread_state,
                cxt.ptrc ? cxt.ptrc->ptrc_state : 0, bucket.mtr_cnt, bucket.mtr_cnt - 1);
     if (ours) cxt.ptrc->ptrc_state = VARNIX_PTRC_RELEASED;
     __atomic_store_n(&cxt.stamp, 0, __ATOMIC_RELEASE);
     cxt.in_use = 0;
     --bucket.mtr_cnt;
     if (bucket.last_var == &cxt) bucket.last_var = nullptr;
+}
+
+// A context made for an id a caller gave (a Java thread id) has no thread
+// whose end could be seen, so a full bucket makes room from the one idle
+// longest: idle for more than IDLE_THREAD_RELEASE seconds (at least 1) outside
+// a service, or for more than DEFAULT_TIMEOUT_SEC as well inside one, where
+// the service counts as abandoned.  Its thread, should it call again, gets a
+// fresh context.  A call still inside the context when it is taken would have
+// to have stalled for that long.  -1 when no context qualifies.
+int idle_caller_context(const MTR_TID_IDX& bucket) {
+    const std::time_t now = std::time(nullptr);
+    const std::time_t idle = std::max(gvar.idle_thread_release[0], 1);
+    const std::time_t abandoned = std::max<std::time_t>(idle, gvar.default_timeout_sec);
+    int oldest = -1;
+    std::time_t oldest_since = 0;
+    for (int i = 0; i < bucket.mtr_cnt; ++i) {
+        const MtrIdxEntry& entry = bucket.mtr_idx_list[i];
+        const MTR_CXT_VAR& cxt = *entry.var;
+        if (entry.tid == 0 || cxt.ktid != 0) continue;  // the process context, or a thread that can be tested
+        const std::time_t since = now - __atomic_load_n(&cxt.lasted_access, __ATOMIC_RELAXED);
+        const bool in_service = __atomic_load_n(&cxt.service_depth, __ATOMIC_RELAXED) != 0;
+        if (since > (in_service ? abandoned : idle) && since > oldest_since) {
+            oldest = i;
+            oldest_since = since;
+        }
+    }
+    return oldest;
+}
+
+void free_idle_caller_context(MTR_TID_IDX& bucket) {
+    const int pos = idle_caller_context(bucket);
+    if (pos < 0) return;
+    free_context(bucket, pos, "idle");
+    std::copy(bucket.mtr_idx_list + pos + 1, bucket.mtr_idx_list + bucket.mtr_cnt + 1, bucket.mtr_idx_list + pos);
+}
+
+// A miss: reclaim what can be reclaimed, then add the thread.
+int miss(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out) {
+    if (bucket.mtr_cnt > 0) {
+        PtrcSemGuard sem;
+        if (!sem.owns()) return VARNIX_RC_PTRC_FULL;
+        check_mtr_cxt_var(bucket, ThreadKey{tid, ktid});
+        if (bucket.mtr_cnt >= kMtrPerBucket) free_idle_caller_context(bucket);
+    }
+    if (bucket.mtr_cnt >= kMtrPerBucket) return VARNIX_RC_NO_CONTEXT;
+    return add_context(bucket, tid, ktid, out);
 }
 
 }  // namespace
@@ -217,7 +252,7 @@ void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller) {
             bucket.mtr_idx_list[j++] = entry;
             continue;
         }
-        free_context(bucket, i, alive);
+        free_context(bucket, i, alive ? "alive" : "killed");
     }
 }
 

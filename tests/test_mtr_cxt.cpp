@@ -41,8 +41,10 @@ protected:
 };
 
 // Ids given by the caller (not kernel threads of this process) are never
-// probed: they stay until the collector asks for their release.
-TEST_F(MtrCxt, TenPerBucketAndReleasedEntriesAreReclaimed) {
+// probed: they stay until the collector asks for their release or, in a full
+// bucket, until they were idle for IDLE_THREAD_RELEASE seconds (30) outside a
+// service or DEFAULT_TIMEOUT_SEC (60) inside one.
+TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     constexpr int kBucket = 7;
     auto tid_of = [](int k) { return static_cast<int32_t>((k << 8) | kBucket); };
     MTR_CXT_VAR* cxts[11] = {};
@@ -67,6 +69,21 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedEntriesAreReclaimed) {
     EXPECT_EQ(gvar.mtr_tid_idx[kBucket].mtr_cnt, 10);
     EXPECT_EQ(log.take(), (Lines{"(I) mtr_tid_idx#7-2, tid 775 (thread alive, ptrc 2) resource clear.(10->9)",
                                  created_line(tid_of(11), kBucket, 10)}));
+
+    cxts[5]->lasted_access -= 31;
+    cxts[6]->lasted_access -= 59;
+    cxts[6]->service_depth = 1;
+    MTR_CXT_VAR* more = nullptr;
+    ASSERT_EQ(get_mtr_cxt_var(tid_of(12), &more), 0);
+    EXPECT_EQ(more, cxts[5]);
+    EXPECT_EQ(log.take(), (Lines{"(I) mtr_tid_idx#7-3, tid 1287 (thread idle, ptrc 1) resource clear.(10->9)",
+                                 created_line(tid_of(12), kBucket, 10)}));
+    EXPECT_EQ(get_mtr_cxt_var(tid_of(13), &more), VARNIX_RC_NO_CONTEXT);
+    cxts[6]->lasted_access -= 2;
+    ASSERT_EQ(get_mtr_cxt_var(tid_of(13), &more), 0);
+    EXPECT_EQ(more, cxts[6]);
+    EXPECT_EQ(log.take(), (Lines{"(I) mtr_tid_idx#7-3, tid 1543 (thread idle, ptrc 1) resource clear.(10->9)",
+                                 created_line(tid_of(13), kBucket, 10)}));
 }
 
 TEST_F(MtrCxt, DeadThreadIsReclaimedOnTheNextMissOfItsBucket) {
