@@ -110,6 +110,10 @@ int main(void) {
     printf(" TRAN_INFO                %d\n",
            TRAN_INFO(-1, NONE, NONE, NONE, NONE, NONE, NONE, NONE, "credit refused; the debit is reversed", -1));
     printf(" TRAN_ENDX ACCT_TRANSFER  %d\n", telegram_entry(TRAN_ENDX, '0'));
+    /* The writer thread looks for captured telegrams every 300 ms and stops at
+     * TRAN_DONE, dropping what it has not written: give it time for the
+     * response telegram. */
+    usleep(400000);
     printf("bank_server: TRAN_DONE %d\n", TRAN_DONE());
     th_join_thread();
     return 0;

@@ -82,8 +82,8 @@ sleep 0.5
 
 echo "=== the records as JSON lines (a DBIO call below the 100 ms DBIO limit sends its SQL but no call record)"
 cat "$home/records.jsonl"
-echo "=== captured telegrams: 117-byte header (GID, time, host, S/F, length), the telegram (first 80 bytes here)"
-for f in "$home"/tong/*; do echo "$(basename "$f"):"; cut -c1-197 "$f"; done
+echo "=== captured telegrams: 117-byte header (GID, time, host, S/F, length), the telegram (first 80 bytes here; runs of blanks shown as one, the host field's padding left out)"
+for f in "$home"/tong/*; do echo "$(basename "$f"):"; cut -c1-197 "$f" | tr -d '\000' | tr -s ' '; done
 
 echo "=== varnix-agent stops on SIGTERM"
 kill -TERM "$agent_pid"
