@@ -217,7 +217,7 @@ public class TranApiAdapter {
      * limit are traced when the call finishes.
      *
      * @param tid thread id
-     * @param mode 0 report; other values do nothing
+     * @param mode 0 reports the statement, 1 sends the kept statements at once; other values do nothing
      * @param sqlNo statement number; 9999 makes start and end microsecond counts, else seconds
      * @param start start time
      * @param end end time
