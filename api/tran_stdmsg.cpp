@@ -81,6 +81,7 @@ struct StdCall {
     int32_t tid;
     Text cls_cd, dtl_cd, gid, svc_id;
     const char* tmsg;  // null: no telegram
+    int32_t tmsg_len;  // as given: a measured telegram carries no error-message part
     TmsgView t;
     bool standard;
     char flag;
@@ -325,7 +326,7 @@ int tran_endx(const StdCall& c) {
     if (col.failed()) {
         (void)service_error(kStandardService, a);
         const Text kind = table_span(c.t, _STD_TMSG_DAT_KIND_CD);
-        if (c.standard && c.t.size() > kWalkAfterLen && view(kind).starts_with("EM")) MessageWalk(c, col).run();
+        if (c.standard && c.tmsg_len > kWalkAfterLen && view(kind).starts_with("EM")) MessageWalk(c, col).run();
     }
     return service_end(kStandardService, a);
 }
@@ -339,6 +340,7 @@ StdCall std_call(int32_t tid, const char* cls_cd, int32_t cls_cd_len, const char
                    {gid, gid_len},
                    {svc_id, svc_id_len},
                    tmsg,
+                   tmsg_len,
                    TmsgView(tmsg, tmsg_len),
                    std_tmsg != 0,
                    tmsg_flag != 0 ? '1' : '0',

@@ -201,9 +201,11 @@ VARNIX_API extern int32_t _ADTN_MSG[2];                /*  -1, 200 */
  * standard telegram, read through the table above; zero: the fixed layout
  * of the older telegram.  tmsg_len < 0: up to the telegram's NUL, at most
  * 999,999 bytes.  tmsg_flag non-zero records the telegram flag "1", else
- * "0".  Services whose id begins with "CLH" (at the end also "GW") go to the
- * client-handler entries; a standard end telegram with a failed result also
- * records the error and its messages.  With capture on, a standard telegram
+ * "0".  Services whose id begins with "CLH" go to the client-handler
+ * entries, at the end also those beginning with "GW" when there is no
+ * telegram or it has the fixed layout.  An end telegram with a failed result
+ * also records the error; a standard one given with its length (over 1084
+ * bytes, data kind "EM") its messages too.  With capture on, a standard telegram
  * is captured first (124, and nothing traced, when it is shorter than 512
  * bytes).  The result is that of the start or end entry called.
  */

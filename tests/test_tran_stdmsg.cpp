@@ -117,7 +117,7 @@ TEST_F(TranStdmsg, InternalChannelAndAFailedEndWithItsMessages) {
 }
 
 // A moved channel type column: read where it now lies, so another channel, the "New" notices and the caller's GID.
-// A failed "EM" telegram of 1084 bytes has no message walk.  Without a telegram a "GW" service starts as a
+// A failed "EM" telegram of 1084 bytes has no message walk, nor has a longer one measured up to its NUL.  Without a telegram a "GW" service starts as a
 // service and ends as a client handler, which leaves the service's nesting state alone.
 TEST_F(TranStdmsg, MovedChannelShortErrorTelegramAndGateway) {
     std::string tel = failed_telegram(1084);
@@ -135,6 +135,10 @@ TEST_F(TranStdmsg, MovedChannelShortErrorTelegramAndGateway) {
         EXPECT_EQ(stdx(TRAN_ENDX, kCallerGid, "SVC-MOVED", tel), 0);
         EXPECT_EQ(types(take()), "92");
     }
+    const std::string measured = failed_telegram(1400);
+    EXPECT_LT(stdx(TRAN_STARTX, kTmsgGid.c_str(), "SVC-MEASURED", measured.c_str(), -1), 99);
+    EXPECT_LT(stdx(TRAN_ENDX, kTmsgGid.c_str(), "SVC-MEASURED", measured.c_str(), -1), 99);
+    EXPECT_EQ(types(take()), "192");
     EXPECT_EQ(stdx(TRAN_STARTX, "GW-GID", "GW-SVC", nullptr, 0), 0);
     EXPECT_EQ(stdx(TRAN_ENDX, "GW-GID", "GW-SVC", nullptr, 0), 0);
     EXPECT_EQ(types(take()), "12");
