@@ -1,6 +1,6 @@
 // `varnix-agent start`: creates the host's IPC objects, drains every queue
 // into JSON Lines until SIGINT or SIGTERM, then drains what is left and
-// removes everything it created.
+// removes everything it created.  SIGHUP stops it the same way.
 //
 // One thread does everything.  The queues are read without waiting; when a
 // pass over all of them finds nothing the agent sleeps a few milliseconds, so
@@ -46,13 +46,42 @@ void on_crash(int sig) {
     raise(sig);
 }
 
-bool install_handlers() {
+// Installed before the objects exist: a stop asked while they are being
+// created is seen right after, and everything is removed all the same.
+bool install_stop_handlers() {
     struct sigaction sa{};
     sa.sa_handler = on_stop;  // no SA_RESTART: the idle sleep ends at once
-    bool ok = sigemptyset(&sa.sa_mask) == 0 && sigaction(SIGINT, &sa, nullptr) == 0 &&
-              sigaction(SIGTERM, &sa, nullptr) == 0 && signal(SIGPIPE, SIG_IGN) != SIG_ERR;
-    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGHUP}) ok = signal(sig, on_crash) != SIG_ERR && ok;
+    bool ok = sigemptyset(&sa.sa_mask) == 0 && signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) ok = ok && sigaction(sig, &sa, nullptr) == 0;
     return ok;
+}
+
+bool install_crash_handlers(const kit::Collector& c) {
+    crash_ids = c.ids();
+    bool ok = true;
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) ok = signal(sig, on_crash) != SIG_ERR && ok;
+    return ok;
+}
+
+// From here on no handler runs: the crash handler forgets the ids before the
+// kernel can hand them to somebody else's new objects.
+void quiet_signals() {
+    sigset_t all;
+    if (sigfillset(&all) != 0 || sigprocmask(SIG_BLOCK, &all, nullptr) != 0)
+        std::fprintf(stderr, "varnix-agent: cannot block signals: %s\n", std::strerror(errno));
+    crash_ids = kit::Collector::Ids{};
+}
+
+// Removes every object; 0, or 1 when some could not be (the kit names them).
+int remove_objects(kit::Collector& c) {
+    quiet_signals();
+    const int failed = c.remove();
+    if (failed == 0) {
+        std::fprintf(stderr, "varnix-agent: every object removed\n");
+        return 0;
+    }
+    std::fprintf(stderr, "varnix-agent: %d objects could not be removed; ipcs lists them\n", failed);
+    return 1;
 }
 
 // One message from a queue without waiting: msgrcv's size, kOversized for a
@@ -209,19 +238,25 @@ int start_command(const Options& o) {
         std::fprintf(stderr, "varnix-agent: cannot write %s: %s\n", o.out.c_str(), std::strerror(errno));
         return 1;
     }
-    kit::Collector c;
-    if (c.create(cfg) != 0) return 1;
-    crash_ids = c.ids();
-    if (!install_handlers()) {
+    if (!install_stop_handlers()) {
         std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
         return 1;
     }
-    size_queues(c);
-    std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT or SIGTERM stops it\n",
-                 c.max_que_cnt(), cfg);
-    const int rc = run(c, out);
-    c.remove();
-    std::fprintf(stderr, "varnix-agent: every object removed\n");
+    kit::Collector c;
+    if (c.create(cfg) != 0) return 1;
+    if (!install_crash_handlers(c)) {
+        std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
+        remove_objects(c);
+        return 1;
+    }
+    int rc = 0;
+    if (!stop_asked) {
+        size_queues(c);
+        std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT, SIGTERM or SIGHUP stops it\n",
+                     c.max_que_cnt(), cfg);
+        rc = run(c, out);
+    }
+    if (remove_objects(c) != 0) rc = 1;
     if (out != stdout && std::fclose(out) != 0) return 1;
     return rc;
 }

@@ -74,8 +74,9 @@ public:
     // Creates every object the configuration file names; 0, or -1 with a
     // message on standard error (objects created so far are removed).
     int create(const char* cfg_path);
-    // Removes every object this collector created.  Safe to call again.
-    void remove();
+    // Removes every object this collector created; the number it could not
+    // remove (each reported on standard error).  Safe to call again.
+    int remove();
 
     TRAN_LOGF_QUE_INFO* que_info() const { return que_info_; }
     PTRC_HASH_TBL* ptrc() const { return ptrc_; }
