@@ -9,6 +9,7 @@
 #include <sys/msg.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -102,17 +103,16 @@ long kernel_msgmnb() {
     return v;
 }
 
-// Raises every queue's byte limit as far as this process may: past
-// kernel.msgmnb only with CAP_SYS_RESOURCE.
+// Raises every queue's byte limit to the larger of kWantedQueueBytes and
+// kernel.msgmnb, else at least to kernel.msgmnb: past it only with
+// CAP_SYS_RESOURCE.  A limit set higher by somebody else stays.
 void size_queues(const kit::Collector& c) {
-    unsigned long bytes = kWantedQueueBytes;
-    if (c.raise_queue_bytes(bytes) != c.max_que_cnt()) {
-        bytes = static_cast<unsigned long>(kernel_msgmnb());
-        if (bytes > 0) c.raise_queue_bytes(bytes);
-    }
+    const unsigned long msgmnb = static_cast<unsigned long>(std::max(kernel_msgmnb(), 0L));
+    if (c.raise_queue_bytes(std::max(kWantedQueueBytes, msgmnb)) != c.max_que_cnt() && msgmnb > 0)
+        c.raise_queue_bytes(msgmnb);
     msqid_ds ds{};
     if (msgctl(c.msgq_id(0), IPC_STAT, &ds) != 0) return;
-    bytes = ds.msg_qbytes;
+    const unsigned long bytes = ds.msg_qbytes;
     std::fprintf(stderr, "varnix-agent: each queue holds %lu bytes (%lu records)\n", bytes,
                  bytes / (VARNIX_REC_TEXT + sizeof(long)));
     if (bytes < kSmallQueueBytes)

@@ -261,6 +261,10 @@ int Collector::raise_queue_bytes(unsigned long bytes) const {
     for (int i = 0; i < max_que_cnt_; ++i) {
         msqid_ds ds{};
         if (msgctl(ids_.msgq[i], IPC_STAT, &ds) != 0) continue;
+        if (ds.msg_qbytes >= bytes) {
+            ++raised;
+            continue;
+        }
         ds.msg_qbytes = bytes;
         if (msgctl(ids_.msgq[i], IPC_SET, &ds) == 0) ++raised;
     }

@@ -84,9 +84,9 @@ public:
     int max_que_cnt() const { return max_que_cnt_; }
     int msgq_id(int q) const { return ids_.msgq[q]; }
 
-    // Raises the byte limit of every queue to `bytes`, as far as this process
-    // is permitted (raising it past kernel.msgmnb takes CAP_SYS_RESOURCE); the
-    // number of queues raised.
+    // Raises the byte limit of every queue below `bytes` to `bytes`, as far as
+    // this process is permitted (past kernel.msgmnb takes CAP_SYS_RESOURCE);
+    // never lowers one.  The number of queues that hold `bytes` afterwards.
     int raise_queue_bytes(unsigned long bytes) const;
 
     // One record from queue q, or from the first non-empty queue when q < 0,
