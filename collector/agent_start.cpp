@@ -28,6 +28,7 @@ namespace varnix::agent {
 namespace {
 
 constexpr long kNothing = -2;
+constexpr long kGone = -3;
 constexpr int kBurst = 256;  // records taken from one queue before the next is served
 constexpr timespec kIdleSleep{0, 2'000'000};
 constexpr int64_t kReportEveryUs = 10'000'000;
@@ -86,12 +87,14 @@ int remove_objects(kit::Collector& c) {
 }
 
 // One message from a queue without waiting: msgrcv's size, kOversized for a
-// message longer than a record (taken off the queue cut), kNothing.
+// message longer than a record (taken off the queue cut), kNothing when the
+// queue is empty, kGone (errno kept) when it cannot be read any more: removed
+// or its permissions changed under the agent.
 long receive(int qid, TRAN_LOG_MSG& m) {
     ssize_t n = msgrcv(qid, &m, VARNIX_REC_TEXT, 0, IPC_NOWAIT);
     if (n >= 0) return n;
-    if (errno != E2BIG) return kNothing;
-    return msgrcv(qid, &m, VARNIX_REC_TEXT, 0, IPC_NOWAIT | MSG_NOERROR) >= 0 ? kOversized : kNothing;
+    if (errno == E2BIG && msgrcv(qid, &m, VARNIX_REC_TEXT, 0, IPC_NOWAIT | MSG_NOERROR) >= 0) return kOversized;
+    return errno == ENOMSG || errno == EINTR ? kNothing : kGone;
 }
 
 long kernel_msgmnb() {
@@ -131,9 +134,15 @@ public:
     int pass() {
         int taken = 0;
         for (int q = 0; q < c_.max_que_cnt(); ++q) {
-            for (int i = 0; i < kBurst; ++i) {
+            for (int i = 0; i < kBurst && !gone_[q]; ++i) {
                 const long size = receive(c_.msgq_id(q), m_);
                 if (size == kNothing) break;
+                if (size == kGone) {
+                    std::fprintf(stderr, "varnix-agent: queue %d cannot be read any more: %s\n", q,
+                                 std::strerror(errno));
+                    gone_[q] = true;
+                    break;
+                }
                 handle(q, size);
                 ++taken;
             }
@@ -142,6 +151,9 @@ public:
         if (taken && std::fflush(out_) != 0) write_failed();
         return taken;
     }
+
+    // A queue was removed or closed to the agent under it: it stops.
+    bool broken() const { return std::find(std::begin(gone_), std::end(gone_), true) != std::end(gone_); }
 
     void tick(int64_t now) {
         if (now >= next_report_) {
@@ -202,11 +214,12 @@ private:
     int64_t next_report_ = monotonic_us() + kReportEveryUs;
     int64_t next_reclaim_ = 0;
     bool write_failed_ = false;
+    bool gone_[VARNIX_MAX_QUE_CNT] = {};
 };
 
 int run(const kit::Collector& c, std::FILE* out) {
     Drain drain(c, out);
-    while (!stop_asked) {
+    while (!stop_asked && !drain.broken()) {
         const int taken = drain.pass();
         drain.tick(monotonic_us());
         if (!taken) nanosleep(&kIdleSleep, nullptr);
@@ -216,7 +229,7 @@ int run(const kit::Collector& c, std::FILE* out) {
     while (drain.pass() > 0 && monotonic_us() < deadline) {
     }
     drain.finish();
-    return 0;
+    return drain.broken() ? 1 : 0;
 }
 
 bool refuse_if_present(const char* cfg) {
