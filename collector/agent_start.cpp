@@ -197,13 +197,25 @@ private:
         write_failed_ = true;
     }
 
+    // Processes are looked at before the semaphore is taken: a registering
+    // host thread waits only for the table's own bookkeeping.
     void reclaim() {
-        SemHold hold(c_.ids().ptrc_sem, 50);
-        if (!hold.owns()) return;
-        const Reclaimed r = reclaim_entries(*c_.ptrc());
+        const std::vector<Candidate> found = find_reclaimable(*c_.ptrc());
+        if (found.empty()) return;
+        Reclaimed r;
+        {
+            SemHold hold(c_.ids().ptrc_sem, 50);
+            if (!hold.owns()) return;
+            r = reclaim_entries(*c_.ptrc(), found);
+        }
         if (r.released + r.orphaned > 0)
             std::fprintf(stderr, "varnix-agent: reclaimed %d released and %d orphaned process-thread entries\n",
                          r.released, r.orphaned);
+        for (const Skipped& s : r.skipped)
+            if (s.n >= VARNIX_TBL_ENTRIES || !skip_reported_[s.n]) {
+                std::fprintf(stderr, "varnix-agent: process-thread entry %u left alone: %s\n", s.n, s.why);
+                if (s.n < VARNIX_TBL_ENTRIES) skip_reported_[s.n] = true;
+            }
     }
 
     const kit::Collector& c_;
@@ -215,6 +227,7 @@ private:
     int64_t next_reclaim_ = 0;
     bool write_failed_ = false;
     bool gone_[VARNIX_MAX_QUE_CNT] = {};
+    std::vector<bool> skip_reported_ = std::vector<bool>(VARNIX_TBL_ENTRIES);  // each inconsistency once
 };
 
 int run(const kit::Collector& c, std::FILE* out) {

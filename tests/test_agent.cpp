@@ -266,12 +266,39 @@ TEST_F(Agent, TopShowsAServiceInFlightAndAKilledProcessIsReclaimed) {
     EXPECT_NE(top.find(pid_col), std::string::npos) << top;
     EXPECT_NE(top.find("HOLD-GID                          HOLD_SVC\n"), std::string::npos) << top;
 
-    ASSERT_EQ(kill(child, SIGKILL), 0);
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    EXPECT_TRUE(wait_for([&] { return entries_of(child) == 0; }));
-    // Read under the semaphore, so that no registration runs meanwhile.
+    // Read and written under the semaphore, so that no registration runs meanwhile.
     const int sem = semget(conf_.keys.ptrc_sem, 1, 0);
     sembuf take{0, -1, SEM_UNDO}, give{0, 1, SEM_UNDO};
+    // An entry of this live process marked long before it started: its pid
+    // has been reused since, and the entry goes like the killed child's.
+    const int mine = entries_of(getpid());
+    auto* w = static_cast<PTRC_HASH_TBL*>(shmat(shm, nullptr, 0));
+    ASSERT_NE(w, reinterpret_cast<void*>(-1));
+    ASSERT_EQ(semop(sem, &take, 1), 0);
+    const uint32_t stale = w->free_stk.idx[--w->free_stk.cnt];
+    PTRC_HASH& e = w->entry[stale];
+    std::memset(&e, 0, sizeof e);
+    e.pidx = stale;
+    e.prev = e.next = -1;
+    for (int32_t* link = &w->hash_idx[0];; link = &w->entry[*link].next)
+        if (*link == -1) {
+            *link = static_cast<int32_t>(stale);
+            break;
+        } else {
+            e.prev = *link;
+        }
+    e.pid = getpid();
+    e.svc_mark_time = 1;
+    e.ptrc_state = VARNIX_PTRC_REGISTERED;
+    w->used_stk.idx[w->used_stk.cnt++] = stale;
+    ++w->used_cnt;
+    ASSERT_EQ(semop(sem, &give, 1), 0);
+    shmdt(w);
+
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_TRUE(wait_for([&] { return entries_of(child) == 0 && t->entry[stale].ptrc_state == 0; }));
+    EXPECT_EQ(entries_of(getpid()), mine);  // the entries this process registered itself stay
     ASSERT_EQ(semop(sem, &take, 1), 0);
     std::bitset<VARNIX_TBL_ENTRIES> chained, listed;
     EXPECT_EQ(chained_entries(*t, chained), static_cast<int>(t->used_stk.cnt));
