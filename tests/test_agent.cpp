@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "collector/decode.h"
 #include "support/calls.h"
 #include "support/in_child.h"
 
@@ -331,17 +332,35 @@ TEST_F(Agent, MalformedRecordsAreReportedAndSkipped) {
     };
     const TRAN_LOG_MSG bad_tid = event("12x4", "fine"), bad_text = event("1234", "caf\xE9!");
     TRAN_LOG_MSG short_one = event("1234", "short");
+    // Call records whose first time is the largest that fits in microseconds, and one second more.
+    auto call = [&](const char* elapsed) {
+        TRAN_LOG_MSG m = event("1234", "");
+        const uint32_t len = 548;
+        std::memcpy(m.text, &len, sizeof len);
+        m.text[4] = 'C';
+        const std::string text = std::string("1,1,") + elapsed + ",0.000001,0.000001,0.000001,0.000001,0.000001,";
+        std::memcpy(m.text + 4 + kit::body_fields('C', len)[0].offset, text.data(), text.size());
+        return m;
+    };
+    const TRAN_LOG_MSG largest = call("9223372036854.775807"), too_large = call("9223372036854.775808");
     ASSERT_EQ(msgsnd(q, &short_one, 10, 0), 0);
     ASSERT_EQ(msgsnd(q, &bad_tid, VARNIX_REC_TEXT, 0), 0);
     ASSERT_EQ(msgsnd(q, &bad_text, VARNIX_REC_TEXT, 0), 0);
+    ASSERT_EQ(msgsnd(q, &largest, VARNIX_REC_TEXT, 0), 0);
+    ASSERT_EQ(msgsnd(q, &too_large, VARNIX_REC_TEXT, 0), 0);
     ASSERT_LT(TRAN_EVENT(-1, nullptr, 0, nullptr, 0, "AFTER-BAD", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
                          "9003", -1, nullptr, 0, nullptr, 0, "still read", -1),
               99);
     ASSERT_EQ(records_of("AFTER-BAD", "V").size(), 1u);
     std::vector<Json> bad;
-    for (Json& r : records())
+    int largest_read = 0;
+    for (Json& r : records()) {
         if (r.contains("malformed")) bad.push_back(r);
-    ASSERT_EQ(bad.size(), 3u);
+        largest_read += r.value("elapsed_us", int64_t{0}) == INT64_MAX;
+    }
+    EXPECT_EQ(largest_read, 1);
+    ASSERT_EQ(bad.size(), 4u);
+    EXPECT_EQ(bad[3]["malformed"], "call text without its figures");
     EXPECT_EQ(bad[0], Json({{"queue", 0}, {"malformed", "length 10, not 784"}, {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
     EXPECT_EQ(bad[1]["malformed"], "field tid is not a number");
     EXPECT_EQ(bad[2]["malformed"], "field msg_text is not UTF-8");
