@@ -317,7 +317,9 @@ SVC_HASH* add_service(SVC_HASH_TBL& tbl, const ServiceListing& listing) {
         e.prev = *link;
         link = &tbl.entry[*link].next;
     }
-    *link = static_cast<int32_t>(n);
+    // Processes read the chain without the semaphore: the entry is complete
+    // before it becomes reachable.
+    __atomic_store_n(link, static_cast<int32_t>(n), __ATOMIC_RELEASE);
     svc_hash_push(&tbl.svc_used_stk, n);
     ++tbl.svc_cnt;
     return &e;

@@ -231,6 +231,31 @@ TEST_F(Agent, SwitchesChangeWhatTheNextCallSends) {
     EXPECT_LT(call(TRAN_START, listed), 99);
     EXPECT_EQ(call_start("not_traced"), VARNIX_RC_FILTERED);  // C is not among the service's letters
     EXPECT_LT(call(TRAN_END, listed), 99);
+
+    // A reload keeps the entry of a service listed before and after, changed in place.
+    const auto* svc = static_cast<const SVC_HASH_TBL*>(shmat(shmget(conf_.keys.svc_shm, 0, 0), nullptr, SHM_RDONLY));
+    ASSERT_NE(svc, reinterpret_cast<void*>(-1));
+    auto entry_of = [svc](std::string id) -> const SVC_HASH* {
+        id.resize(16, ' ');
+        for (uint32_t i = 0; i < svc->svc_used_stk.cnt; ++i)
+            if (std::memcmp(svc->entry[svc->svc_used_stk.idx[i]].svc_id, id.data(), 16) == 0)
+                return &svc->entry[svc->svc_used_stk.idx[i]];
+        return nullptr;
+    };
+    const SVC_HASH* before = entry_of("LISTED_SVC");
+    ASSERT_TRUE(kit::write_file(dir_ + "/services", "OTHER_SVC S 1 0 0 0\nLISTED_SVC SEC 7 0 0 0\n"));
+    EXPECT_EQ(agent({"set", "services=" + dir_ + "/services"}, &out), 0);
+    EXPECT_NE(out.find("services=2"), std::string::npos);
+    EXPECT_EQ(entry_of("LISTED_SVC"), before);
+    EXPECT_EQ(before->call_trc_depth, 7);
+    ASSERT_TRUE(kit::write_file(dir_ + "/services", "LISTED_SVC SEC 7 0 0 0\n"));
+    EXPECT_EQ(agent({"set", "services=" + dir_ + "/services"}, &out), 0);
+    EXPECT_EQ(entry_of("LISTED_SVC"), before);
+    EXPECT_EQ(entry_of("OTHER_SVC"), nullptr);
+    EXPECT_EQ(call(TRAN_START, other), VARNIX_RC_FILTERED);
+    EXPECT_EQ(svc->svc_cnt, 1u);
+    EXPECT_EQ(svc->svc_used_stk.cnt + svc->svc_free_stk.cnt, static_cast<uint32_t>(VARNIX_TBL_ENTRIES));
+    shmdt(svc);
     EXPECT_EQ(agent({"set", "svc_filtering=0"}), 0);
 }
 
