@@ -13,7 +13,7 @@ using namespace varnix::agent;
 constexpr const char* kUsage =
     "usage: varnix-agent COMMAND [-c FILE] ...\n"
     "  start [--out FILE]   create the IPC objects of FILE and write every record as a JSON line\n"
-    "                       (standard output by default) until SIGINT or SIGTERM\n"
+    "                       (standard output by default) until SIGINT, SIGTERM or SIGHUP\n"
     "  set NAME=VALUE...    change switches: log_flag_set=SEVBCIXQ capture=on|off call_trc_depth=N\n"
     "                       call_trc_limit=US dbio_trc_limit=US sql_trc_limit=US svc_filtering=0|1|2\n"
     "                       fst_err_rc_set=CODE,VERDICT services=FILE (a service table file)\n"

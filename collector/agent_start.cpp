@@ -1,6 +1,6 @@
 // `varnix-agent start`: creates the host's IPC objects, drains every queue
 // into JSON Lines until SIGINT or SIGTERM, then drains what is left and
-// removes everything it created.
+// removes everything it created.  SIGHUP stops it the same way.
 //
 // One thread does everything.  The queues are read without waiting; when a
 // pass over all of them finds nothing the agent sleeps a few milliseconds, so
@@ -9,6 +9,7 @@
 #include <sys/msg.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -27,6 +28,7 @@ namespace varnix::agent {
 namespace {
 
 constexpr long kNothing = -2;
+constexpr long kGone = -3;
 constexpr int kBurst = 256;  // records taken from one queue before the next is served
 constexpr timespec kIdleSleep{0, 2'000'000};
 constexpr int64_t kReportEveryUs = 10'000'000;
@@ -46,22 +48,53 @@ void on_crash(int sig) {
     raise(sig);
 }
 
-bool install_handlers() {
+// Installed before the objects exist: a stop asked while they are being
+// created is seen right after, and everything is removed all the same.
+bool install_stop_handlers() {
     struct sigaction sa{};
     sa.sa_handler = on_stop;  // no SA_RESTART: the idle sleep ends at once
-    bool ok = sigemptyset(&sa.sa_mask) == 0 && sigaction(SIGINT, &sa, nullptr) == 0 &&
-              sigaction(SIGTERM, &sa, nullptr) == 0 && signal(SIGPIPE, SIG_IGN) != SIG_ERR;
-    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGHUP}) ok = signal(sig, on_crash) != SIG_ERR && ok;
+    bool ok = sigemptyset(&sa.sa_mask) == 0 && signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) ok = ok && sigaction(sig, &sa, nullptr) == 0;
     return ok;
 }
 
+bool install_crash_handlers(const kit::Collector& c) {
+    crash_ids = c.ids();
+    bool ok = true;
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) ok = signal(sig, on_crash) != SIG_ERR && ok;
+    return ok;
+}
+
+// From here on no handler runs: the crash handler forgets the ids before the
+// kernel can hand them to somebody else's new objects.
+void quiet_signals() {
+    sigset_t all;
+    if (sigfillset(&all) != 0 || sigprocmask(SIG_BLOCK, &all, nullptr) != 0)
+        std::fprintf(stderr, "varnix-agent: cannot block signals: %s\n", std::strerror(errno));
+    crash_ids = kit::Collector::Ids{};
+}
+
+// Removes every object; 0, or 1 when some could not be (the kit names them).
+int remove_objects(kit::Collector& c) {
+    quiet_signals();
+    const int failed = c.remove();
+    if (failed == 0) {
+        std::fprintf(stderr, "varnix-agent: every object removed\n");
+        return 0;
+    }
+    std::fprintf(stderr, "varnix-agent: %d objects could not be removed; ipcs lists them\n", failed);
+    return 1;
+}
+
 // One message from a queue without waiting: msgrcv's size, kOversized for a
-// message longer than a record (taken off the queue cut), kNothing.
+// message longer than a record (taken off the queue cut), kNothing when the
+// queue is empty, kGone (errno kept) when it cannot be read any more: removed
+// or its permissions changed under the agent.
 long receive(int qid, TRAN_LOG_MSG& m) {
     ssize_t n = msgrcv(qid, &m, VARNIX_REC_TEXT, 0, IPC_NOWAIT);
     if (n >= 0) return n;
-    if (errno != E2BIG) return kNothing;
-    return msgrcv(qid, &m, VARNIX_REC_TEXT, 0, IPC_NOWAIT | MSG_NOERROR) >= 0 ? kOversized : kNothing;
+    if (errno == E2BIG && msgrcv(qid, &m, VARNIX_REC_TEXT, 0, IPC_NOWAIT | MSG_NOERROR) >= 0) return kOversized;
+    return errno == ENOMSG || errno == EINTR ? kNothing : kGone;
 }
 
 long kernel_msgmnb() {
@@ -73,17 +106,16 @@ long kernel_msgmnb() {
     return v;
 }
 
-// Raises every queue's byte limit as far as this process may: past
-// kernel.msgmnb only with CAP_SYS_RESOURCE.
+// Raises every queue's byte limit to the larger of kWantedQueueBytes and
+// kernel.msgmnb, else at least to kernel.msgmnb: past it only with
+// CAP_SYS_RESOURCE.  A limit set higher by somebody else stays.
 void size_queues(const kit::Collector& c) {
-    unsigned long bytes = kWantedQueueBytes;
-    if (c.raise_queue_bytes(bytes) != c.max_que_cnt()) {
-        bytes = static_cast<unsigned long>(kernel_msgmnb());
-        if (bytes > 0) c.raise_queue_bytes(bytes);
-    }
+    const unsigned long msgmnb = static_cast<unsigned long>(std::max(kernel_msgmnb(), 0L));
+    if (c.raise_queue_bytes(std::max(kWantedQueueBytes, msgmnb)) != c.max_que_cnt() && msgmnb > 0)
+        c.raise_queue_bytes(msgmnb);
     msqid_ds ds{};
     if (msgctl(c.msgq_id(0), IPC_STAT, &ds) != 0) return;
-    bytes = ds.msg_qbytes;
+    const unsigned long bytes = ds.msg_qbytes;
     std::fprintf(stderr, "varnix-agent: each queue holds %lu bytes (%lu records)\n", bytes,
                  bytes / (VARNIX_REC_TEXT + sizeof(long)));
     if (bytes < kSmallQueueBytes)
@@ -102,9 +134,15 @@ public:
     int pass() {
         int taken = 0;
         for (int q = 0; q < c_.max_que_cnt(); ++q) {
-            for (int i = 0; i < kBurst; ++i) {
+            for (int i = 0; i < kBurst && !gone_[q]; ++i) {
                 const long size = receive(c_.msgq_id(q), m_);
                 if (size == kNothing) break;
+                if (size == kGone) {
+                    std::fprintf(stderr, "varnix-agent: queue %d cannot be read any more: %s\n", q,
+                                 std::strerror(errno));
+                    gone_[q] = true;
+                    break;
+                }
                 handle(q, size);
                 ++taken;
             }
@@ -113,6 +151,9 @@ public:
         if (taken && std::fflush(out_) != 0) write_failed();
         return taken;
     }
+
+    // A queue was removed or closed to the agent under it: it stops.
+    bool broken() const { return std::find(std::begin(gone_), std::end(gone_), true) != std::end(gone_); }
 
     void tick(int64_t now) {
         if (now >= next_report_) {
@@ -156,13 +197,25 @@ private:
         write_failed_ = true;
     }
 
+    // Processes are looked at before the semaphore is taken: a registering
+    // host thread waits only for the table's own bookkeeping.
     void reclaim() {
-        SemHold hold(c_.ids().ptrc_sem, 50);
-        if (!hold.owns()) return;
-        const Reclaimed r = reclaim_entries(*c_.ptrc());
+        const std::vector<Candidate> found = find_reclaimable(*c_.ptrc());
+        if (found.empty()) return;
+        Reclaimed r;
+        {
+            SemHold hold(c_.ids().ptrc_sem, 50);
+            if (!hold.owns()) return;
+            r = reclaim_entries(*c_.ptrc(), found);
+        }
         if (r.released + r.orphaned > 0)
             std::fprintf(stderr, "varnix-agent: reclaimed %d released and %d orphaned process-thread entries\n",
                          r.released, r.orphaned);
+        for (const Skipped& s : r.skipped)
+            if (s.n >= VARNIX_TBL_ENTRIES || !skip_reported_[s.n]) {
+                std::fprintf(stderr, "varnix-agent: process-thread entry %u left alone: %s\n", s.n, s.why);
+                if (s.n < VARNIX_TBL_ENTRIES) skip_reported_[s.n] = true;
+            }
     }
 
     const kit::Collector& c_;
@@ -173,11 +226,13 @@ private:
     int64_t next_report_ = monotonic_us() + kReportEveryUs;
     int64_t next_reclaim_ = 0;
     bool write_failed_ = false;
+    bool gone_[VARNIX_MAX_QUE_CNT] = {};
+    std::vector<bool> skip_reported_ = std::vector<bool>(VARNIX_TBL_ENTRIES);  // each inconsistency once
 };
 
 int run(const kit::Collector& c, std::FILE* out) {
     Drain drain(c, out);
-    while (!stop_asked) {
+    while (!stop_asked && !drain.broken()) {
         const int taken = drain.pass();
         drain.tick(monotonic_us());
         if (!taken) nanosleep(&kIdleSleep, nullptr);
@@ -187,7 +242,7 @@ int run(const kit::Collector& c, std::FILE* out) {
     while (drain.pass() > 0 && monotonic_us() < deadline) {
     }
     drain.finish();
-    return 0;
+    return drain.broken() ? 1 : 0;
 }
 
 bool refuse_if_present(const char* cfg) {
@@ -209,19 +264,25 @@ int start_command(const Options& o) {
         std::fprintf(stderr, "varnix-agent: cannot write %s: %s\n", o.out.c_str(), std::strerror(errno));
         return 1;
     }
-    kit::Collector c;
-    if (c.create(cfg) != 0) return 1;
-    crash_ids = c.ids();
-    if (!install_handlers()) {
+    if (!install_stop_handlers()) {
         std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
         return 1;
     }
-    size_queues(c);
-    std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT or SIGTERM stops it\n",
-                 c.max_que_cnt(), cfg);
-    const int rc = run(c, out);
-    c.remove();
-    std::fprintf(stderr, "varnix-agent: every object removed\n");
+    kit::Collector c;
+    if (c.create(cfg) != 0) return 1;
+    if (!install_crash_handlers(c)) {
+        std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
+        remove_objects(c);
+        return 1;
+    }
+    int rc = 0;
+    if (!stop_asked) {
+        size_queues(c);
+        std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT, SIGTERM or SIGHUP stops it\n",
+                     c.max_que_cnt(), cfg);
+        rc = run(c, out);
+    }
+    if (remove_objects(c) != 0) rc = 1;
     if (out != stdout && std::fclose(out) != 0) return 1;
     return rc;
 }

@@ -230,10 +230,21 @@ void remove_ids(const Collector::Ids& ids) {
     for_each_object(ids, [](const IpcObject& o) { remove_object(o); });
 }
 
-void Collector::remove() {
+int Collector::remove() {
+    // An object already gone (removed behind the kit's back) counts as
+    // removed; any other refusal leaves it listed in the manifest.
     std::vector<IpcObject> removed;
-    for_each_object(ids_, [&](const IpcObject& o) { removed.push_back(o); });
-    remove_ids(ids_);
+    int failed = 0;
+    for_each_object(ids_, [&](const IpcObject& o) {
+        if (remove_object(o) == 0 || errno == EINVAL || errno == EIDRM) {
+            removed.push_back(o);
+            return;
+        }
+        const std::string_view kind = kind_name(o.kind);
+        std::fprintf(stderr, "[kit] cannot remove %.*s id %d: %s\n", static_cast<int>(kind.size()), kind.data(), o.id,
+                     std::strerror(errno));
+        ++failed;
+    });
     if (!removed.empty()) unlist_removed(removed);
     for (void* addr : {static_cast<void*>(que_info_), static_cast<void*>(svc_), static_cast<void*>(ptrc_)})
         if (addr) shmdt(addr);
@@ -242,6 +253,7 @@ void Collector::remove() {
     svc_ = nullptr;
     ptrc_ = nullptr;
     max_que_cnt_ = 0;
+    return failed;
 }
 
 int Collector::raise_queue_bytes(unsigned long bytes) const {
@@ -249,6 +261,10 @@ int Collector::raise_queue_bytes(unsigned long bytes) const {
     for (int i = 0; i < max_que_cnt_; ++i) {
         msqid_ds ds{};
         if (msgctl(ids_.msgq[i], IPC_STAT, &ds) != 0) continue;
+        if (ds.msg_qbytes >= bytes) {
+            ++raised;
+            continue;
+        }
         ds.msg_qbytes = bytes;
         if (msgctl(ids_.msgq[i], IPC_SET, &ds) == 0) ++raised;
     }
@@ -301,7 +317,9 @@ SVC_HASH* add_service(SVC_HASH_TBL& tbl, const ServiceListing& listing) {
         e.prev = *link;
         link = &tbl.entry[*link].next;
     }
-    *link = static_cast<int32_t>(n);
+    // Processes read the chain without the semaphore: the entry is complete
+    // before it becomes reachable.
+    __atomic_store_n(link, static_cast<int32_t>(n), __ATOMIC_RELEASE);
     svc_hash_push(&tbl.svc_used_stk, n);
     ++tbl.svc_cnt;
     return &e;

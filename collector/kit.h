@@ -74,8 +74,9 @@ public:
     // Creates every object the configuration file names; 0, or -1 with a
     // message on standard error (objects created so far are removed).
     int create(const char* cfg_path);
-    // Removes every object this collector created.  Safe to call again.
-    void remove();
+    // Removes every object this collector created; the number it could not
+    // remove (each reported on standard error).  Safe to call again.
+    int remove();
 
     TRAN_LOGF_QUE_INFO* que_info() const { return que_info_; }
     PTRC_HASH_TBL* ptrc() const { return ptrc_; }
@@ -83,9 +84,9 @@ public:
     int max_que_cnt() const { return max_que_cnt_; }
     int msgq_id(int q) const { return ids_.msgq[q]; }
 
-    // Raises the byte limit of every queue to `bytes`, as far as this process
-    // is permitted (raising it past kernel.msgmnb takes CAP_SYS_RESOURCE); the
-    // number of queues raised.
+    // Raises the byte limit of every queue below `bytes` to `bytes`, as far as
+    // this process is permitted (past kernel.msgmnb takes CAP_SYS_RESOURCE);
+    // never lowers one.  The number of queues that hold `bytes` afterwards.
     int raise_queue_bytes(unsigned long bytes) const;
 
     // One record from queue q, or from the first non-empty queue when q < 0,

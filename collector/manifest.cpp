@@ -62,7 +62,7 @@ std::string manifest_text(const Registry& r) {
     std::snprintf(line, sizeof line, "pid %d\n", static_cast<int>(r.owner));
     std::string text = line;
     for (const IpcObject& o : r.objects) {
-        const std::string_view kind = kKindNames[static_cast<size_t>(o.kind)];
+        const std::string_view kind = kind_name(o.kind);
         std::snprintf(line, sizeof line, "%.*s %d %d\n", static_cast<int>(kind.size()), kind.data(), o.id,
                       static_cast<int>(o.key));
         text += line;
@@ -105,6 +105,8 @@ void change(std::span<const IpcObject> objects, Drop drop, bool add) {
 }
 
 }  // namespace
+
+std::string_view kind_name(IpcKind kind) { return kKindNames[static_cast<size_t>(kind)]; }
 
 std::string manifest_dir() {
     const uid_t uid = geteuid();

@@ -14,11 +14,15 @@
 
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace varnix::kit {
 
 enum class IpcKind { shm, sem, msg };
+
+// "shm", "sem" or "msg", as manifests name the kinds.
+std::string_view kind_name(IpcKind kind);
 
 struct IpcObject {
     IpcKind kind;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
+#include <map>
 #include <set>
 
 #include "context/tables.h"
@@ -55,6 +57,38 @@ const char* parse_line(char* line, kit::ServiceListing& s) {
     return nullptr;
 }
 
+std::string padded_id(const std::string& id) {
+    std::string p(kSvcIdMax, ' ');
+    p.replace(0, std::min(id.size(), kSvcIdMax), id, 0, kSvcIdMax);
+    return p;
+}
+
+void update_entry(SVC_HASH& e, const kit::ServiceListing& s) {
+    e.svc_flag_set = s.flags;
+    e.call_trc_depth = s.call_trc_depth;
+    e.call_trc_limit = s.call_trc_limit;
+    e.dbio_trc_limit = s.dbio_trc_limit;
+    e.sql_trc_limit = s.sql_trc_limit;
+}
+
+bool is_entry_no(int32_t n) { return n >= 0 && n < VARNIX_TBL_ENTRIES; }
+
+// Unlinks entry n and frees it.  Its own next link stays, so that a process
+// reading the chain at it walks on; its id is cleared, so that no lookup
+// matches it any more.
+void drop_entry(SVC_HASH_TBL& tbl, uint32_t n) {
+    SVC_HASH& e = tbl.entry[n];
+    const int32_t prev = e.prev, next = is_entry_no(e.next) ? e.next : -1;
+    if (is_entry_no(prev))
+        __atomic_store_n(&tbl.entry[prev].next, next, __ATOMIC_RELEASE);
+    else if (e.hidx < VARNIX_HASH_BUCKETS && tbl.svc_hash_idx[e.hidx] == static_cast<int32_t>(n))
+        __atomic_store_n(&tbl.svc_hash_idx[e.hidx], next, __ATOMIC_RELEASE);
+    if (next >= 0) tbl.entry[next].prev = prev;
+    std::memset(e.svc_id, 0, sizeof e.svc_id);
+    svc_hash_push(&tbl.svc_free_stk, n);
+    if (tbl.svc_cnt > 0) --tbl.svc_cnt;
+}
+
 }  // namespace
 
 bool read_service_file(const std::string& path, std::vector<kit::ServiceListing>& out) {
@@ -84,8 +118,40 @@ bool read_service_file(const std::string& path, std::vector<kit::ServiceListing>
 }
 
 void load_services(SVC_HASH_TBL& tbl, const std::vector<kit::ServiceListing>& listings) {
-    init_svc_hash_tbl(tbl);
-    for (const kit::ServiceListing& s : listings) kit::add_service(tbl, s);
+    HASH_IDX_STK& used = tbl.svc_used_stk;
+    if (used.cnt > VARNIX_TBL_ENTRIES || tbl.svc_free_stk.cnt > VARNIX_TBL_ENTRIES) {
+        init_svc_hash_tbl(tbl);  // nothing in it can be trusted: built afresh
+        for (const kit::ServiceListing& s : listings) kit::add_service(tbl, s);
+        return;
+    }
+    std::map<std::string, size_t> wanted;  // padded id -> listing
+    for (size_t i = 0; i < listings.size(); ++i) wanted.emplace(padded_id(listings[i].svc_id), i);
+    std::vector<bool> present(listings.size()), dropped(VARNIX_TBL_ENTRIES);
+    // Listed before and after: updated where it stands.
+    for (uint32_t i = 0; i < used.cnt; ++i) {
+        const uint32_t n = used.idx[i];
+        if (n >= VARNIX_TBL_ENTRIES) continue;
+        SVC_HASH& e = tbl.entry[n];
+        const auto it = wanted.find(std::string(e.svc_id, sizeof e.svc_id));
+        if (it == wanted.end() || present[it->second]) {
+            dropped[n] = true;  // no longer listed, or a second entry of one id
+            continue;
+        }
+        present[it->second] = true;
+        update_entry(e, listings[it->second]);
+    }
+    // New ones are complete before they are linked.
+    for (size_t i = 0; i < listings.size(); ++i)
+        if (!present[i]) kit::add_service(tbl, listings[i]);
+    // From the top down: the number moved into a freed position has been
+    // looked at already.
+    for (uint32_t i = used.cnt; i-- > 0;) {
+        const uint32_t n = used.idx[i];
+        if (n >= VARNIX_TBL_ENTRIES || !dropped[n]) continue;
+        drop_entry(tbl, n);
+        used.idx[i] = used.idx[used.cnt - 1];
+        --used.cnt;
+    }
 }
 
 }  // namespace varnix::agent

@@ -23,8 +23,10 @@ namespace varnix::agent {
 // error, for a file that cannot be read or a line that is not a listing.
 bool read_service_file(const std::string& path, std::vector<kit::ServiceListing>& out);
 
-// Empties the table and lists the services in it; the caller holds the
-// table's semaphore.
+// Makes the table list exactly these services while traced processes read it
+// without a lock: entries of services listed before and after are updated in
+// place, new ones linked once complete, the others unlinked.  A service that
+// stays listed is found at every moment.  The caller holds the semaphore.
 void load_services(SVC_HASH_TBL& tbl, const std::vector<kit::ServiceListing>& listings);
 
 }  // namespace varnix::agent

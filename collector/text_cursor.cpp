@@ -34,7 +34,14 @@ bool TextCursor::secs(int64_t& us) {
         s_ = keep;
         return false;
     }
-    us = whole * kUsPerSec + (negative ? -frac : frac);
+    // A malformed record may carry more seconds than microseconds can count.
+    int64_t whole_us = 0, total = 0;
+    if (__builtin_mul_overflow(whole, kUsPerSec, &whole_us) ||
+        __builtin_add_overflow(whole_us, negative ? -frac : frac, &total)) {
+        s_ = keep;
+        return false;
+    }
+    us = total;
     return true;
 }
 

@@ -25,7 +25,7 @@ public:
         v = static_cast<T>(wide);
         return true;
     }
-    // "seconds.uuuuuu" as microseconds.
+    // "seconds.uuuuuu" as microseconds; false when they do not fit.
     bool secs(int64_t& us);
     // The text before the next `delim`, consuming both.
     bool until(std::string_view delim, std::string_view& out);

@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "collector/decode.h"
 #include "support/calls.h"
 #include "support/in_child.h"
 
@@ -230,6 +231,31 @@ TEST_F(Agent, SwitchesChangeWhatTheNextCallSends) {
     EXPECT_LT(call(TRAN_START, listed), 99);
     EXPECT_EQ(call_start("not_traced"), VARNIX_RC_FILTERED);  // C is not among the service's letters
     EXPECT_LT(call(TRAN_END, listed), 99);
+
+    // A reload keeps the entry of a service listed before and after, changed in place.
+    const auto* svc = static_cast<const SVC_HASH_TBL*>(shmat(shmget(conf_.keys.svc_shm, 0, 0), nullptr, SHM_RDONLY));
+    ASSERT_NE(svc, reinterpret_cast<void*>(-1));
+    auto entry_of = [svc](std::string id) -> const SVC_HASH* {
+        id.resize(16, ' ');
+        for (uint32_t i = 0; i < svc->svc_used_stk.cnt; ++i)
+            if (std::memcmp(svc->entry[svc->svc_used_stk.idx[i]].svc_id, id.data(), 16) == 0)
+                return &svc->entry[svc->svc_used_stk.idx[i]];
+        return nullptr;
+    };
+    const SVC_HASH* before = entry_of("LISTED_SVC");
+    ASSERT_TRUE(kit::write_file(dir_ + "/services", "OTHER_SVC S 1 0 0 0\nLISTED_SVC SEC 7 0 0 0\n"));
+    EXPECT_EQ(agent({"set", "services=" + dir_ + "/services"}, &out), 0);
+    EXPECT_NE(out.find("services=2"), std::string::npos);
+    EXPECT_EQ(entry_of("LISTED_SVC"), before);
+    EXPECT_EQ(before->call_trc_depth, 7);
+    ASSERT_TRUE(kit::write_file(dir_ + "/services", "LISTED_SVC SEC 7 0 0 0\n"));
+    EXPECT_EQ(agent({"set", "services=" + dir_ + "/services"}, &out), 0);
+    EXPECT_EQ(entry_of("LISTED_SVC"), before);
+    EXPECT_EQ(entry_of("OTHER_SVC"), nullptr);
+    EXPECT_EQ(call(TRAN_START, other), VARNIX_RC_FILTERED);
+    EXPECT_EQ(svc->svc_cnt, 1u);
+    EXPECT_EQ(svc->svc_used_stk.cnt + svc->svc_free_stk.cnt, static_cast<uint32_t>(VARNIX_TBL_ENTRIES));
+    shmdt(svc);
     EXPECT_EQ(agent({"set", "svc_filtering=0"}), 0);
 }
 
@@ -266,12 +292,39 @@ TEST_F(Agent, TopShowsAServiceInFlightAndAKilledProcessIsReclaimed) {
     EXPECT_NE(top.find(pid_col), std::string::npos) << top;
     EXPECT_NE(top.find("HOLD-GID                          HOLD_SVC\n"), std::string::npos) << top;
 
-    ASSERT_EQ(kill(child, SIGKILL), 0);
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    EXPECT_TRUE(wait_for([&] { return entries_of(child) == 0; }));
-    // Read under the semaphore, so that no registration runs meanwhile.
+    // Read and written under the semaphore, so that no registration runs meanwhile.
     const int sem = semget(conf_.keys.ptrc_sem, 1, 0);
     sembuf take{0, -1, SEM_UNDO}, give{0, 1, SEM_UNDO};
+    // An entry of this live process marked long before it started: its pid
+    // has been reused since, and the entry goes like the killed child's.
+    const int mine = entries_of(getpid());
+    auto* w = static_cast<PTRC_HASH_TBL*>(shmat(shm, nullptr, 0));
+    ASSERT_NE(w, reinterpret_cast<void*>(-1));
+    ASSERT_EQ(semop(sem, &take, 1), 0);
+    const uint32_t stale = w->free_stk.idx[--w->free_stk.cnt];
+    PTRC_HASH& e = w->entry[stale];
+    std::memset(&e, 0, sizeof e);
+    e.pidx = stale;
+    e.prev = e.next = -1;
+    for (int32_t* link = &w->hash_idx[0];; link = &w->entry[*link].next)
+        if (*link == -1) {
+            *link = static_cast<int32_t>(stale);
+            break;
+        } else {
+            e.prev = *link;
+        }
+    e.pid = getpid();
+    e.svc_mark_time = 1;
+    e.ptrc_state = VARNIX_PTRC_REGISTERED;
+    w->used_stk.idx[w->used_stk.cnt++] = stale;
+    ++w->used_cnt;
+    ASSERT_EQ(semop(sem, &give, 1), 0);
+    shmdt(w);
+
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_TRUE(wait_for([&] { return entries_of(child) == 0 && t->entry[stale].ptrc_state == 0; }));
+    EXPECT_EQ(entries_of(getpid()), mine);  // the entries this process registered itself stay
     ASSERT_EQ(semop(sem, &take, 1), 0);
     std::bitset<VARNIX_TBL_ENTRIES> chained, listed;
     EXPECT_EQ(chained_entries(*t, chained), static_cast<int>(t->used_stk.cnt));
@@ -304,17 +357,35 @@ TEST_F(Agent, MalformedRecordsAreReportedAndSkipped) {
     };
     const TRAN_LOG_MSG bad_tid = event("12x4", "fine"), bad_text = event("1234", "caf\xE9!");
     TRAN_LOG_MSG short_one = event("1234", "short");
+    // Call records whose first time is the largest that fits in microseconds, and one second more.
+    auto call = [&](const char* elapsed) {
+        TRAN_LOG_MSG m = event("1234", "");
+        const uint32_t len = 548;
+        std::memcpy(m.text, &len, sizeof len);
+        m.text[4] = 'C';
+        const std::string text = std::string("1,1,") + elapsed + ",0.000001,0.000001,0.000001,0.000001,0.000001,";
+        std::memcpy(m.text + 4 + kit::body_fields('C', len)[0].offset, text.data(), text.size());
+        return m;
+    };
+    const TRAN_LOG_MSG largest = call("9223372036854.775807"), too_large = call("9223372036854.775808");
     ASSERT_EQ(msgsnd(q, &short_one, 10, 0), 0);
     ASSERT_EQ(msgsnd(q, &bad_tid, VARNIX_REC_TEXT, 0), 0);
     ASSERT_EQ(msgsnd(q, &bad_text, VARNIX_REC_TEXT, 0), 0);
+    ASSERT_EQ(msgsnd(q, &largest, VARNIX_REC_TEXT, 0), 0);
+    ASSERT_EQ(msgsnd(q, &too_large, VARNIX_REC_TEXT, 0), 0);
     ASSERT_LT(TRAN_EVENT(-1, nullptr, 0, nullptr, 0, "AFTER-BAD", -1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0,
                          "9003", -1, nullptr, 0, nullptr, 0, "still read", -1),
               99);
     ASSERT_EQ(records_of("AFTER-BAD", "V").size(), 1u);
     std::vector<Json> bad;
-    for (Json& r : records())
+    int largest_read = 0;
+    for (Json& r : records()) {
         if (r.contains("malformed")) bad.push_back(r);
-    ASSERT_EQ(bad.size(), 3u);
+        largest_read += r.value("elapsed_us", int64_t{0}) == INT64_MAX;
+    }
+    EXPECT_EQ(largest_read, 1);
+    ASSERT_EQ(bad.size(), 4u);
+    EXPECT_EQ(bad[3]["malformed"], "call text without its figures");
     EXPECT_EQ(bad[0], Json({{"queue", 0}, {"malformed", "length 10, not 784"}, {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
     EXPECT_EQ(bad[1]["malformed"], "field tid is not a number");
     EXPECT_EQ(bad[2]["malformed"], "field msg_text is not UTF-8");
