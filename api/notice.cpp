@@ -13,6 +13,17 @@ constexpr int kChnlClassAt = 215;
 
 }  // namespace
 
+const char* result_error_no(char result) {
+    switch (result) {
+        case '0':
+        case ' ': return nullptr;
+        case '1': return "1105";
+        case '8': return "1106";
+        case '9': return "1107";
+        default: return "9999";
+    }
+}
+
 int record_context(char log_type, int32_t tid, MTR_CXT_VAR*& cxt) {
     if (int rc = check_gvar(log_type); rc != kOk) return rc;
     return get_mtr_cxt_var(tid, &cxt);

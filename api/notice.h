@@ -37,6 +37,11 @@ int send_notice(MTR_CXT_VAR& cxt, const NoticeLayout& layout, const Notice& n, T
 Text level_gid(const SvcLevel& level);
 Text level_svc_id(const SvcLevel& level);
 
+// The error-information number of a telegram's processing result code:
+// "1105", "1106" or "1107" for 1, 8 and 9, "9999" for any other failure;
+// null for a normal result ('0' or blank).
+const char* result_error_no(char result);
+
 // Each returns the queue that carried the record, or the status that stopped it.
 int tran_event(int32_t tid, const Notice& n);
 // The same on a context the caller already holds (the library's own notices

@@ -8,6 +8,7 @@
 #include <sys/time.h>
 
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 #include "context/mtr_cxt.h"
@@ -26,6 +27,12 @@ struct ServiceArgs {
     // bytes from the channel type on, which may be longer than the column.
     Text snapshot_key{};
 };
+
+// ICT and ICC: channels that carry nested levels of other transactions
+// (channel class "C").  Reads the first three bytes of `chnl`.
+inline bool internal_channel(const char* chnl) {
+    return std::strncmp(chnl, "ICT", 3) == 0 || std::strncmp(chnl, "ICC", 3) == 0;
+}
 
 // Index in the tail of the columns the entries themselves look at.
 inline constexpr int kTailChnlTypCd = 2;

@@ -93,8 +93,7 @@ void mark_outermost_start(const ServiceKind& kind, MTR_CXT_VAR& cxt) {
     std::memcpy(e.main_svc_id, b + hdr::kSvcId, sizeof e.main_svc_id);
     std::memcpy(e.main_recv_svc_cd, b + kind.tail[kTailRecvSvcCd].offset, sizeof e.main_recv_svc_cd);
     const char* chnl = b + kind.tail[kTailChnlTypCd].offset;
-    const bool internal = std::strncmp(chnl, "ICT", 3) == 0 || std::strncmp(chnl, "ICC", 3) == 0;
-    e.chnl_class = kind.channel_class && internal ? 'C' : 'O';
+    e.chnl_class = kind.channel_class && internal_channel(chnl) ? 'C' : 'O';
 }
 
 void mark_outermost_end(PTRC_HASH& e) {

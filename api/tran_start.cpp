@@ -21,7 +21,7 @@ constexpr int kGidCompared = 30;
 // channel type given shorter than three characters is neither.
 bool quiet_channel(Text chnl) {
     if (!chnl.p || (chnl.len >= 0 && chnl.len < 3)) return false;
-    return std::strncmp(chnl.p, "ICT", 3) == 0 || std::strncmp(chnl.p, "ICC", 3) == 0;
+    return internal_channel(chnl.p);
 }
 
 // The argument's first characters (at most 30) equal the kept GID's; an

@@ -74,7 +74,7 @@ bool same_text(Text a, Text b, int64_t width) {
     return width > 0 && view(c_prefix(a, width)) == view(c_prefix(b, width));
 }
 
-bool failed_result(Text code) { return code.len > 0 && code.p[0] != '0' && code.p[0] != ' '; }
+bool failed_result(Text code) { return code.len > 0 && result_error_no(code.p[0]); }
 
 // The arguments of the two entries.
 struct StdCall {
@@ -150,6 +150,8 @@ public:
     bool internal() const { return internal_; }
     Text snapshot_key() const { return snapshot_key_; }
     bool failed() const { return failed_result(result_); }
+    // The processing result code; only called once failed() said so.
+    char result() const { return result_.p[0]; }
 
 private:
     // The 2 group-company bytes and the 4 branch bytes, read as one text.
@@ -276,12 +278,10 @@ private:
     void send_first_message(int64_t code_len) {
         TextOut<1 + 9 + 2 + 300> text;
         message_text(text, c_.t, pos_, code_len, _RSPS_MSG_CTT);
-        const Text result = table_span(c_.t, _PROC_RSLT_DV_CD);
-        const char kind = result.len > 0 ? result.p[0] : ' ';
         Notice n;
         n.gid = gid_or_telegram(c_, col_);
         n.svc_id = c_.adjusted_svc();
-        n.code = {kind == '1' ? "1105" : kind == '8' ? "1106" : kind == '9' ? "1107" : "9999", 4};
+        n.code = {result_error_no(col_.result()), 4};
         n.recv_svc_cd = col_.column(kTailRecvSvcCd);
         n.chnl_class = {col_.internal() ? "C" : "O", 1};
         n.msg_text = {text.data(), text.size()};

@@ -84,25 +84,8 @@ ServiceArgs service_args(jlong tid, const JavaChars& gid, const JavaChars& svc, 
     return ServiceArgs{native_tid(tid), kAbsent, kAbsent, g, svc.text(), kAbsent, kAbsent, kAbsent, tail};
 }
 
-// The error number of a failed processing result, or null when it succeeded.
-const char* error_no(char rslt) {
-    switch (rslt) {
-        case '0':
-        case ' ':
-            return nullptr;
-        case '1':
-            return "1105";
-        case '8':
-            return "1106";
-        case '9':
-            return "1107";
-        default:
-            return "9999";
-    }
-}
-
 void report_error(const ServiceArgs& a, const char* sttl, jsize len) {
-    const char* evt = error_no(sttl[kRsltOffset]);
+    const char* evt = result_error_no(sttl[kRsltOffset]);
     if (!evt) return;
     (void)service_error(kStandardService, a);
     if (len != kSttlLen) {
@@ -110,14 +93,12 @@ void report_error(const ServiceArgs& a, const char* sttl, jsize len) {
                    kSttlLen, kSttlGidWidth, kSttlGidWidth, sttl);
         return;
     }
-    const char* chnl = sttl + kSttlChnl.offset;
-    const bool inner = std::memcmp(chnl, "ICT", 3) == 0 || std::memcmp(chnl, "ICC", 3) == 0;
     Notice n;
     n.gid = a.gid;
     n.svc_id = a.svc_id;
     n.code = {evt, 4};
     n.recv_svc_cd = {sttl + kSttlRecvSvc.offset, kSttlRecvSvc.width};
-    n.chnl_class = {inner ? "C" : "O", 1};
+    n.chnl_class = {internal_channel(sttl + kSttlChnl.offset) ? "C" : "O", 1};
     n.msg_text = {sttl + kSttlMsgOffset, -1};
     (void)tran_errinfo(a.tid, n);
 }
