@@ -130,8 +130,9 @@ TEST_F(LogPrintf, FirstMessageOfANewDayOpensThatDaysFile) {
                 read_file(day2).find("day one") == std::string::npos);
 }
 
-// Every line is one whole message; each writer's lines keep their order.
-TEST_F(LogPrintf, ConcurrentWritersProduceWholeLines) {
+// Every line is one whole message; each writer's lines keep their order.  A
+// thread cancelled while it logs writes its line whole and leaves the log usable.
+TEST_F(LogPrintf, ConcurrentAndCancelledWritersProduceWholeLines) {
     constexpr int kThreads = 4, kLines = 300;
     ASSERT_EQ(open_log(dir_.path().c_str(), "libvarnix", 0), 0);
     auto message = [](int t, int n) {
@@ -149,31 +150,24 @@ TEST_F(LogPrintf, ConcurrentWritersProduceWholeLines) {
     }
     EXPECT_EQ(bad_lines, 0);
     EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
-}
 
-// A host thread cancelled while it logs: the line is written whole and the
-// log stays usable; the cancel takes effect after the log call.
-void* log_with_cancel_pending(void* logged) {
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    (void)pthread_cancel(pthread_self());
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    log_printf("(I) from a thread about to be cancelled");
-    *static_cast<bool*>(logged) = true;
-    pthread_testcancel();
-    return nullptr;
-}
-
-TEST_F(LogPrintf, CancelledThreadLeavesTheLogUsable) {
-    ASSERT_EQ(open_log(dir_.path().c_str(), "libvarnix", 0), 0);
     bool logged = false;
     pthread_t th;
-    ASSERT_EQ(pthread_create(&th, nullptr, log_with_cancel_pending, &logged), 0);
+    ASSERT_EQ(pthread_create(&th, nullptr, +[](void* logged) -> void* {
+        (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        (void)pthread_cancel(pthread_self());
+        (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+        log_printf("(I) from a thread about to be cancelled");
+        *static_cast<bool*>(logged) = true;  // the cancel takes effect after the log call
+        pthread_testcancel();
+        return nullptr;
+    }, &logged), 0);
     void* result = nullptr;
     ASSERT_EQ(pthread_join(th, &result), 0);
     EXPECT_EQ(result, PTHREAD_CANCELED);
     EXPECT_TRUE(logged);
+    EXPECT_EQ(log_messages(read_file(path()), 0).back(), "(I) from a thread about to be cancelled");
     expect_logged(path(), "(I) after the cancelled thread");
-    EXPECT_NE(read_file(path()).find("from a thread about to be cancelled\n"), std::string::npos);
 }
 
 }  // namespace
