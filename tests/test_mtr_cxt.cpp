@@ -108,15 +108,12 @@ TEST_F(MtrCxt, DeadThreadIsReclaimedOnTheNextMissOfItsBucket) {
     EXPECT_EQ(b.mtr_cnt, count);
 }
 
-// The handle of an ended thread goes to the next new thread: that thread
-// starts afresh instead of inheriting the ended one's open service.
+// A new thread that gets an ended thread's handle does not inherit its open service.
 TEST_F(MtrCxt, ReusedThreadHandleStartsFresh) {
     pthread_t first{};
     PTRC_HASH* old_entry = nullptr;
     std::thread([&] {
-        ServiceCall s;
-        s.gid = "ENDED-GID";
-        s.svc_id = "SVC-ENDED";
+        const ServiceCall s{.gid = "ENDED-GID", .svc_id = "SVC-ENDED"};
         MTR_CXT_VAR* cxt = nullptr;
         if (call(TRAN_START, s) < VARNIX_MAX_QUE_CNT && get_mtr_cxt_var(-1, &cxt) == 0) old_entry = cxt->ptrc;
         first = pthread_self();
@@ -141,17 +138,14 @@ TEST_F(MtrCxt, ReusedThreadHandleStartsFresh) {
     EXPECT_EQ(fresh->ptrc->service_depth, 0);
 }
 
-// A busy server's threads spread over the buckets: 256 of them in a service
-// at once are all traced.  Ids that callers give keep their byte buckets.
+// 256 threads in a service at once are all traced; caller-given ids keep their byte buckets.
 TEST_F(MtrCxt, ManyThreadsSpreadOverTheBuckets) {
     constexpr int kThreads = 256;
     Drainer drainer;
     std::atomic<int> refused{0};
     std::latch in_service(kThreads);
     ThreadGroup threads(kThreads, [&](int t) {
-        ServiceCall s;
-        s.gid = "MANY-" + std::to_string(t);
-        s.svc_id = "SVC-MANY";
+        const ServiceCall s{.gid = "MANY-" + std::to_string(t), .svc_id = "SVC-MANY"};
         // A registration that gave up waiting for a busy table is tried
         // again by the next call; a full bucket would refuse every time.
         auto refused_now = [](int32_t rc) { return rc == VARNIX_RC_NO_CONTEXT || rc == VARNIX_RC_PTRC_FULL; };
