@@ -67,15 +67,12 @@ protected:
     TempDir dir_;
 };
 
-// Runs first: nothing has given the log a directory yet.
-TEST_F(LogPrintf, MessagesBeforeAnyDirectoryAreDropped) {
+// The binary's first test: before any directory was given, messages are dropped.
+TEST_F(LogPrintf, WritesOneStampedLinePerMessageCutTo4095BytesAndRefusesBadPlaces) {
     EXPECT_EQ(log_printf("(I) too early %d", 42), 16);
     check_day();
     EXPECT_EQ(open_log(nullptr, nullptr, 0), -1);
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::path("/") / log_name("libvarnix")));
-}
-
-TEST_F(LogPrintf, WritesOneStampedLinePerMessageCutTo4095BytesAndRefusesBadPlaces) {
     ASSERT_EQ(open_log(dir_.path().c_str(), "libvarnix", 0), 0);
     EXPECT_TRUE(files_in(dir_.path()) == 1 && mode_of(path()) == 0666u);
     expect_logged(path(), "<!> 한글 메시지 % 100");
