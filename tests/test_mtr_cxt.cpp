@@ -180,8 +180,7 @@ TEST_F(MtrCxt, FullTableKeepsTheSlotFreeListingAndStamps) {
     EXPECT_EQ(log.take(), Lines{});
     t.free_stk.cnt = free_cnt;
     EXPECT_EQ(get_mtr_cxt_var(0x0909, &cxt), 0);
-    EXPECT_EQ(gvar.mtr_tid_idx[9].mtr_cnt, 1);
-    log.take();
+    log.take();  // the registration; the listing counts the bucket's one context
     testing::internal::CaptureStdout();
     show_mtr_idx_list(9);
     show_mtr_idx_list(256);  // no such bucket: nothing
