@@ -24,8 +24,7 @@ namespace {
 using namespace test;
 using Clock = std::chrono::steady_clock;
 
-// The first text byte (a sequence number in these tests) of the next record of `type`, taken without
-// waiting; -1 when there is none.
+// The first text byte (here a sequence number) of the next record of `type`, never waiting; -1: none.
 int next_seq(int qid, long type) {
     TRAN_LOG_MSG m{};
     return read_msgq(qid, type, &m, VARNIX_REC_TEXT, 1) >= 0 ? static_cast<unsigned char>(m.text[0]) : -1;

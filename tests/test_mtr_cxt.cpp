@@ -206,21 +206,18 @@ TEST_F(MtrCxt, FullTableKeepsTheSlotFreeListingAndStamps) {
 }
 
 TEST(SetContNm, LastMatchingStringAfterTheFirstWins) {
-    char dest[31] = "unchanged";
+    auto cont_nm = [](const char* block, size_t len) {
+        char dest[31] = "unchanged";
+        set_cont_nm(block, len, dest, "-Dname");
+        return std::string(dest);
+    };
     const char block[] = "java\0-Dname=first\0-Xmx1g\0-Dname=second=x\0\0-Dname=after";
-    set_cont_nm(block, sizeof block - 1, dest, "-Dname");
-    EXPECT_STREQ(dest, "second=x");
-
+    EXPECT_EQ(cont_nm(block, sizeof block - 1), "second=x");
     // The first string is never examined; an unterminated last one is bounded by the length.
-    std::strcpy(dest, "unchanged");
     const char first_only[] = "-Dname=zero\0-Dname=0123456789012345678901234567890123456789";
-    set_cont_nm(first_only, sizeof first_only - 1, dest, "-Dname");
-    EXPECT_STREQ(dest, "012345678901234567890123456789");
-    std::strcpy(dest, "unchanged");
-    set_cont_nm(first_only, 11, dest, "-Dname");
-    EXPECT_STREQ(dest, "unchanged");
-    set_cont_nm(nullptr, 10, dest, "-Dname");
-    EXPECT_STREQ(dest, "unchanged");
+    EXPECT_EQ(cont_nm(first_only, sizeof first_only - 1), "012345678901234567890123456789");
+    EXPECT_EQ(cont_nm(first_only, 11), "unchanged");
+    EXPECT_EQ(cont_nm(nullptr, 10), "unchanged");
 }
 
 }  // namespace
