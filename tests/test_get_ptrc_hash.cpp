@@ -7,6 +7,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 #include "context/hash.h"
@@ -76,14 +77,12 @@ TEST_F(PtrcHashTest, RegistrationFillsAnEntryAndChainsIt) {
     auto want = std::make_unique<PTRC_HASH>();
     want->pidx = 9999, want->hidx = bucket, want->prev = want->next = -1, want->reg_flag = '1';
     std::memset(want->proc_nm, 'p', 30);
-    std::memcpy(want->cont_nm, "cont01", 6);
-    std::memcpy(want->key_pid, "00004321", 8);
-    std::memcpy(want->key_tid, "140001234567890", 15);
-    std::memcpy(want->key_idx, "00007", 5);
+    for (auto [field, text] : {std::pair<char*, std::string_view>{want->cont_nm, "cont01"}, {want->key_pid, "00004321"},
+                               {want->key_tid, "140001234567890"}, {want->key_idx, "00007"}, {want->db_user, "scott"},
+                               {want->db_sid, "ORCL19"}})
+        std::memcpy(field, text.data(), text.size());
     want->pid = kPid, want->tid = kTid, want->svc_state = 'd', want->ptrc_state = 1;
     want->svc_mark_time = e->svc_mark_time;
-    std::memcpy(want->db_user, "scott", 5);
-    std::memcpy(want->db_sid, "ORCL19", 6);
     const auto* got = reinterpret_cast<const unsigned char*>(e);
     const auto* exp = reinterpret_cast<const unsigned char*>(want.get());
     for (size_t i = 0; i < sizeof(PTRC_HASH); ++i) ASSERT_EQ(got[i], exp[i]) << "byte " << i;

@@ -24,15 +24,13 @@ namespace {
 using namespace test;
 using Clock = std::chrono::steady_clock;
 
-// The first text byte (a sequence number in these tests) of the next record of `type`, taken without
-// waiting; -1 when there is none.
+// The first text byte (here a sequence number) of the next record of `type`, never waiting; -1: none.
 int next_seq(int qid, long type) {
     TRAN_LOG_MSG m{};
     return read_msgq(qid, type, &m, VARNIX_REC_TEXT, 1) >= 0 ? static_cast<unsigned char>(m.text[0]) : -1;
 }
 
-// A queue of the test's own at the last key of this process's queue block, which the test collector (four
-// queues) leaves free; removed by the test, or at the end also when the test fails half-way.
+// A queue of the test's own at the last key of this process's block (the collector uses four), removed at the end.
 struct ScratchQueue {
     const key_t key = kit::keys_for_pid(getpid()).msgq + VARNIX_MAX_QUE_CNT - 1;
     int id = kit::create_queue(key);
@@ -69,8 +67,7 @@ TEST_F(Msgq, SendAndReadCarryRecordsByTypeAndAFullQueueRefusesAtOnce) {
     ASSERT_EQ(send_msgq(qid(1), &m, 100), 0);
     EXPECT_EQ(outcome([&] { return read_msgq(qid(1), 0, &m, 50, 1); }), failed(E2BIG));
     EXPECT_EQ(outcome([&] { return read_msgq(qid(1), 0, &m, VARNIX_REC_TEXT, 1); }), ok(100));
-    // A queue holds msg_qbytes bytes of text.  The test's own queue is sized for 20 records (its owner may
-    // always lower the limit), so a host that raised kernel.msgmnb gives the same result.
+    // A full queue refuses at once; the own queue is cut to 20 records, whatever kernel.msgmnb says.
     constexpr int kFits = 20;
     ScratchQueue scratch;
     ASSERT_GE(scratch.id, 0);
@@ -104,17 +101,12 @@ int32_t trace_info() {
                         "INFO", -1, "requeued", -1);
 }
 
-// Tracing goes to a single queue of the test's own, which the test removes
-// and re-creates the way a restarted collector does.
+// Tracing survives its one queue being removed and re-created, as by a restarted collector.
 TEST_F(Msgq, TracingTakesUpAQueueTheCollectorRecreates) {
     ScratchQueue queue;
     ASSERT_GE(queue.id, 0);
-    struct Restore {
-        ~Restore() {
-            stop_tracing();
-            open_log(nullptr, nullptr, 0);  // the log of this binary, which TRAN_DONE closed
-            TestIpc::get().reset();
-        }
+    struct Restore {  // TRAN_DONE closes the binary's log: reopened
+        ~Restore() { stop_tracing(), open_log(nullptr, nullptr, 0), TestIpc::get().reset(); }
     } restore;
     kit::AgentConfig conf = ipc_.default_config();
     conf.keys.msgq = queue.key;
@@ -135,10 +127,10 @@ TEST_F(Msgq, TracingTakesUpAQueueTheCollectorRecreates) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
     });
-    struct Stop {
+    struct Stop {  // before the group joins, also on a failed assertion
         std::atomic<bool>& flag;
         ~Stop() { flag = true; }
-    } stop_first{stop};  // before the group joins, also on a failed assertion
+    } stop_first{stop};
 
     // Records flow (the queue is drained while the threads send).
     int received = 0;

@@ -4,9 +4,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <latch>
 #include <thread>
+#include <tuple>
 
 #include "core/gvar.h"
 #include "support/drainer.h"
@@ -31,30 +31,23 @@ protected:
         for (uint32_t i = 0; i < VARNIX_TBL_ENTRIES; ++i)
             if (t.entry[i].pid == getpid() && t.entry[i].tid == tid && t.entry[i].ptrc_state == VARNIX_PTRC_REGISTERED)
                 n = static_cast<int>(i);
-        char line[256];
-        std::snprintf(line, sizeof line,
-                      "(I) ptrc_hash pid-tid created.(pid : %d, tid : %lu, mtr_tid_idx : %d(%d threads), arr_idx : "
-                      "%d), used : %u(=%u)",
-                      getpid(), static_cast<unsigned long>(tid), bucket, threads, n, t.used_cnt, t.used_cnt);
-        return line;
+        return fmt("(I) ptrc_hash pid-tid created.(pid : %d, tid : %lu, mtr_tid_idx : %d(%d threads), arr_idx : %d), "
+                   "used : %u(=%u)",
+                   getpid(), static_cast<unsigned long>(tid), bucket, threads, n, t.used_cnt, t.used_cnt);
     }
 };
 
-// Ids given by the caller (not kernel threads of this process) are never
-// probed: they stay until the collector asks for their release or, in a full
-// bucket, until they were idle for IDLE_THREAD_RELEASE seconds (30) outside a
-// service or DEFAULT_TIMEOUT_SEC (60) inside one.
+// Caller-given ids are never probed: in a full bucket they go when released
+// or idle for 30 s outside a service, 60 s inside one.
 TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     constexpr int kBucket = 7;
     auto tid_of = [](int k) { return static_cast<int32_t>((k << 8) | kBucket); };
     MTR_CXT_VAR* cxts[11] = {};
     for (int k = 1; k <= 10; ++k) ASSERT_EQ(get_mtr_cxt_var(tid_of(k), &cxts[k]), 0) << k;
-    for (int k = 1; k <= 10; ++k) {
+    for (int k = 1; k <= 10; ++k) {  // all ten found again
         MTR_CXT_VAR* again = nullptr;
         ASSERT_EQ(get_mtr_cxt_var(tid_of(k), &again), 0);
-        EXPECT_EQ(again, cxts[k]);
-        EXPECT_EQ(again->idx, kBucket);
-        EXPECT_EQ(again->ptrc->tid, static_cast<uint64_t>(tid_of(k)));
+        EXPECT_EQ(std::tuple(again, again->idx, again->ptrc->tid), std::tuple(cxts[k], kBucket, uint64_t(tid_of(k))));
     }
     LogTail log;
     MTR_CXT_VAR* eleventh = nullptr;
@@ -107,25 +100,20 @@ TEST_F(MtrCxt, DeadThreadIsReclaimedOnTheNextMissOfItsBucket) {
     LogTail log;
     MTR_CXT_VAR* cxt = nullptr;
     ASSERT_EQ(get_mtr_cxt_var(static_cast<int32_t>(other), &cxt), 0);
-    char reclaimed[256];
-    std::snprintf(reclaimed, sizeof reclaimed,
-                  "(I) mtr_tid_idx#%d-%d, tid %lu (thread killed, ptrc 1) resource clear.(%d->%d)", bucket, pos,
-                  static_cast<unsigned long>(dead), count, count - 1);
-    EXPECT_EQ(log.take(), (Lines{"(i) thread killed. tid : " + std::to_string(dead), reclaimed,
+    EXPECT_EQ(log.take(), (Lines{"(i) thread killed. tid : " + std::to_string(dead),
+                                 fmt("(I) mtr_tid_idx#%d-%d, tid %lu (thread killed, ptrc 1) resource clear.(%d->%d)",
+                                     bucket, pos, static_cast<unsigned long>(dead), count, count - 1),
                                  created_line(other, bucket, count)}));
     EXPECT_EQ(entry->ptrc_state, VARNIX_PTRC_RELEASED);
     EXPECT_EQ(b.mtr_cnt, count);
 }
 
-// The handle of an ended thread goes to the next new thread: that thread
-// starts afresh instead of inheriting the ended one's open service.
+// A new thread that gets an ended thread's handle does not inherit its open service.
 TEST_F(MtrCxt, ReusedThreadHandleStartsFresh) {
     pthread_t first{};
     PTRC_HASH* old_entry = nullptr;
     std::thread([&] {
-        ServiceCall s;
-        s.gid = "ENDED-GID";
-        s.svc_id = "SVC-ENDED";
+        const ServiceCall s{.gid = "ENDED-GID", .svc_id = "SVC-ENDED"};
         MTR_CXT_VAR* cxt = nullptr;
         if (call(TRAN_START, s) < VARNIX_MAX_QUE_CNT && get_mtr_cxt_var(-1, &cxt) == 0) old_entry = cxt->ptrc;
         first = pthread_self();
@@ -150,17 +138,14 @@ TEST_F(MtrCxt, ReusedThreadHandleStartsFresh) {
     EXPECT_EQ(fresh->ptrc->service_depth, 0);
 }
 
-// A busy server's threads spread over the buckets: 256 of them in a service
-// at once are all traced.  Ids that callers give keep their byte buckets.
+// 256 threads in a service at once are all traced; caller-given ids keep their byte buckets.
 TEST_F(MtrCxt, ManyThreadsSpreadOverTheBuckets) {
     constexpr int kThreads = 256;
     Drainer drainer;
     std::atomic<int> refused{0};
     std::latch in_service(kThreads);
     ThreadGroup threads(kThreads, [&](int t) {
-        ServiceCall s;
-        s.gid = "MANY-" + std::to_string(t);
-        s.svc_id = "SVC-MANY";
+        const ServiceCall s{.gid = "MANY-" + std::to_string(t), .svc_id = "SVC-MANY"};
         // A registration that gave up waiting for a busy table is tried
         // again by the next call; a full bucket would refuse every time.
         auto refused_now = [](int32_t rc) { return rc == VARNIX_RC_NO_CONTEXT || rc == VARNIX_RC_PTRC_FULL; };
@@ -182,7 +167,9 @@ TEST_F(MtrCxt, ManyThreadsSpreadOverTheBuckets) {
     }
 }
 
-TEST_F(MtrCxt, FullProcessThreadTableGives116AndKeepsTheSlotFree) {
+// A full table refuses without taking the bucket slot; a bucket's contexts
+// can be listed; contexts come stamped with process and host.
+TEST_F(MtrCxt, FullTableKeepsTheSlotFreeListingAndStamps) {
     PTRC_HASH_TBL& t = *TestIpc::get().collector().ptrc();
     const uint32_t free_cnt = t.free_stk.cnt;
     t.free_stk.cnt = 0;
@@ -193,19 +180,24 @@ TEST_F(MtrCxt, FullProcessThreadTableGives116AndKeepsTheSlotFree) {
     EXPECT_EQ(log.take(), Lines{});
     t.free_stk.cnt = free_cnt;
     EXPECT_EQ(get_mtr_cxt_var(0x0909, &cxt), 0);
-    EXPECT_EQ(gvar.mtr_tid_idx[9].mtr_cnt, 1);
-}
+    log.take();  // the registration; the listing counts the bucket's one context
+    testing::internal::CaptureStdout();
+    show_mtr_idx_list(9);
+    show_mtr_idx_list(256);  // no such bucket: nothing
+    show_mtr_idx_list(-1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "------------------------------\n");
+    EXPECT_EQ(log.take(), (Lines{"------>> mtr_idx_list (1) <<------", ">>idx arr[0] tid : 2313",
+                                 ">>idx arr[0] var->pid : " + std::to_string(getpid()), ">>idx arr[0] var->tid : 2313",
+                                 ">>idx arr[0] var->idx : 9", ">>idx arr[0] var->log_bit : 0",
+                                 ">>idx arr[0] var->cxt_init_flag : 0", ">>idx arr[0] var->in_use : 1",
+                                 ">>idx arr[0] var->lasted_access (sec): 0"}));
 
-TEST_F(MtrCxt, ContextsAreStampedOnceWithProcessAndHost) {
-    MTR_CXT_VAR* cxt = nullptr;
     ASSERT_EQ(get_mtr_cxt_var(-1, &cxt), 0);
     EXPECT_EQ(cxt->log_rec.mtype, 1);
     EXPECT_EQ(cxt->log_rec2.mtype, 1);
-    char pid8[16];
-    std::snprintf(pid8, sizeof pid8, "%08d ", getpid());
     for (const char* body : {cxt->log_body, cxt->log_body2}) {
         EXPECT_EQ(std::string_view(body + 73, 65), padded(gvar.host_name, 64) + " ");
-        EXPECT_EQ(std::string_view(body + 138, 9), pid8);
+        EXPECT_EQ(std::string_view(body + 138, 9), fmt("%08d ", getpid()));
     }
     EXPECT_EQ(std::string_view(cxt->log_body + 40, 16), padded(gvar.proc_nm, 15) + " ");
     EXPECT_EQ(std::string_view(cxt->log_body2 + 40, 16), std::string(16, ' '));
@@ -213,40 +205,19 @@ TEST_F(MtrCxt, ContextsAreStampedOnceWithProcessAndHost) {
     EXPECT_EQ(cxt->ktid, static_cast<pid_t>(gettid()));
 }
 
-TEST(MtrIdxList, ShowLogsEveryContextOfABucket) {
-    ASSERT_EQ(start_tracing(), 0);
-    MTR_CXT_VAR* cxt = nullptr;
-    ASSERT_EQ(get_mtr_cxt_var(0x0303, &cxt), 0);
-    LogTail log;
-    testing::internal::CaptureStdout();
-    show_mtr_idx_list(3);
-    show_mtr_idx_list(256);  // no such bucket: nothing
-    show_mtr_idx_list(-1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "------------------------------\n");
-    EXPECT_EQ(log.take(), (Lines{"------>> mtr_idx_list (1) <<------", ">>idx arr[0] tid : 771",
-                                 ">>idx arr[0] var->pid : " + std::to_string(getpid()), ">>idx arr[0] var->tid : 771",
-                                 ">>idx arr[0] var->idx : 3", ">>idx arr[0] var->log_bit : 0",
-                                 ">>idx arr[0] var->cxt_init_flag : 0", ">>idx arr[0] var->in_use : 1",
-                                 ">>idx arr[0] var->lasted_access (sec): 0"}));
-    stop_tracing();
-}
-
 TEST(SetContNm, LastMatchingStringAfterTheFirstWins) {
-    char dest[31] = "unchanged";
+    auto cont_nm = [](const char* block, size_t len) {
+        char dest[31] = "unchanged";
+        set_cont_nm(block, len, dest, "-Dname");
+        return std::string(dest);
+    };
     const char block[] = "java\0-Dname=first\0-Xmx1g\0-Dname=second=x\0\0-Dname=after";
-    set_cont_nm(block, sizeof block - 1, dest, "-Dname");
-    EXPECT_STREQ(dest, "second=x");
-
+    EXPECT_EQ(cont_nm(block, sizeof block - 1), "second=x");
     // The first string is never examined; an unterminated last one is bounded by the length.
-    std::strcpy(dest, "unchanged");
     const char first_only[] = "-Dname=zero\0-Dname=0123456789012345678901234567890123456789";
-    set_cont_nm(first_only, sizeof first_only - 1, dest, "-Dname");
-    EXPECT_STREQ(dest, "012345678901234567890123456789");
-    std::strcpy(dest, "unchanged");
-    set_cont_nm(first_only, 11, dest, "-Dname");
-    EXPECT_STREQ(dest, "unchanged");
-    set_cont_nm(nullptr, 10, dest, "-Dname");
-    EXPECT_STREQ(dest, "unchanged");
+    EXPECT_EQ(cont_nm(first_only, sizeof first_only - 1), "012345678901234567890123456789");
+    EXPECT_EQ(cont_nm(first_only, 11), "unchanged");
+    EXPECT_EQ(cont_nm(nullptr, 10), "unchanged");
 }
 
 }  // namespace
