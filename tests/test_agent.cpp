@@ -17,6 +17,7 @@
 #include "collector/decode.h"
 #include "support/calls.h"
 #include "support/in_child.h"
+#include "support/temp_dir.h"
 
 namespace varnix::test {
 namespace {
@@ -47,9 +48,8 @@ int exit_status(pid_t pid) {
 class Agent : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        char tmpl[] = "/tmp/varnix-agent-test-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ASSERT_TRUE(tmp_.ok());
+        dir_ = tmp_.path();
         std::filesystem::create_directories(dir_ + "/agt/log/proc/libvarnix");
         conf_.keys = kit::keys_for_pid(getpid());
         conf_.log_home = "log";
@@ -68,8 +68,6 @@ protected:
     static void TearDownTestSuite() {
         stop_tracing();
         if (agent_ > 0 && kill(agent_, SIGKILL) == 0) waitpid(agent_, nullptr, 0);
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
     }
 
     static std::string cfg() { return dir_ + "/agt/varnix.cfg"; }
@@ -105,6 +103,7 @@ protected:
         return mine;
     }
 
+    static inline TempDir tmp_;
     static inline std::string dir_;
     static inline kit::AgentConfig conf_;
     static inline pid_t agent_ = -1;
@@ -128,7 +127,7 @@ Json stable(Json r) {
     return r;
 }
 
-TEST_F(Agent, EveryRecordTypeBecomesOneJsonObject) {
+TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
     ServiceCall s;
     s.gid = "AGENT-GID-0001";
     s.svc_id = "ACCT_TRANSFER";
@@ -196,6 +195,49 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObject) {
     EXPECT_EQ(got[9]["log_type"], "I");
     EXPECT_EQ(got[9]["msg_text"].get<std::string>().rfind("처리 모듈(함수)통계 [ 총 호출 2 건 ]", 0), 0u);
     EXPECT_EQ(got[10], svc("2", "service_end"));
+
+    // Malformed records are reported and skipped; the next one is still read.
+    const int q = msgget(conf_.keys.msgq, 0);
+    ASSERT_GE(q, 0);
+    // A blank record of a type and body length with its tid and `text` at body offset `at`.
+    auto record = [](char type, uint32_t len, const char* tid, int at, std::string_view text) {
+        TRAN_LOG_MSG m{1, {}};
+        std::memset(m.text, ' ', sizeof m.text);
+        std::memcpy(m.text, &len, sizeof len);
+        m.text[4] = type;
+        std::memcpy(m.text + 4 + 147, tid, std::strlen(tid));
+        std::memcpy(m.text + 4 + at, text.data(), text.size());
+        return m;
+    };
+    auto event_rec = [&](const char* tid, const char* text) { return record('V', 733, tid, 220, text); };
+    const TRAN_LOG_MSG short_one = event_rec("1234", "short"), bad_tid = event_rec("12x4", "fine"),
+                       bad_text = event_rec("1234", "caf\xE9!");
+    // Call records whose first time is the largest that fits in microseconds, and one second more.
+    auto timed = [&](const char* elapsed) {
+        return record('C', 548, "1234", kit::body_fields('C', 548)[0].offset,
+                      std::string("1,1,") + elapsed + ",0.000001,0.000001,0.000001,0.000001,0.000001,");
+    };
+    const TRAN_LOG_MSG largest = timed("9223372036854.775807"), too_large = timed("9223372036854.775808");
+    ASSERT_EQ(msgsnd(q, &short_one, 10, 0), 0);
+    for (const TRAN_LOG_MSG* m : {&bad_tid, &bad_text, &largest, &too_large})
+        ASSERT_EQ(msgsnd(q, m, VARNIX_REC_TEXT, 0), 0);
+    ASSERT_LT(event("AFTER-BAD", "9003", "still read"), 99);
+    ASSERT_EQ(records_of("AFTER-BAD", "V").size(), 1u);
+    std::vector<Json> bad;
+    int largest_read = 0;
+    for (Json& r : records()) {
+        if (r.contains("malformed")) bad.push_back(r);
+        largest_read += r.value("elapsed_us", int64_t{0}) == INT64_MAX;
+    }
+    EXPECT_EQ(largest_read, 1);
+    ASSERT_EQ(bad.size(), 4u);
+    EXPECT_EQ(bad[3]["malformed"], "call text without its figures");
+    EXPECT_EQ(bad[0], Json({{"queue", 0}, {"malformed", "length 10, not 784"}, {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
+    EXPECT_EQ(bad[1]["malformed"], "field tid is not a number");
+    EXPECT_EQ(bad[2]["malformed"], "field msg_text is not UTF-8");
+    EXPECT_NE(bad[2]["bytes"].get<std::string>().find("caf\\xE9!"), std::string::npos);
+    EXPECT_NE(read_file(dir_ + "/agent.err").find("queue 0: malformed record skipped: field msg_text is not UTF-8"),
+              std::string::npos);
 }
 
 TEST_F(Agent, SwitchesChangeWhatTheNextCallSends) {
@@ -330,50 +372,6 @@ TEST_F(Agent, TopShowsAServiceInFlightAndAKilledProcessIsReclaimed) {
     EXPECT_EQ(chained, used);
     ASSERT_EQ(semop(sem, &give, 1), 0);
     shmdt(t);
-}
-
-TEST_F(Agent, MalformedRecordsAreReportedAndSkipped) {
-    const int q = msgget(conf_.keys.msgq, 0);
-    ASSERT_GE(q, 0);
-    // A blank record of a type and body length with its tid and `text` at body offset `at`.
-    auto record = [](char type, uint32_t len, const char* tid, int at, std::string_view text) {
-        TRAN_LOG_MSG m{1, {}};
-        std::memset(m.text, ' ', sizeof m.text);
-        std::memcpy(m.text, &len, sizeof len);
-        m.text[4] = type;
-        std::memcpy(m.text + 4 + 147, tid, std::strlen(tid));
-        std::memcpy(m.text + 4 + at, text.data(), text.size());
-        return m;
-    };
-    auto event_rec = [&](const char* tid, const char* text) { return record('V', 733, tid, 220, text); };
-    const TRAN_LOG_MSG short_one = event_rec("1234", "short"), bad_tid = event_rec("12x4", "fine"),
-                       bad_text = event_rec("1234", "caf\xE9!");
-    // Call records whose first time is the largest that fits in microseconds, and one second more.
-    auto call = [&](const char* elapsed) {
-        return record('C', 548, "1234", kit::body_fields('C', 548)[0].offset,
-                      std::string("1,1,") + elapsed + ",0.000001,0.000001,0.000001,0.000001,0.000001,");
-    };
-    const TRAN_LOG_MSG largest = call("9223372036854.775807"), too_large = call("9223372036854.775808");
-    ASSERT_EQ(msgsnd(q, &short_one, 10, 0), 0);
-    for (const TRAN_LOG_MSG* m : {&bad_tid, &bad_text, &largest, &too_large})
-        ASSERT_EQ(msgsnd(q, m, VARNIX_REC_TEXT, 0), 0);
-    ASSERT_LT(event("AFTER-BAD", "9003", "still read"), 99);
-    ASSERT_EQ(records_of("AFTER-BAD", "V").size(), 1u);
-    std::vector<Json> bad;
-    int largest_read = 0;
-    for (Json& r : records()) {
-        if (r.contains("malformed")) bad.push_back(r);
-        largest_read += r.value("elapsed_us", int64_t{0}) == INT64_MAX;
-    }
-    EXPECT_EQ(largest_read, 1);
-    ASSERT_EQ(bad.size(), 4u);
-    EXPECT_EQ(bad[3]["malformed"], "call text without its figures");
-    EXPECT_EQ(bad[0], Json({{"queue", 0}, {"malformed", "length 10, not 784"}, {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
-    EXPECT_EQ(bad[1]["malformed"], "field tid is not a number");
-    EXPECT_EQ(bad[2]["malformed"], "field msg_text is not UTF-8");
-    EXPECT_NE(bad[2]["bytes"].get<std::string>().find("caf\\xE9!"), std::string::npos);
-    EXPECT_NE(read_file(dir_ + "/agent.err").find("queue 0: malformed record skipped: field msg_text is not UTF-8"),
-              std::string::npos);
 }
 
 TEST_F(Agent, SecondStartAndBadConfigurationsAreRefusedAndStopRemovesEverything) {
