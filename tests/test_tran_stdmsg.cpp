@@ -27,11 +27,8 @@ std::string telegram(size_t n, const std::vector<std::pair<const int32_t*, std::
 
 // A failed response of n bytes: result 9, data kind "EM", one item, one message and two additional ones.
 std::string failed_telegram(size_t n) {
-    std::string t = telegram(n, {{_GLBL_ID, kTmsgGid},
-                                 {_CHNL_TYP_CD, "ICC"},
-                                 {_RECV_SVC_CD, "RECV-SVC-001"},
-                                 {_PROC_RSLT_DV_CD, "9"},
-                                 {_STD_TMSG_DAT_KIND_CD, "EM"}});
+    std::string t = telegram(n, {{_GLBL_ID, kTmsgGid}, {_CHNL_TYP_CD, "ICC"}, {_RECV_SVC_CD, "RECV-SVC-001"},
+                                 {_PROC_RSLT_DV_CD, "9"}, {_STD_TMSG_DAT_KIND_CD, "EM"}});
     const std::string part = "01" + padded("ITEM", 20) + "01" + "MSG000001" + kMessage.substr(12) + "02" + "ADD000001" +
                              padded("first addition", 200) + "ADD000002" + padded("second addition", 200);
     return t.replace(561, std::min(part.size(), n - 561), part.substr(0, n - 561));
@@ -45,21 +42,18 @@ int32_t stdx(decltype(&TRAN_STARTX) entry, const std::string& gid, const char* s
     return stdx(entry, gid.c_str(), svc, tel.data(), static_cast<int32_t>(tel.size()));
 }
 
-// Moves table entries for one scope.
-class MovedFields {
-public:
-    explicit MovedFields(const std::vector<std::tuple<int32_t*, int32_t, int32_t>>& moves) {
-        for (auto [entry, off, len] : moves) {
-            saved_.emplace_back(entry, entry[0], entry[1]);
-            entry[0] = off, entry[1] = len;
-        }
+// Moves table entries (entry, offset, length) for one scope.
+using Moves = std::vector<std::tuple<int32_t*, int32_t, int32_t>>;
+struct MovedFields {
+    static void apply(const Moves& moves) {
+        for (auto [entry, off, len] : moves) entry[0] = off, entry[1] = len;
     }
-    ~MovedFields() {
-        for (auto [entry, off, len] : saved_) entry[0] = off, entry[1] = len;
+    explicit MovedFields(const Moves& moves) {
+        for (auto [entry, off, len] : moves) saved.emplace_back(entry, entry[0], entry[1]);
+        apply(moves);
     }
-
-private:
-    std::vector<std::tuple<int32_t*, int32_t, int32_t>> saved_;
+    ~MovedFields() { apply(saved); }
+    Moves saved;
 };
 
 class TranStdmsg : public OrderedRecords {
@@ -82,13 +76,9 @@ protected:
 // snapshot armed by a trade code longer than the channel column.  The failed "EM" end: error, error information,
 // two information records, end, and the snapshot's completion.
 TEST_F(TranStdmsg, InternalChannelAndAFailedEndWithItsMessages) {
-    std::string tel = telegram(700, {{_GLBL_ID, kTmsgGid},
-                                     {_TRSC_GRCO_CD, "KB"},
-                                     {_TRSC_BR_NO, "0001"},
-                                     {_CHNL_TYP_CD, "ICCSNAP00001"},
-                                     {_PROC_RSLT_DV_CD, "0"},
-                                     {_STD_TMSG_LEN, "00000700"},
-                                     {_FST_TRMS_MDCL_CTT, "medium"}});
+    std::string tel = telegram(700, {{_GLBL_ID, kTmsgGid}, {_TRSC_GRCO_CD, "KB"}, {_TRSC_BR_NO, "0001"},
+                                     {_CHNL_TYP_CD, "ICCSNAP00001"}, {_PROC_RSLT_DV_CD, "0"},
+                                     {_STD_TMSG_LEN, "00000700"}, {_FST_TRMS_MDCL_CTT, "medium"}});
     e_->snapshot_state = 1, std::memcpy(e_->snapshot_tr_cd, "ICCSNAP00001", 13);
     EXPECT_EQ(stdx(TRAN_STARTX, kCallerGid, "ACCT_INQUIRY", tel), 0);
     std::vector<TRAN_LOG_MSG> r = take();
@@ -117,9 +107,8 @@ TEST_F(TranStdmsg, InternalChannelAndAFailedEndWithItsMessages) {
 }
 
 // A moved channel type column: read where it now lies, so another channel, the "New" notices and the caller's GID.
-// A failed "EM" telegram of 1084 bytes has no message walk, nor has a longer one measured up to its NUL.  Without a telegram a "GW" service starts as a
-// service and ends as a client handler, which leaves the service's nesting state alone.
-TEST_F(TranStdmsg, MovedChannelShortErrorTelegramAndGateway) {
+// A failed "EM" telegram of 1084 bytes has no message walk, nor has a longer one measured up to its NUL.
+TEST_F(TranStdmsg, MovedChannelShortErrorTelegramFixedLayoutAndGateway) {
     std::string tel = failed_telegram(1084);
     tel.replace(600, 3, "XYZ");
     {
@@ -139,16 +128,10 @@ TEST_F(TranStdmsg, MovedChannelShortErrorTelegramAndGateway) {
     EXPECT_LT(stdx(TRAN_STARTX, kTmsgGid.c_str(), "SVC-MEASURED", measured.c_str(), -1), 99);
     EXPECT_LT(stdx(TRAN_ENDX, kTmsgGid.c_str(), "SVC-MEASURED", measured.c_str(), -1), 99);
     EXPECT_EQ(types(take()), "192");
-    EXPECT_EQ(stdx(TRAN_STARTX, "GW-GID", "GW-SVC", nullptr, 0), 0);
-    EXPECT_EQ(stdx(TRAN_ENDX, "GW-GID", "GW-SVC", nullptr, 0), 0);
-    EXPECT_EQ(types(take()), "12");
-    EXPECT_EQ(cxt_->log_bit, 1);  // an end of TRAN_END would have made it 3
-}
 
-// The older fixed layout: its own offsets, fields read up to a NUL, the binary length as "%08d", the GID at 10 for
-// channel ICT; a failed result gets the error record but no message walk.
-TEST_F(TranStdmsg, FixedLayout) {
-    std::string tel(1400, ' ');
+    // The older fixed layout: its own offsets, fields read up to a NUL, the binary length as "%08d", the GID at 10
+    // for channel ICT; a failed result gets the error record but no message walk.
+    tel.assign(1400, ' ');
     const int32_t n = 1400;
     tel.replace(0, 4, reinterpret_cast<const char*>(&n), 4).replace(10, 32, kTmsgGid).replace(253, 3, "ICT");
     tel.replace(402, 2, "KB").replace(405, 4, "0001").replace(160, 11, std::string("RECV\0HIDDEN", 11));
@@ -160,6 +143,13 @@ TEST_F(TranStdmsg, FixedLayout) {
               kTmsgGid + "1 KB0001 ICT RECV         " + padded("", 18) + "1 " + padded("", 10) + "00001400 ");
     EXPECT_EQ(stdx(TRAN_ENDX, "OTHER-GID", "SVC-FIXED", tel.data(), n, 0), 0);
     EXPECT_EQ(types(take()), "92");
+
+    // Without a telegram a "GW" service starts as a service and ends as a client handler, which leaves the
+    // service's nesting state alone.
+    EXPECT_EQ(stdx(TRAN_STARTX, "GW-GID", "GW-SVC", nullptr, 0), 0);
+    EXPECT_EQ(stdx(TRAN_ENDX, "GW-GID", "GW-SVC", nullptr, 0), 0);
+    EXPECT_EQ(types(take()), "12");
+    EXPECT_EQ(cxt_->log_bit, 1);  // an end of TRAN_END would have made it 3
 }
 
 // Telegrams and tables that lie: nothing is read past the telegram, and each call still traces.
@@ -170,7 +160,7 @@ TEST_F(TranStdmsg, BadTelegramsAndTables) {
         const char* name;
         const char* tel;
         int32_t len;
-        std::vector<std::tuple<int32_t*, int32_t, int32_t>> moves;
+        Moves moves;
         std::vector<std::pair<size_t, std::string>> edits;
         std::string start, end;
         std::string columns = "";  // of the start record, from the channel type to the employee number
@@ -178,31 +168,13 @@ TEST_F(TranStdmsg, BadTelegramsAndTables) {
         {"no telegram", nullptr, 1400, {}, {}, "1", "2"},
         {"no NUL, negative length", unterminated.data(), -1, {}, {}, "II1", "92"},
         {"count 99", failed.data(), 1400, {}, {{561, "99"}}, "1", "92"},
-        {"counts with blanks and other characters",
-         failed.data(),
-         1400,
-         {},
-         {{561, " 1"}, {583, "1x"}, {894, "-2"}},
-         "1",
-         "9E2"},
-        {"table past the end",
-         failed.data(),
-         1400,
-         {{_GLBL_ID, INT32_MAX, INT32_MAX},
-          {_CHNL_TYP_CD, -5, 3},
-          {_EMP_NO, 1398, INT32_MAX},
-          {_ERR_ORGN_ITEM_REPT_TCNT, 1400, 2},
-          {_RECV_SVC_CD, INT32_MIN, -1}},
-         {{1398, "ZZ"}},
-         "II1",
-         "92",
-         padded("", 27) + "ZZ      "},
-        {"item past the end",
-         failed.data(),
-         1400,
-         {{_ERR_ORGN_ITEM_NM, -1, INT32_MAX}, {_MSG_CD, -1, -9}},
-         {},
-         "1",
+        {"counts with blanks and other characters", failed.data(), 1400, {}, {{561, " 1"}, {583, "1x"}, {894, "-2"}},
+         "1", "9E2"},
+        {"table past the end", failed.data(), 1400,
+         {{_GLBL_ID, INT32_MAX, INT32_MAX}, {_CHNL_TYP_CD, -5, 3}, {_EMP_NO, 1398, INT32_MAX},
+          {_ERR_ORGN_ITEM_REPT_TCNT, 1400, 2}, {_RECV_SVC_CD, INT32_MIN, -1}},
+         {{1398, "ZZ"}}, "II1", "92", padded("", 27) + "ZZ      "},
+        {"item past the end", failed.data(), 1400, {{_ERR_ORGN_ITEM_NM, -1, INT32_MAX}, {_MSG_CD, -1, -9}}, {}, "1",
          "92"},
     };
     for (const Case& c : cases) {
@@ -214,9 +186,7 @@ TEST_F(TranStdmsg, BadTelegramsAndTables) {
         EXPECT_EQ(stdx(TRAN_STARTX, kTmsgGid.c_str(), "SVC-BAD", tel, c.len), 0);
         std::vector<TRAN_LOG_MSG> r = take();
         ASSERT_EQ(types(r), c.start);
-        if (!c.columns.empty()) {
-            EXPECT_EQ(body_field(r.back(), 231, 35), c.columns);
-        }
+        if (!c.columns.empty()) { EXPECT_EQ(body_field(r.back(), 231, 35), c.columns); }
         EXPECT_EQ(stdx(TRAN_ENDX, kTmsgGid.c_str(), "SVC-BAD", tel, c.len), 0);
         EXPECT_EQ(types(take()), c.end);
     }
