@@ -112,18 +112,4 @@ std::string_view field_text(const TRAN_LOG_MSG& m, const NamedField& f) {
     return end == std::string_view::npos ? std::string_view{} : v.substr(0, end + 1);
 }
 
-std::string describe(const TRAN_LOG_MSG& m) {
-    std::string out;
-    auto add = [&](std::span<const NamedField> fields) {
-        for (const NamedField& f : fields) {
-            std::string_view v = field_text(m, f);
-            if (v.empty()) continue;
-            out.append(f.name).append(": ").append(v).append("\n");
-        }
-    };
-    add(header_fields());
-    add(body_fields(body_length(m) > 0 ? m.text[sizeof(uint32_t)] : ' ', body_length(m)));
-    return out;
-}
-
 }  // namespace varnix::kit

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <span>
-#include <string>
 #include <string_view>
 
 #include "varnix_collector.h"
@@ -28,8 +27,5 @@ std::span<const NamedField> body_fields(char log_type, uint32_t body_len);
 std::string_view field_text(const TRAN_LOG_MSG& m, const NamedField& f);
 // Body length from the record's length word.
 uint32_t body_length(const TRAN_LOG_MSG& m);
-
-// One "name: value" line per non-blank field, header first.
-std::string describe(const TRAN_LOG_MSG& m);
 
 }  // namespace varnix::kit
