@@ -1,9 +1,9 @@
-// Call tracing: the level stack in the process-thread entry, the three record
-// texts, the elapsed-time split, depth and nesting rules, limits and forcing.
+// Call tracing: the level stack, the record texts, depth and nesting rules, limits and forcing.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/gvar.h"
@@ -24,8 +24,8 @@ protected:
         call_finish(func);
         return kind;
     }
-    // The record of the call just closed at the outermost level, up to the
-    // '[': a BIZCALL's time is all its own, a DBIO call's is not split.
+    // The record of the call just closed at the outermost level, up to the '[': a BIZCALL's time is all its own,
+    // a DBIO call's is not split.
     std::string times_text(bool biz) const {
         const CALL_LVL& l = level(0);
         const std::string all = secs_text(usec_of(l.end_tv) - usec_of(l.start_tv)), zero = "0.000000";
@@ -74,26 +74,23 @@ TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
 
 TEST_F(CallInfo, DbioSignatureDecidesTheKind) {
     e_->call_trc_limit = e_->dbio_trc_limit = 3600 * kSecond;  // no records
-    // Configured "0 DBIO_": the name starts with the pattern.
-    EXPECT_EQ(kind_of("DBIO_select"), 'B');
-    EXPECT_EQ(kind_of("xDBIO_select"), 'C');
-    EXPECT_EQ(kind_of("DBIO"), 'C');  // the pattern runs past the name's end
-    EXPECT_EQ(kind_of(nullptr), 'C');
-    gvar.dbio_func_no = 2;
-    std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);
-    std::memcpy(gvar.dbio_func_nm, "DBIO_SELEC", 10);  // at offset 2; only 7 characters compared
-    EXPECT_EQ(kind_of("xxDBIO_SExyz"), 'B');
-    EXPECT_EQ(kind_of("xxDBIO_SxLEC"), 'C');
-    EXPECT_EQ(kind_of("xxD"), 'C');
-    gvar.dbio_func_no = -1;  // nothing is DBIO
-    EXPECT_EQ(kind_of("xxDBIO_SELEC"), 'C');
-    gvar.dbio_func_no = 0;
-    std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);  // empty pattern: every name
-    EXPECT_EQ(kind_of("anything"), 'B');
+    // Configured "0 DBIO_": the name starts with the pattern ("DBIO" is shorter than it).  Then "2 DBIO_SELEC":
+    // at offset 2, only 7 characters compared; -1: nothing is DBIO; an empty pattern: every name.
+    const std::tuple<int, const char*, const char*, char> cases[] = {
+        {0, nullptr, "DBIO_select", 'B'}, {0, nullptr, "xDBIO_select", 'C'},      {0, nullptr, "DBIO", 'C'},
+        {0, nullptr, nullptr, 'C'},       {2, "DBIO_SELEC", "xxDBIO_SExyz", 'B'}, {2, nullptr, "xxDBIO_SxLEC", 'C'},
+        {2, nullptr, "xxD", 'C'},         {-1, nullptr, "xxDBIO_SELEC", 'C'},     {0, "", "anything", 'B'}};
+    for (const auto& [no, pattern, func, kind] : cases) {
+        gvar.dbio_func_no = no;
+        if (pattern) {
+            std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);
+            std::memcpy(gvar.dbio_func_nm, pattern, std::strlen(pattern));
+        }
+        EXPECT_EQ(kind_of(func), kind) << no << " " << (func ? func : "null");
+    }
 }
 
-// CALL_TRC_DEPTH 3: a fourth nested BIZCALL is neither stacked nor recorded
-// nor counted; a DBIO call below it still is.
+// CALL_TRC_DEPTH 3: a fourth nested BIZCALL is neither stacked nor recorded nor counted; a DBIO call below it is.
 TEST_F(CallInfo, CallsDeeperThanTheDepthLimitAreNotTraced) {
     TestIpc::get().que_info().call_trc_depth = 3;
     ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
@@ -110,8 +107,7 @@ TEST_F(CallInfo, CallsDeeperThanTheDepthLimitAreNotTraced) {
     EXPECT_EQ(fmt("%u %u %u", st.max_call_depth, st.biz_cnt, st.dbio_cnt), "5 3 1");
 }
 
-// Calls below their limit send nothing, unless an error return code forces
-// a record.
+// Calls below their limit send nothing, unless an error return code forces a record.
 TEST_F(CallInfo, LimitsAndErrorReturnCodesThatForceRecordsOncePerService) {
     TestIpc::get().que_info().fst_err_rc_set[5] = 2, TestIpc::get().que_info().fst_err_rc_set[6] = 1;
     const int64_t hour = 3600 * kSecond;
@@ -153,8 +149,7 @@ TEST_F(CallInfo, NestingAndDepthErrorsAndCallsOutsideAService) {
     ASSERT_EQ(call_start("DBIO_a"), 0);
     EXPECT_EQ(call_start("DBIO_b"), VARNIX_RC_DBIO_IN_DBIO);
     EXPECT_EQ(log.take(), Lines{"<!> log_type error, DBIO_TYPE {2-DBIO_b} can't call in DBIO_TYPE {1-DBIO_a}."});
-    // The refused call's finish closes the open DBIO call's level; the
-    // refused start counted in the depth and was not taken back.
+    // The refused call's finish closes the open DBIO call's level; the refused start stays counted in the depth.
     EXPECT_EQ(finished("DBIO_b").rest.find("[][DBIO_a at "), 0u);
     EXPECT_EQ(call_finish("DBIO_a"), VARNIX_RC_CALL_DEPTH);
     EXPECT_EQ(log.take(), Lines{"<!> depth error, function(DBIO_a) call does not match the start and end."});
@@ -203,8 +198,7 @@ TEST_F(CallInfo, NestingAndDepthErrorsAndCallsOutsideAService) {
 }
 
 TEST_F(CallInfo, AbsentAndOverlongTexts) {
-    // Everything absent: empty names (none left from the call before), blank
-    // header codes, the clock's date.
+    // Everything absent: empty names (none left from the call before), blank header codes, the clock's date.
     ASSERT_EQ(call_start("f", "m", "s"), 0);
     sent(call_finish("f"));
     ASSERT_EQ(call_start(nullptr, nullptr, nullptr, 0, 0), 0);
