@@ -99,8 +99,8 @@ TEST_F(TranSql, RecordBytesComeFromTheSecondaryBufferAtClose) {
     std::string head = header_of(recs[0], *cxt_, {'Q', "", "", gid_, "SVC-SQL-0001", "", "20260102 030405123456 "});
     head.replace(40, 15, 15, ' ');  // the process name is only in the primary body
     EXPECT_EQ(recs[0].mtype, 1);
-    EXPECT_EQ(body_field(recs[0], 0, 780),
-              head + padded("1,2,1,1,1.500000,7,DBIO_select_emp(a),SELECT 1 FROM DUAL", kField) + std::string(233, ' '));
+    const std::string text = padded("1,2,1,1,1.500000,7,DBIO_select_emp(a),SELECT 1 FROM DUAL", kField);
+    EXPECT_EQ(body_field(recs[0], 0, 780), head + text + std::string(233, ' '));
     EXPECT_EQ(body_field(recs[1], 175, kField + 23),
               "20260102 030405123456 " + padded("2,2,1,1,0.000001,8,DBIO_select_emp(a),SELECT 2 FROM DUAL", kField) +
                   " ");
