@@ -223,10 +223,7 @@ TEST_F(CallInfo, AbsentAndOverlongTexts) {
 
 TEST_F(CallInfo, FilteredDbioRecordsAreSuppressedByTheValidationMark) {
     TestIpc::get().que_info().svc_filtering = 1;
-    kit::ServiceListing listing;
-    listing.svc_id = kCallSvc;
-    listing.flags = static_cast<uint8_t>(0xFF & ~VARNIX_FLAG_B);
-    listing.call_trc_depth = 10;
+    const kit::ServiceListing listing{.svc_id = kCallSvc, .flags = 0xFF & ~VARNIX_FLAG_B, .call_trc_depth = 10};
     ASSERT_NE(kit::add_service(*TestIpc::get().collector().svc(), listing), nullptr);
     ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     open_call("DBIO_q", kSecond);
