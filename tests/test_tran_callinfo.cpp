@@ -24,13 +24,16 @@ protected:
         call_finish(func);
         return kind;
     }
-    // The record of the call just closed at the outermost level, up to the '[': a BIZCALL's time is all its own,
-    // a DBIO call's is not split.
-    std::string times_text(bool biz) const {
+    // The body of the call record just closed at the outermost level: a BIZCALL's time is all its own, a DBIO
+    // call's is not split.
+    std::string record_of(const TRAN_LOG_MSG& m, bool biz, const std::string& rest) const {
         const CALL_LVL& l = level(0);
         const std::string all = secs_text(usec_of(l.end_tv) - usec_of(l.start_tv)), zero = "0.000000";
-        return "1,10," + all + "," + (biz ? all : zero) + "," + zero + "," + zero + "," + secs_text(l.start_tv) + "," +
-               secs_text(l.end_tv) + ",";
+        const std::string head = header_of(m, *cxt_, {biz ? 'C' : 'B', "CL", "D", kCallGid, kCallSvc, "",
+                                                      std::string(kFinishDate) + " " + kFinishTime + " "});
+        return head + padded("1,10," + all + "," + (biz ? all : zero) + "," + zero + "," + zero + "," +
+                                 secs_text(l.start_tv) + "," + secs_text(l.end_tv) + "," + rest,
+                             350) + " ";
     }
     // Starts a call that has run `us` already.
     void open_call(const char* func, int64_t us = 0) {
@@ -41,19 +44,14 @@ protected:
 
 // A DBIO call finishing first at its level, a second one, then a BIZCALL.
 TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
-    const std::string date_time = std::string(kFinishDate) + " " + kFinishTime + " ";
     const CALL_LVL& l = level(0);
     std::memcpy(e_->db_user, "scott", 6), std::memcpy(e_->db_sid, "ORCL", 5);
     ASSERT_EQ(call_start("DBIO_select", "m", "dbio.pc", 3), 0);
     e_->sql_code = -1403;
     e_->fetch_last[0] = 7, e_->fetch_last[1] = 12345, e_->fetch_last[2] = 88;
     TRAN_LOG_MSG m = sent(call_finish("DBIO_select", -2, nullptr, nullptr, nullptr, 5));
-    EXPECT_EQ(body_field(m, 0, 548),
-              header_of(m, *cxt_, {'B', "CL", "D", kCallGid, kCallSvc, "", date_time}) +
-                  padded(times_text(false) + "[][DBIO_select at  (dbio.pc::00005){1}]#SQLCODE -1403, #RC -2 (line 88) "
-                                             "fetch 7 rows (12.345 ms) DB scott/ORCL",
-                         350) +
-                  " ");
+    EXPECT_EQ(body_field(m, 0, 548), record_of(m, false, "[][DBIO_select at  (dbio.pc::00005){1}]#SQLCODE -1403, "
+                                                         "#RC -2 (line 88) fetch 7 rows (12.345 ms) DB scott/ORCL"));
     // The next start clears the SQL and fetch state; a later finish at the level has no blank before the time.
     ASSERT_EQ(call_start("DBIO_update"), 0);
     EXPECT_EQ(e_->fetch_last[0] + e_->fetch_last[1] + e_->fetch_last[2], 0);
@@ -66,9 +64,7 @@ TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
     EXPECT_EQ(levels() + fmt(" %d", e_->dbio_sts), "lvl 1 depth 1 calls 3 0");
     age(*e_, 0, 2 * kSecond + 250000);
     m = sent(call_finish("biz_func", -3, "SVC", "fin_mod", "fin.c", 42));
-    EXPECT_EQ(body_field(m, 0, 548),
-              header_of(m, *cxt_, {'C', "CL", "D", kCallGid, kCallSvc, "", date_time}) +
-                  padded(times_text(true) + "[SVC][biz_func at fin_mod (fin.c::00042){3}]#RC -3", 350) + " ");
+    EXPECT_EQ(body_field(m, 0, 548), record_of(m, true, "[SVC][biz_func at fin_mod (fin.c::00042){3}]#RC -3"));
     EXPECT_EQ(levels() + fmt(" %d %d", l.rc, e_->last_fin_lvl), "lvl 0 depth 0 calls 3 -3 1");
 }
 

@@ -179,8 +179,7 @@ TEST_F(TranSql, SqlIdIsStoredAnywhereButStatementsOnlyInAnOpenDbioCall) {
 TEST_F(TranSql, LongTextsAreSplitBetweenEucKrCharacters) {
     // EUC-KR syllables, trail bytes inside and outside the lead-byte range, between ASCII.
     const std::string text = text_of("\xb0\xa1\xb3\xaa\xb4\xd9x\xb6\xf3\xb8\xb6\xb9\xd9x\xbb\xe7\xbe\xc6\xc0\xdax"
-                                     "\xc2\xf7\xc4\xab\xc5\xb8x\xc6\xc4\xc7\xcfx",
-                                     1000);
+                                     "\xc2\xf7\xc4\xab\xc5\xb8x\xc6\xc4\xc7\xcfx", 1000);
     enter("DBIO_euckr,with,commas");
     EXPECT_EQ(report(text.c_str(), 4, {1, 0}, {3, 5}), 0);
     std::vector<std::string> p = pieces("1,1,1,1,2.000005,4,DBIO_euckr),", 3);
