@@ -1,5 +1,4 @@
-// Notices: event, error-information, information and extended-information
-// records, and their dispatch to the queues.
+// Notices: event, error-information, information and extended-information records, and their queues.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -57,8 +56,7 @@ TEST_F(TranNotice, EventFieldsAreCutPaddedOrBlankThePidSticksAndTheGidPicksTheQu
     TRAN_LOG_MSG m = received(send(TRAN_EVENT, n));
     EXPECT_EQ(body_of(m), header_of(m, *cxt_, {'V', "AB", "D", gid, "SVC0001", "12345678", "20260102 030405123456 "}) +
                               "1300 RECV         C    " + std::string(512, 't') + " ");
-    // Everything absent: blank fields, the clock's date and time; the pid
-    // given before stays in the thread's buffer.
+    // Everything absent: blank fields, the clock's date and time; the pid given before stays in the thread's buffer.
     m = received(send(TRAN_EVENT, Notice{}));
     EXPECT_EQ(body_of(m), header_of(m, *cxt_, {'V', "", "", "", "", "12345678", ""}) + std::string(536, ' '));
 
@@ -79,8 +77,7 @@ TEST_F(TranNotice, ErrinfoAndInformationTakeTheOpenService) {
     EXPECT_EQ(send(TRAN_ERRINFO, n), VARNIX_RC_SVC_DEPTH);
     EXPECT_EQ(info("GID-WITHOUT-SERVICE-0123456789-ABC", nullptr, "text"), VARNIX_RC_SVC_DEPTH);
     EXPECT_EQ(log.take().size(), 1u);  // the service depth error, of the information only
-    // Information with a service id needs no open service; extended
-    // information has a code and no service fallback.
+    // Information with a service id needs no open service; extended information has a code, no service fallback.
     TRAN_LOG_MSG m = received(info(nullptr, "SVC-X", std::string(351, 'i').c_str()));
     EXPECT_EQ(body_of(m), header_of(m, *cxt_, {'I', "IC", "D", "", "SVC-X", "", ""}) + std::string(350, 'i') + " ");
     m = received(info_ex("123456789012", nullptr, "no code"));
@@ -90,8 +87,7 @@ TEST_F(TranNotice, ErrinfoAndInformationTakeTheOpenService) {
 
     // A service open at depth 2.
     const char* const kLevelGid = "0123456789ABCDEF0123456789ABCDEF";
-    cxt_->service_depth = 2;
-    cxt_->log_bit = 1;
+    cxt_->service_depth = 2, cxt_->log_bit = 1;
     std::memcpy(cxt_->svc_stack[1].gid, kLevelGid, 32);
     std::memcpy(cxt_->svc_stack[1].svc_id, "SERVICE-LEVEL-02", 16);
     m = received(send(TRAN_ERRINFO, n));
@@ -115,15 +111,13 @@ TEST_F(TranNotice, ErrinfoAndInformationTakeTheOpenService) {
     EXPECT_EQ(send(TRAN_ERRINFO, n), VARNIX_RC_SVC_DEPTH);
 }
 
-// Eight threads send while the test drains: every record arrives once, and
-// one thread's records (one GID, hence one queue) in their order.
+// Eight threads send while the test drains: every record arrives once, one thread's (one queue) in their order.
 TEST_F(TranNotice, ConcurrentThreadsEachRecordArrivesOnce) {
     constexpr int kThreads = 8, kEach = 200;
     std::atomic<int> failures{0};
     ThreadGroup senders(kThreads, [&](int t) {
         for (int i = 0; i < kEach; ++i) {
-            const std::string gid = std::string("T").append(std::to_string(t)),
-                              text = std::to_string(t).append(":").append(std::to_string(i));
+            const std::string gid = "T" + std::to_string(t), text = std::to_string(t) + ":" + std::to_string(i);
             int rc;
             while ((rc = send(TRAN_EVENT, with_gid(gid, text.c_str()))) == VARNIX_RC_SEND_FAIL)
                 std::this_thread::yield();
@@ -141,9 +135,7 @@ TEST_F(TranNotice, ConcurrentThreadsEachRecordArrivesOnce) {
         last[t] = i;
     }
     senders.join();
-    EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(texts.size(), size_t{kThreads * kEach});
-    EXPECT_EQ(out_of_order, 0);
+    EXPECT_EQ(fmt("%d %zu %d", failures.load(), texts.size(), out_of_order), fmt("0 %d 0", kThreads * kEach));
 }
 
 }  // namespace

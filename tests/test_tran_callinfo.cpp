@@ -1,9 +1,9 @@
-// Call tracing: the level stack in the process-thread entry, the three record
-// texts, the elapsed-time split, depth and nesting rules, limits and forcing.
+// Call tracing: the level stack, the record texts, depth and nesting rules, limits and forcing.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/gvar.h"
@@ -24,13 +24,16 @@ protected:
         call_finish(func);
         return kind;
     }
-    // The record of the call just closed at the outermost level, up to the
-    // '[': a BIZCALL's time is all its own, a DBIO call's is not split.
-    std::string times_text(bool biz) const {
+    // The body of the call record just closed at the outermost level: a BIZCALL's time is all its own, a DBIO
+    // call's is not split.
+    std::string record_of(const TRAN_LOG_MSG& m, bool biz, const std::string& rest) const {
         const CALL_LVL& l = level(0);
         const std::string all = secs_text(usec_of(l.end_tv) - usec_of(l.start_tv)), zero = "0.000000";
-        return "1,10," + all + "," + (biz ? all : zero) + "," + zero + "," + zero + "," + secs_text(l.start_tv) + "," +
-               secs_text(l.end_tv) + ",";
+        const std::string head = header_of(m, *cxt_, {biz ? 'C' : 'B', "CL", "D", kCallGid, kCallSvc, "",
+                                                      std::string(kFinishDate) + " " + kFinishTime + " "});
+        return head + padded("1,10," + all + "," + (biz ? all : zero) + "," + zero + "," + zero + "," +
+                                 secs_text(l.start_tv) + "," + secs_text(l.end_tv) + "," + rest,
+                             350) + " ";
     }
     // Starts a call that has run `us` already.
     void open_call(const char* func, int64_t us = 0) {
@@ -41,19 +44,14 @@ protected:
 
 // A DBIO call finishing first at its level, a second one, then a BIZCALL.
 TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
-    const std::string date_time = std::string(kFinishDate) + " " + kFinishTime + " ";
     const CALL_LVL& l = level(0);
     std::memcpy(e_->db_user, "scott", 6), std::memcpy(e_->db_sid, "ORCL", 5);
     ASSERT_EQ(call_start("DBIO_select", "m", "dbio.pc", 3), 0);
     e_->sql_code = -1403;
     e_->fetch_last[0] = 7, e_->fetch_last[1] = 12345, e_->fetch_last[2] = 88;
     TRAN_LOG_MSG m = sent(call_finish("DBIO_select", -2, nullptr, nullptr, nullptr, 5));
-    EXPECT_EQ(body_field(m, 0, 548),
-              header_of(m, *cxt_, {'B', "CL", "D", kCallGid, kCallSvc, "", date_time}) +
-                  padded(times_text(false) + "[][DBIO_select at  (dbio.pc::00005){1}]#SQLCODE -1403, #RC -2 (line 88) "
-                                             "fetch 7 rows (12.345 ms) DB scott/ORCL",
-                         350) +
-                  " ");
+    EXPECT_EQ(body_field(m, 0, 548), record_of(m, false, "[][DBIO_select at  (dbio.pc::00005){1}]#SQLCODE -1403, "
+                                                         "#RC -2 (line 88) fetch 7 rows (12.345 ms) DB scott/ORCL"));
     // The next start clears the SQL and fetch state; a later finish at the level has no blank before the time.
     ASSERT_EQ(call_start("DBIO_update"), 0);
     EXPECT_EQ(e_->fetch_last[0] + e_->fetch_last[1] + e_->fetch_last[2], 0);
@@ -66,34 +64,29 @@ TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
     EXPECT_EQ(levels() + fmt(" %d", e_->dbio_sts), "lvl 1 depth 1 calls 3 0");
     age(*e_, 0, 2 * kSecond + 250000);
     m = sent(call_finish("biz_func", -3, "SVC", "fin_mod", "fin.c", 42));
-    EXPECT_EQ(body_field(m, 0, 548),
-              header_of(m, *cxt_, {'C', "CL", "D", kCallGid, kCallSvc, "", date_time}) +
-                  padded(times_text(true) + "[SVC][biz_func at fin_mod (fin.c::00042){3}]#RC -3", 350) + " ");
+    EXPECT_EQ(body_field(m, 0, 548), record_of(m, true, "[SVC][biz_func at fin_mod (fin.c::00042){3}]#RC -3"));
     EXPECT_EQ(levels() + fmt(" %d %d", l.rc, e_->last_fin_lvl), "lvl 0 depth 0 calls 3 -3 1");
 }
 
 TEST_F(CallInfo, DbioSignatureDecidesTheKind) {
     e_->call_trc_limit = e_->dbio_trc_limit = 3600 * kSecond;  // no records
-    // Configured "0 DBIO_": the name starts with the pattern.
-    EXPECT_EQ(kind_of("DBIO_select"), 'B');
-    EXPECT_EQ(kind_of("xDBIO_select"), 'C');
-    EXPECT_EQ(kind_of("DBIO"), 'C');  // the pattern runs past the name's end
-    EXPECT_EQ(kind_of(nullptr), 'C');
-    gvar.dbio_func_no = 2;
-    std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);
-    std::memcpy(gvar.dbio_func_nm, "DBIO_SELEC", 10);  // at offset 2; only 7 characters compared
-    EXPECT_EQ(kind_of("xxDBIO_SExyz"), 'B');
-    EXPECT_EQ(kind_of("xxDBIO_SxLEC"), 'C');
-    EXPECT_EQ(kind_of("xxD"), 'C');
-    gvar.dbio_func_no = -1;  // nothing is DBIO
-    EXPECT_EQ(kind_of("xxDBIO_SELEC"), 'C');
-    gvar.dbio_func_no = 0;
-    std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);  // empty pattern: every name
-    EXPECT_EQ(kind_of("anything"), 'B');
+    // Configured "0 DBIO_": the name starts with the pattern ("DBIO" is shorter than it).  Then "2 DBIO_SELEC":
+    // at offset 2, only 7 characters compared; -1: nothing is DBIO; an empty pattern: every name.
+    const std::tuple<int, const char*, const char*, char> cases[] = {
+        {0, nullptr, "DBIO_select", 'B'}, {0, nullptr, "xDBIO_select", 'C'},      {0, nullptr, "DBIO", 'C'},
+        {0, nullptr, nullptr, 'C'},       {2, "DBIO_SELEC", "xxDBIO_SExyz", 'B'}, {2, nullptr, "xxDBIO_SxLEC", 'C'},
+        {2, nullptr, "xxD", 'C'},         {-1, nullptr, "xxDBIO_SELEC", 'C'},     {0, "", "anything", 'B'}};
+    for (const auto& [no, pattern, func, kind] : cases) {
+        gvar.dbio_func_no = no;
+        if (pattern) {
+            std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);
+            std::memcpy(gvar.dbio_func_nm, pattern, std::strlen(pattern));
+        }
+        EXPECT_EQ(kind_of(func), kind) << no << " " << (func ? func : "null");
+    }
 }
 
-// CALL_TRC_DEPTH 3: a fourth nested BIZCALL is neither stacked nor recorded
-// nor counted; a DBIO call below it still is.
+// CALL_TRC_DEPTH 3: a fourth nested BIZCALL is neither stacked nor recorded nor counted; a DBIO call below it is.
 TEST_F(CallInfo, CallsDeeperThanTheDepthLimitAreNotTraced) {
     TestIpc::get().que_info().call_trc_depth = 3;
     ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
@@ -110,8 +103,7 @@ TEST_F(CallInfo, CallsDeeperThanTheDepthLimitAreNotTraced) {
     EXPECT_EQ(fmt("%u %u %u", st.max_call_depth, st.biz_cnt, st.dbio_cnt), "5 3 1");
 }
 
-// Calls below their limit send nothing, unless an error return code forces
-// a record.
+// Calls below their limit send nothing, unless an error return code forces a record.
 TEST_F(CallInfo, LimitsAndErrorReturnCodesThatForceRecordsOncePerService) {
     TestIpc::get().que_info().fst_err_rc_set[5] = 2, TestIpc::get().que_info().fst_err_rc_set[6] = 1;
     const int64_t hour = 3600 * kSecond;
@@ -153,8 +145,7 @@ TEST_F(CallInfo, NestingAndDepthErrorsAndCallsOutsideAService) {
     ASSERT_EQ(call_start("DBIO_a"), 0);
     EXPECT_EQ(call_start("DBIO_b"), VARNIX_RC_DBIO_IN_DBIO);
     EXPECT_EQ(log.take(), Lines{"<!> log_type error, DBIO_TYPE {2-DBIO_b} can't call in DBIO_TYPE {1-DBIO_a}."});
-    // The refused call's finish closes the open DBIO call's level; the
-    // refused start counted in the depth and was not taken back.
+    // The refused call's finish closes the open DBIO call's level; the refused start stays counted in the depth.
     EXPECT_EQ(finished("DBIO_b").rest.find("[][DBIO_a at "), 0u);
     EXPECT_EQ(call_finish("DBIO_a"), VARNIX_RC_CALL_DEPTH);
     EXPECT_EQ(log.take(), Lines{"<!> depth error, function(DBIO_a) call does not match the start and end."});
@@ -203,8 +194,7 @@ TEST_F(CallInfo, NestingAndDepthErrorsAndCallsOutsideAService) {
 }
 
 TEST_F(CallInfo, AbsentAndOverlongTexts) {
-    // Everything absent: empty names (none left from the call before), blank
-    // header codes, the clock's date.
+    // Everything absent: empty names (none left from the call before), blank header codes, the clock's date.
     ASSERT_EQ(call_start("f", "m", "s"), 0);
     sent(call_finish("f"));
     ASSERT_EQ(call_start(nullptr, nullptr, nullptr, 0, 0), 0);
@@ -229,10 +219,7 @@ TEST_F(CallInfo, AbsentAndOverlongTexts) {
 
 TEST_F(CallInfo, FilteredDbioRecordsAreSuppressedByTheValidationMark) {
     TestIpc::get().que_info().svc_filtering = 1;
-    kit::ServiceListing listing;
-    listing.svc_id = kCallSvc;
-    listing.flags = static_cast<uint8_t>(0xFF & ~VARNIX_FLAG_B);
-    listing.call_trc_depth = 10;
+    const kit::ServiceListing listing{.svc_id = kCallSvc, .flags = 0xFF & ~VARNIX_FLAG_B, .call_trc_depth = 10};
     ASSERT_NE(kit::add_service(*TestIpc::get().collector().svc(), listing), nullptr);
     ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     open_call("DBIO_q", kSecond);

@@ -1,5 +1,4 @@
-// Service start, end and error, standard and process tracing: the records
-// the collector receives, in order, and the state left on the thread.
+// Service start, end and error, standard and process tracing: the records in order, the state left behind.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -57,8 +56,7 @@ TEST_F(TranService, OutermostStartEndAndCallStatistics) {
                   padded("first medium", 39) + " 1 2 ");
     EXPECT_EQ(state() + fmt(" %c %c %.12s", e_->svc_state, e_->chnl_class, e_->main_recv_svc_cd),
               "1 1 1 f C RECV-SVC-000");
-    // The outermost end reports the calls' statistics first: counts 3 and 2, sums 4500 and 3000 us, maxima 2
-    // (own 1) and 2 ms, depth 3.
+    // The outermost end reports the statistics first: counts 3/2, sums 4500/3000 us, maxima 2 (own 1)/2 ms, depth 3.
     e_->call_elapsed_sum = 1234, e_->total_call_cnt = 5, e_->fetch_rows_sum = 42, e_->fetch_time_sum = 12345;
     cxt_->call_stat = CallStat{3, 2, 4500, 3000, 2, 1, 2, 3, 0, {}};
     std::memcpy(e_->db_user, "SCOTT", 6), std::memcpy(e_->db_sid, "ORCL", 5);
@@ -105,11 +103,10 @@ TEST_F(TranService, NestingUpToTenLevelsStaleAndLinkedTransactions) {
     EXPECT_EQ(log.take(), Lines{fmt("<!> START - service depth init (1)->(0) GID-PID-TID |%s|-|%d|-|%d|, SVC (SVC-11  "
                                     "        )->(SVC-AGAIN) svc_depth_elapsed 0 sec (base 0 sec)",
                                     kGid.c_str(), getpid(), static_cast<int>(pthread_self()))});
-    // Another transaction started inside the open one is linked to it.
+    // Another transaction started inside the open one is linked to it: notices with the open and the new GID.
     gvar.default_timeout_sec = 60;
     EXPECT_EQ(call(TRAN_START, svc(kGid2, "SVC-LINKED")), 0);
     TRAN_LOG_MSG created = next(), exist = next();
-    // The first notice has the open service's GID, the second the new one's.
     EXPECT_EQ(std::string(body_field(created, 7, 32)) + std::string(body_field(exist, 7, 32)), kGid + kGid2);
     EXPECT_EQ(std::string(body_field(created, 197, 350)) + std::string(body_field(exist, 197, 350)),
               padded("Linked Transaction Created [ GID '" + kGid2.substr(0, 30) +

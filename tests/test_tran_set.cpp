@@ -29,8 +29,7 @@ protected:
         EXPECT_EQ(TestIpc::get().collector().drain(), 0) << "records nobody looked at";
     }
 
-    // The state TRAN_START leaves for an outermost service: depth 1, started,
-    // level 1 with GID, service id and event code, the service id in the entry.
+    // The state TRAN_START leaves for an outermost service (GID, service id, event code at level 1).
     void open_service() {
         cxt_->service_depth = cxt_->log_bit = 1;
         std::memcpy(cxt_->svc_stack[0].gid, kGid, 32);
@@ -54,8 +53,7 @@ protected:
         EXPECT_EQ(body_field(m, 0, 197), header_of(m, *cxt_, {type, "", "", kGid, kSvc, "", ""}));
         return std::string(body_field(m, 197, size - 197));
     }
-    // Raises the time-out and checks its notice: the seconds since `start`,
-    // read on the clock the notice reads just before and after the setter.
+    // Raises the time-out and checks its notice: the seconds since `start`, on the clock before or after the call.
     void expect_timeout_notice(time_t start, const std::string& tail) {
         const time_t before = clock_now().tv_sec;
         EXPECT_EQ(TRAN_SET_SVCTIMEOUT(-1), 0);
@@ -105,8 +103,7 @@ TEST_F(TranSet, SettersOutsideACallAndTheTimeoutFromTheServiceStart) {
     EXPECT_EQ(TRAN_SET_FETCH_INFO(-1, 2, 0x100000020LL, -5), 0);
     EXPECT_EQ(fetch_figures(), fmt("4 %d 16 2 32 -5", INT32_MIN + 1));
     e_->sql_trc_limit = 500;
-    EXPECT_EQ(TRAN_CHECK_SQL_TIME(-1, 499), -1);
-    EXPECT_EQ(TRAN_CHECK_SQL_TIME(-1, 500), 0);
+    EXPECT_EQ(fmt("%d %d", TRAN_CHECK_SQL_TIME(-1, 499), TRAN_CHECK_SQL_TIME(-1, 500)), "-1 0");
     // Checked for the library state (never for the record classes).
     TestIpc::get().que_info().magic_code = 0;
     EXPECT_EQ(TRAN_SET_TIME(-1), VARNIX_RC_BAD_MAGIC);
@@ -118,13 +115,14 @@ TEST_F(TranSet, SettersOutsideACallAndTheTimeoutFromTheServiceStart) {
 }
 
 TEST_F(TranSet, SqlcaInADbioCallThenATimeoutThereAfterWhichOnlyTheSettersWork) {
-    EXPECT_EQ(sqlca(-1, "x", 1), VARNIX_RC_SVC_DEPTH);  // no service, then one too deep
-    open_service();
-    cxt_->service_depth = 11;
+    // No service, one too deep, no call, a BIZCALL innermost (nothing changes).
     EXPECT_EQ(sqlca(-1, "x", 1), VARNIX_RC_SVC_DEPTH);
-    cxt_->service_depth = 1;
-    EXPECT_EQ(sqlca(-1, "x", 1), VARNIX_RC_CALL_DEPTH);
-    open_call('C', "biz_outer");  // the innermost open call is a BIZCALL: nothing changes
+    open_service();
+    for (const auto& [depth, rc] : {std::pair{11, VARNIX_RC_SVC_DEPTH}, {1, VARNIX_RC_CALL_DEPTH}}) {
+        cxt_->service_depth = depth;
+        EXPECT_EQ(sqlca(-1, "x", 1), rc) << depth;
+    }
+    open_call('C', "biz_outer");
     EXPECT_EQ(sqlca(-1, "x", 1), 0);
     EXPECT_EQ(e_->sql_code, 9999);
 
@@ -135,8 +133,8 @@ TEST_F(TranSet, SqlcaInADbioCallThenATimeoutThereAfterWhichOnlyTheSettersWork) {
     e_->sql_code = 9999;
     EXPECT_EQ(sqlca(0, nullptr, 1), 0);
     EXPECT_EQ(e_->sql_code, 0);
-    // An error is kept (100 characters, no terminator) and raises the event;
-    // success does not undo it.  The line is 16-bit signed, the code 64-bit.
+    // An error is kept (100 characters, no terminator) and raises the event; success does not undo it.  The line
+    // is 16-bit signed, the code 64-bit.
     const std::string head = std::string("1810 ") + kEvtCd + "      ORA에러발생, [DBIO_SELECT:";
     e_->sql_err_msg[100] = 'Z';
     EXPECT_EQ(sqlca(-2147483649LL, std::string(150, 'm').c_str(), -7), 0);
@@ -157,9 +155,8 @@ TEST_F(TranSet, SqlcaInADbioCallThenATimeoutThereAfterWhichOnlyTheSettersWork) {
     ASSERT_NE(localtime_r(&start, &tm), nullptr);
     expect_timeout_notice(start, fmt("[#2-B7] DBIO_SELECT at acct_mod (acct.pc::00042)[%02d:%02d:%02d.123456]",
                                      tm.tm_hour, tm.tm_min, tm.tm_sec));
-    // Entries that check the library state now refuse; the other setters go
-    // on, but the SQL error event and a second notice are refused on the way
-    // out, so the notice stays recorded once.
+    // Entries that check the library state now refuse; the other setters go on, but the SQL error event and a
+    // second notice are refused on the way out, so the notice stays recorded once.
     EXPECT_EQ(TRAN_SET_TIME(-1), VARNIX_RC_SVC_TIMEOUT);
     EXPECT_EQ(TRAN_SET_DBIO_STS(-1, 3) + TRAN_SET_FETCH_INFO(-1, 4, 100, 1), 0);
     EXPECT_EQ(fmt("%d %d", e_->dbio_sts, e_->fetch_cnt), "3 1");

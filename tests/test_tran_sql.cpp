@@ -1,5 +1,4 @@
-// SQL statements of a DBIO call: the five slots, repeat merging, the SQL text
-// records and their pieces, and the SQL identifier.
+// SQL statements of a DBIO call: slots, repeat merging, text records and pieces, the SQL identifier.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/time.h>
@@ -9,6 +8,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/calls.h"
@@ -18,8 +18,6 @@ namespace {
 
 constexpr int kText = 197;  // body offset of the piece header and piece
 constexpr int kField = 350;
-
-timeval tv(long sec, long usec) { return timeval{sec, usec}; }
 
 int32_t report(const char* text, int sql_no, timeval start, timeval end, const char* date = nullptr,
                const char* time = nullptr) {
@@ -44,9 +42,7 @@ struct Unterminated {
         if (base && mprotect(base + size - page, page, PROT_NONE) == 0)
             text = static_cast<char*>(std::memset(base + size - page - n, fill, n));
     }
-    ~Unterminated() {
-        if (base) munmap(base, size);
-    }
+    ~Unterminated() { if (base) munmap(base, size); }
     Unterminated(const Unterminated&) = delete;
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE)), size;
     char *base, *text = nullptr;
@@ -71,13 +67,11 @@ protected:
         std::vector<TRAN_LOG_MSG> out(static_cast<size_t>(count));
         EXPECT_EQ(rc, queue_of_gid(gid_));
         for (TRAN_LOG_MSG& m : out) EXPECT_EQ(collector().receive(m, queue_of_gid(gid_)), queue_of_gid(gid_));
-        TRAN_LOG_MSG extra{};
-        EXPECT_EQ(collector().receive(extra), -1);
+        EXPECT_EQ(collector().drain(), 0) << "more records than " << count;
         return out;
     }
 
-    // The pieces of the only kept statement, sent by a close, each behind its
-    // piece header (the texts used hold no spaces, so the padding ends them).
+    // The pieces of the only kept statement sent by a close, behind their headers (the texts hold no spaces).
     std::vector<std::string> pieces(const std::string& first_head, int count) {
         std::vector<std::string> out;
         for (const TRAN_LOG_MSG& m : received(close_call(), count)) {
@@ -97,11 +91,10 @@ protected:
 TEST_F(TranSql, RecordBytesComeFromTheSecondaryBufferAtClose) {
     enter("DBIO_select_emp(a,b)");
     const TRAN_LOG_MSG primary = cxt_->log_rec;
-    EXPECT_EQ(report("SELECT 1 FROM DUAL", 7, tv(100, 250000), tv(101, 750000), "20260102", "030405123456"), 0);
-    // The header was written with the first statement; a later one's date
-    // and time do not replace it.
-    EXPECT_EQ(report("SELECT 2 FROM DUAL", 8, tv(102, 0), tv(102, 1), "19990101", "235959000000"), 0);
-    std::vector<TRAN_LOG_MSG> recs = received(close_call(), 2);
+    EXPECT_EQ(report("SELECT 1 FROM DUAL", 7, {100, 250000}, {101, 750000}, "20260102", "030405123456"), 0);
+    // The header is written with the first statement; a later date and time do not replace it.
+    EXPECT_EQ(report("SELECT 2 FROM DUAL", 8, {102, 0}, {102, 1}, "19990101", "235959000000"), 0);
+    const std::vector<TRAN_LOG_MSG> recs = received(close_call(), 2);
     std::string head = header_of(recs[0], *cxt_, {'Q', "", "", gid_, "SVC-SQL-0001", "", "20260102 030405123456 "});
     head.replace(40, 15, 15, ' ');  // the process name is only in the primary body
     EXPECT_EQ(recs[0].mtype, 1);
@@ -113,14 +106,12 @@ TEST_F(TranSql, RecordBytesComeFromTheSecondaryBufferAtClose) {
     EXPECT_EQ(std::memcmp(&primary, &cxt_->log_rec, sizeof primary), 0);
     // The slot as the collector reads it; the call finish clears the count.
     const SQL_SLOT& s = e_->sql_slot[0];
-    EXPECT_EQ(fmt("%u %u %ld.%06ld %ld.%06ld %u %d", s.sql_len, s.sql_no, s.start_tv.tv_sec, s.start_tv.tv_usec,
-                  s.end_tv.tv_sec, s.end_tv.tv_usec, s.rep_cnt, s.func_nm_end),
-              "18 7 100.250000 101.750000 1 0");
-    EXPECT_EQ(e_->sql_rec_cnt, 2);
+    EXPECT_EQ(fmt("%u %u %ld.%06ld %ld.%06ld %u %d %d", s.sql_len, s.sql_no, s.start_tv.tv_sec, s.start_tv.tv_usec,
+                  s.end_tv.tv_sec, s.end_tv.tv_usec, s.rep_cnt, s.func_nm_end, e_->sql_rec_cnt),
+              "18 7 100.250000 101.750000 1 0 2");
 
-    // The next DBIO call writes a new header with its first statement.
-    e_->sql_rec_cnt = 0;
-    EXPECT_EQ(report("SELECT 3", 9, tv(5, 0), tv(5, 2), "20270303", nullptr), 0);
+    e_->sql_rec_cnt = 0;  // the next DBIO call writes a new header with its first statement
+    EXPECT_EQ(report("SELECT 3", 9, {5, 0}, {5, 2}, "20270303", nullptr), 0);
     const std::string r(body_field(received(close_call(), 1)[0], 175, kText + 40 - 175));
     EXPECT_EQ(r.substr(0, 9) + r.substr(21), "20270303  " + padded("1,1,1,1,0.000002,9,DBIO_select_emp(a),SELECT 3", 40));
     EXPECT_EQ(r.substr(9, 12).find_first_not_of("0123456789"), std::string::npos);
@@ -129,21 +120,19 @@ TEST_F(TranSql, RecordBytesComeFromTheSecondaryBufferAtClose) {
 // Statements faster than the limit (5 us here) are kept but not sent.
 TEST_F(TranSql, RepeatsMergeAtMostFiveStatementsAreKeptAndSlowOnesSent) {
     enter("DBIO_fn", 5);
-    EXPECT_EQ(report("SELECT 1", 1, tv(10, 0), tv(10, 100)), 0);
-    EXPECT_EQ(report("SELECT 1", 1, tv(12, 0), tv(12, 300)), 0);
-    EXPECT_EQ(report("SELECT 9", 1, tv(13, 0), tv(14, 0)), 0);  // same number and length: dropped
-    // Another number or length takes a new slot; only the last one is compared.
-    EXPECT_EQ(report("SELECT 1", 2, tv(20, 0), tv(21, 0)), 0);
-    EXPECT_EQ(report("SELECT 10", 2, tv(22, 0), tv(22, 5)), 0);
-    EXPECT_EQ(report("SELECT 1", 1, tv(23, 0), tv(23, 1)), 0);
-    EXPECT_EQ(report("SELECT 5", 5, tv(24, 0), tv(24, 1)), 0);
-    EXPECT_EQ(report("SELECT 6", 6, tv(25, 0), tv(25, 1)), VARNIX_RC_SQL_LIMIT);
-    EXPECT_EQ(report("SELECT 5", 5, tv(26, 0), tv(26, 7)), 0);  // a repeat still merges
+    // The same number and length merge (the text is not compared); another takes a new slot, and only the last
+    // slot is compared; a sixth is refused, a repeat still merges.
+    const std::tuple<const char*, int, long, long, int> calls[] = {
+        {"SELECT 1", 1, 10, 100, 0},     {"SELECT 1", 1, 12, 300, 0}, {"SELECT 9", 1, 13, 1000000, 0},
+        {"SELECT 1", 2, 20, 1000000, 0}, {"SELECT 10", 2, 22, 5, 0},  {"SELECT 1", 1, 23, 1, 0},
+        {"SELECT 5", 5, 24, 1, 0},       {"SELECT 6", 6, 25, 1, VARNIX_RC_SQL_LIMIT}, {"SELECT 5", 5, 26, 7, 0}};
+    for (const auto& [text, no, sec, us, rc] : calls)
+        EXPECT_EQ(report(text, no, {sec, 0}, {sec + us / 1000000, us % 1000000}), rc) << text;
     EXPECT_EQ(e_->sql_rec_cnt, 5);
 
     const char* expected[] = {"1,5,1,2,2.000300,1,DBIO_fn,SELECT 1", "2,5,1,1,1.000000,2,DBIO_fn,SELECT 1",
                               "3,5,1,1,0.000005,2,DBIO_fn,SELECT 10", "5,5,1,2,2.000007,5,DBIO_fn,SELECT 5"};
-    std::vector<TRAN_LOG_MSG> recs = received(close_call(), 4);
+    const std::vector<TRAN_LOG_MSG> recs = received(close_call(), 4);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(body_field(recs[i], kText, kField), padded(expected[i], kField)) << i;
 }
 
@@ -161,30 +150,26 @@ TEST_F(TranSql, SqlIdIsStoredAnywhereButStatementsOnlyInAnOpenDbioCall) {
     ASSERT_NE(id.text, nullptr);
     EXPECT_EQ(TRAN_SQL_ID(-1, id.text, -1), 0);
     EXPECT_EQ(std::string_view(e_->sql_id, 200), std::string(200, 'U'));
-    EXPECT_EQ(report("S", 1, tv(1, 0), tv(1, 1)), VARNIX_RC_SVC_DEPTH);
+    EXPECT_EQ(report("S", 1, {1, 0}, {1, 1}), VARNIX_RC_SVC_DEPTH);
     enter();
     cxt_->service_depth = 11;
-    EXPECT_EQ(report("S", 1, tv(1, 0), tv(1, 1)), VARNIX_RC_SVC_DEPTH);
-    cxt_->service_depth = 1;
-    e_->trc_lvl = 0;
+    EXPECT_EQ(report("S", 1, {1, 0}, {1, 1}), VARNIX_RC_SVC_DEPTH);
+    cxt_->service_depth = 1, e_->trc_lvl = 0;
     EXPECT_EQ(close_call(), VARNIX_RC_CALL_DEPTH);
     e_->trc_lvl = 52;
-    EXPECT_EQ(report("S", 1, tv(1, 0), tv(1, 1)), VARNIX_RC_CALL_DEPTH);
-    // Only the innermost open level counts.
-    e_->trc_lvl = 2;
-    e_->call_lvl[1].call_kind = 'C';
-    EXPECT_EQ(report("S", 1, tv(1, 0), tv(1, 1)), VARNIX_RC_SQL_NO_DBIO);
+    EXPECT_EQ(report("S", 1, {1, 0}, {1, 1}), VARNIX_RC_CALL_DEPTH);
+    e_->trc_lvl = 2, e_->call_lvl[1].call_kind = 'C';  // only the innermost open level counts
+    EXPECT_EQ(report("S", 1, {1, 0}, {1, 1}), VARNIX_RC_SQL_NO_DBIO);
     EXPECT_EQ(close_call(), VARNIX_RC_SQL_NO_DBIO);
-    e_->call_lvl[0].call_kind = 'C';
-    e_->call_lvl[1].call_kind = 'B';
-    EXPECT_EQ(report("S", 1, tv(1, 0), tv(1, 1)), 0);
+    e_->call_lvl[0].call_kind = 'C', e_->call_lvl[1].call_kind = 'B';
+    EXPECT_EQ(report("S", 1, {1, 0}, {1, 1}), 0);
     EXPECT_EQ(TRAN_SQL_STMT(-1, 2, nullptr, 0, nullptr, 0, 1, nullptr, nullptr, "S2", -1), 0);  // no such mode
     EXPECT_EQ(e_->sql_rec_cnt, 1);
     cxt_->log_bit = 3;  // the service has ended
-    EXPECT_EQ(report("S", 2, tv(1, 0), tv(1, 1)), VARNIX_RC_NO_SERVICE);
+    EXPECT_EQ(report("S", 2, {1, 0}, {1, 1}), VARNIX_RC_NO_SERVICE);
     cxt_->log_bit = 1;
     TestIpc::get().que_info().log_flag_set = get_log_flag_set("SEVBCIX");
-    EXPECT_EQ(report("S", 2, tv(1, 0), tv(1, 1)), VARNIX_RC_CLASS_OFF);
+    EXPECT_EQ(report("S", 2, {1, 0}, {1, 1}), VARNIX_RC_CLASS_OFF);
     EXPECT_EQ(close_call(), VARNIX_RC_CLASS_OFF);
     EXPECT_EQ(TRAN_SQL_ID(-1, "ID", -1), VARNIX_RC_CLASS_OFF);
     EXPECT_EQ(e_->sql_rec_cnt, 1);
@@ -194,10 +179,9 @@ TEST_F(TranSql, SqlIdIsStoredAnywhereButStatementsOnlyInAnOpenDbioCall) {
 TEST_F(TranSql, LongTextsAreSplitBetweenEucKrCharacters) {
     // EUC-KR syllables, trail bytes inside and outside the lead-byte range, between ASCII.
     const std::string text = text_of("\xb0\xa1\xb3\xaa\xb4\xd9x\xb6\xf3\xb8\xb6\xb9\xd9x\xbb\xe7\xbe\xc6\xc0\xdax"
-                                     "\xc2\xf7\xc4\xab\xc5\xb8x\xc6\xc4\xc7\xcfx",
-                                     1000);
+                                     "\xc2\xf7\xc4\xab\xc5\xb8x\xc6\xc4\xc7\xcfx", 1000);
     enter("DBIO_euckr,with,commas");
-    EXPECT_EQ(report(text.c_str(), 4, tv(1, 0), tv(3, 5)), 0);
+    EXPECT_EQ(report(text.c_str(), 4, {1, 0}, {3, 5}), 0);
     std::vector<std::string> p = pieces("1,1,1,1,2.000005,4,DBIO_euckr),", 3);
     EXPECT_EQ(p[0] + p[1] + p[2], text);
     std::set<size_t> starts{text.size()};
@@ -211,10 +195,9 @@ TEST_F(TranSql, LongTextsAreSplitBetweenEucKrCharacters) {
     }
     EXPECT_TRUE(moved);
 
-    // Nothing but lead-range bytes: no boundary, the piece is cut at the room left.
-    e_->sql_rec_cnt = 0;
+    e_->sql_rec_cnt = 0;  // nothing but lead-range bytes: no boundary, the piece is cut at the room left
     LogTail log;
-    EXPECT_EQ(report(std::string(400, '\xb0').c_str(), 1, tv(1, 0), tv(1, 0)), 0);
+    EXPECT_EQ(report(std::string(400, '\xb0').c_str(), 1, {1, 0}, {1, 0}), 0);
     p = pieces("1,1,1,1,0.000000,1,DBIO_euckr),", 2);
     EXPECT_EQ(p[0].size(), 319u);
     EXPECT_EQ(p[0] + p[1], std::string(400, '\xb0'));
@@ -232,24 +215,20 @@ TEST_F(TranSql, TextLengthsAtTheLimitAndBadArguments) {
         EXPECT_EQ(e_->sql_slot[0].sql_len, kept) << text.size();
         EXPECT_TRUE(std::string(e_->sql_slot[0].sql_text) == text.substr(0, static_cast<size_t>(kept)));
     }
-    // An unterminated text is read no further than the slot holds, and cut
-    // there like a longer one.
+    // An unterminated text is read no further than the slot holds, and cut there like a longer one.
     Unterminated full(8192, 'a');
     ASSERT_NE(full.text, nullptr);
-    full.text[8191] = '\xb0';
-    e_->sql_rec_cnt = 0;
+    full.text[8191] = '\xb0', e_->sql_rec_cnt = 0;
     EXPECT_EQ(TRAN_SQL_STMT(-1, 0, nullptr, 0, nullptr, 0, 1, nullptr, nullptr, full.text, -1), 0);
     EXPECT_EQ(e_->sql_slot[0].sql_len, 8191);
 
-    // Absent and empty texts are kept as empty statements, and send nothing.
-    e_->sql_rec_cnt = 0;
-    EXPECT_EQ(report(nullptr, 1, tv(1, 0), tv(2, 0)), 0);
-    EXPECT_EQ(report("", 1, tv(3, 0), tv(4, 0)), 0);
+    e_->sql_rec_cnt = 0;  // absent and empty texts are kept as empty statements, and send nothing
+    EXPECT_EQ(report(nullptr, 1, {1, 0}, {2, 0}), 0);
+    EXPECT_EQ(report("", 1, {3, 0}, {4, 0}), 0);
     EXPECT_EQ(e_->sql_slot[0].rep_cnt, 2u);
     EXPECT_EQ(close_call(), 0);
 
-    // Microsecond counts with 9999, the statement number kept in 16 bits,
-    // absent times taken as now, and date and time cut or padded.
+    // Microseconds with 9999, the number kept in 16 bits, absent times taken as now, date and time cut or padded.
     e_->sql_rec_cnt = 0;
     const int64_t us_start = 5'000'000'000, us_end = 5'000'250'000;
     EXPECT_EQ(TRAN_SQL_STMT(-1, 0, "2026", 3, "0102030405060708", -1, 9999, &us_start, &us_end, "U", -1), 0);
@@ -258,7 +237,7 @@ TEST_F(TranSql, TextLengthsAtTheLimitAndBadArguments) {
     EXPECT_EQ(e_->sql_slot[1].sql_no, 70000 & 0xFFFF);
     EXPECT_GT(e_->sql_slot[1].start_tv.tv_sec, 1'600'000'000);
     // Times at the ends of their range wrap around instead of overflowing.
-    EXPECT_EQ(report("W", 3, tv(LONG_MAX, 0), tv(LONG_MIN, 0)), 0);
+    EXPECT_EQ(report("W", 3, {LONG_MAX, 0}, {LONG_MIN, 0}), 0);
     std::vector<TRAN_LOG_MSG> recs = received(close_call(), 3);
     EXPECT_EQ(body_field(recs[0], 175, 22), "202      010203040506 ");
     EXPECT_EQ(body_field(recs[0], kText, 30), padded("1,3,1,1,0.250000,9999,DBIO_sel", 30));
