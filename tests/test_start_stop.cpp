@@ -49,13 +49,11 @@ int init_quietly() {
 }
 
 // ThreadSanitizer cannot follow a process that forks while threads run.
-bool forks_unsupported() {
 #if defined(__SANITIZE_THREAD__)
-    return true;
+constexpr bool kForksUnsupported = true;
 #else
-    return false;
+constexpr bool kForksUnsupported = false;
 #endif
-}
 
 std::string today() {
     const std::time_t now = std::time(nullptr);
@@ -81,7 +79,8 @@ protected:
     void TearDown() override { stop_tracing(); }
 };
 
-TEST_F(StartStop, InitAnnouncesTheProcessWithEvent1508) {
+// A start announced by event 1508, its banner and log lines; a stop closing every context.
+TEST_F(StartStop, InitAnnouncesTheProcessAndDoneDetachesEveryContext) {
     LogTail log;
     testing::internal::CaptureStdout();
     ASSERT_EQ(TRAN_INIT(), 0);
@@ -127,7 +126,44 @@ TEST_F(StartStop, InitAnnouncesTheProcessWithEvent1508) {
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[lines.size() - 2], started);
     EXPECT_EQ(lines.back(), "(I) API Process (" + std::string(gvar.proc_nm) + " / ) Start OK (ret 0)");
+
+    // TRAN_DONE detaches every context; a registered thread is marked as gone ('h'), the process context keeps
+    // its state.
+    uint64_t worker_tid = 0;
+    std::thread([&] {
+        worker_tid = static_cast<uint64_t>(pthread_self());
+        event();
+    }).join();
+    TestIpc::get().collector().drain();
+    PTRC_HASH* worker = const_cast<PTRC_HASH*>(entry_of(getpid(), worker_tid));
+    ASSERT_NE(worker, nullptr);
+    worker->svc_state = 'r';
+    const char process_state = e->svc_state;
+    const std::time_t before = std::time(nullptr);
+
+    log.take();  // from here on, only what the stop logs
+    ASSERT_EQ(TRAN_DONE(), 0);
+    EXPECT_EQ(worker->svc_state, 'h');
+    EXPECT_EQ(worker->saved_svc_state, 'r');
+    EXPECT_EQ(e->svc_state, process_state);
+    EXPECT_GE(worker->svc_mark_time, before);
+    EXPECT_GE(e->svc_mark_time, before);
+    EXPECT_EQ(gvar_cleared, 0);
+
+    // Buckets are closed in order; bucket 0 holds the process context (tid 0), which sorts first.  The log is
+    // closed before TRAN_DONE reports success, so that line is lost.
+    const int wb = handle_bucket_of(worker_tid), n = wb == 0 ? 2 : 1;
+    const unsigned long wt = static_cast<unsigned long>(worker_tid);
+    EXPECT_EQ(log.take(),
+              (Lines{fmt("(I) mtr_tid_idx[0000 - 1 of %d] pid(%d/%d)-tid(0/0) closed. get_ptrc[%u] is [ true - true ]", n,
+                         getpid(), getpid(), e->pidx),
+                     fmt("(I) mtr_tid_idx[%04d - %d of %d] pid(%d/%d)-tid(%lu/%lu) closed. get_ptrc[%u] is [ true - true ]",
+                         wb, n, n, getpid(), getpid(), wt, wt, worker->pidx),
+                     fmt("(I) [SHARED_LIB] tran_destroy() [%s] complete.. proc_nm : %s (%d)", kVersionBanner,
+                         gvar.proc_nm, getpid())}));
+    EXPECT_EQ(TRAN_DONE(), 0);  // not started: nothing to do
 }
+
 
 // A second start refuses and stops tracing until the next stop and start; restarts do not wait out the writer
 // thread's idle step (300 ms).
@@ -148,47 +184,6 @@ TEST_F(StartStop, SecondInitRefusesAndStopsTracingUntilRestarted) {
     }
     EXPECT_LT(ms_since(t0), 1000);
     TestIpc::get().collector().drain();
-}
-
-// TRAN_DONE detaches every context; a thread that was registered is marked
-// as gone ('h'), the process context keeps its state.
-TEST_F(StartStop, DoneDetachesContextsAndMarksThreadEntries) {
-    ASSERT_EQ(start_tracing(), 0);
-    uint64_t worker_tid = 0;
-    std::thread([&] {
-        worker_tid = static_cast<uint64_t>(pthread_self());
-        event();
-    }).join();
-    TestIpc::get().collector().drain();
-    PTRC_HASH* worker = const_cast<PTRC_HASH*>(entry_of(getpid(), worker_tid));
-    const PTRC_HASH* process = entry_of(getpid(), 0);
-    ASSERT_NE(worker, nullptr);
-    ASSERT_NE(process, nullptr);
-    worker->svc_state = 'r';
-    const char process_state = process->svc_state;
-    const std::time_t before = std::time(nullptr);
-
-    LogTail log;
-    ASSERT_EQ(TRAN_DONE(), 0);
-    EXPECT_EQ(worker->svc_state, 'h');
-    EXPECT_EQ(worker->saved_svc_state, 'r');
-    EXPECT_EQ(process->svc_state, process_state);
-    EXPECT_GE(worker->svc_mark_time, before);
-    EXPECT_GE(process->svc_mark_time, before);
-    EXPECT_EQ(gvar_cleared, 0);
-
-    // Buckets are closed in order; bucket 0 holds the process context (tid 0), which sorts first.  The log is
-    // closed before TRAN_DONE reports success, so that line is lost.
-    const int wb = handle_bucket_of(worker_tid), n = wb == 0 ? 2 : 1;
-    const unsigned long wt = static_cast<unsigned long>(worker_tid);
-    EXPECT_EQ(log.take(),
-              (Lines{fmt("(I) mtr_tid_idx[0000 - 1 of %d] pid(%d/%d)-tid(0/0) closed. get_ptrc[%u] is [ true - true ]", n,
-                         getpid(), getpid(), process->pidx),
-                     fmt("(I) mtr_tid_idx[%04d - %d of %d] pid(%d/%d)-tid(%lu/%lu) closed. get_ptrc[%u] is [ true - true ]",
-                         wb, n, n, getpid(), getpid(), wt, wt, worker->pidx),
-                     fmt("(I) [SHARED_LIB] tran_destroy() [%s] complete.. proc_nm : %s (%d)", kVersionBanner,
-                         gvar.proc_nm, getpid())}));
-    EXPECT_EQ(TRAN_DONE(), 0);  // not started: nothing to do
 }
 
 // Another process traced against the same collector registers its own
@@ -256,9 +251,7 @@ TEST_F(StartStop, StopAndRestartWhileCallersAreInside) {
     std::atomic<bool> stop{false};
     std::atomic<int32_t> unexpected{0};
     ThreadGroup tracers(6, [&](int t) {
-        ServiceCall s;
-        s.gid = "GID-" + std::to_string(t);
-        s.svc_id = "SVC-LOAD";
+        ServiceCall s{.gid = "GID-" + std::to_string(t), .svc_id = "SVC-LOAD"};
         while (!stop.load()) {
             // A restart between a start and its end leaves the end without a service.
             for (int32_t rc : {call(TRAN_START, s), event(), call(TRAN_END, s)})
@@ -283,11 +276,10 @@ TEST_F(StartStop, StopAndRestartWhileCallersAreInside) {
     EXPECT_EQ(unexpected.load(), 0);
 }
 
-// Servers that fork workers: a child is untraced and touches nothing of the
-// parent's until it starts tracing itself, which then works at once, however
-// busy the parent's threads were when it forked.
-TEST_F(StartStop, ForkedChildrenAreUntracedUntilTheyStartThemselves) {
-    if (forks_unsupported()) GTEST_SKIP() << "fork with running threads";
+// Servers that fork workers: a child is untraced and touches nothing of the parent's until it starts tracing
+// itself, which then works at once, however busy the parent's threads were when it forked.
+TEST_F(StartStop, ForkedProcesses) {
+    if (kForksUnsupported) GTEST_SKIP() << "fork with running threads";
     ASSERT_EQ(start_tracing(), 0);
     ASSERT_TRUE(sent(event()));
     const PTRC_HASH* mine = entry_of(getpid(), static_cast<uint64_t>(pthread_self()));
@@ -297,9 +289,7 @@ TEST_F(StartStop, ForkedChildrenAreUntracedUntilTheyStartThemselves) {
     Drainer drainer;
     std::atomic<bool> stop{false};
     ThreadGroup tracers(4, [&](int t) {
-        ServiceCall s;
-        s.gid = "PARENT-" + std::to_string(t);
-        s.svc_id = "SVC-PARENT";
+        ServiceCall s{.gid = "PARENT-" + std::to_string(t), .svc_id = "SVC-PARENT"};
         while (!stop.load()) {
             call(TRAN_START, s);
             event();
@@ -308,9 +298,7 @@ TEST_F(StartStop, ForkedChildrenAreUntracedUntilTheyStartThemselves) {
     });
     for (int i = 0; i < 8; ++i) {
         in_child([] {
-            ServiceCall s;
-            s.gid = "CHILD";
-            s.svc_id = "SVC-CHILD";
+            ServiceCall s{.gid = "CHILD", .svc_id = "SVC-CHILD"};
             EXPECT_EQ(call(TRAN_START, s), VARNIX_RC_NOT_INIT);
             ASSERT_EQ(TRAN_DONE(), 0);
             ASSERT_EQ(init_quietly(), 0);
@@ -328,25 +316,17 @@ TEST_F(StartStop, ForkedChildrenAreUntracedUntilTheyStartThemselves) {
     tracers.join();
     EXPECT_EQ(mine->service_depth, depth);
     EXPECT_EQ(mine->svc_state, state);
-}
 
-// Another process holds the host-wide table semaphore and is killed inside a
-// service: a newcomer's registration gives up in time and succeeds once the
-// kernel has undone the dead holder's lock; registered threads trace on; the
-// dead process's entries stay for the collector.
-TEST_F(StartStop, TableSemaphoreHeldByAnotherProcess) {
-    if (forks_unsupported()) GTEST_SKIP() << "fork with running threads";
-    ASSERT_EQ(start_tracing(), 0);
-    ASSERT_TRUE(sent(event()));
+    // Another process holds the host-wide table semaphore and is killed inside a service: a newcomer's
+    // registration gives up in time and succeeds once the kernel has undone the dead holder's lock; registered
+    // threads trace on; the dead process's entries stay for the collector.
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t holder = fork();
     ASSERT_GE(holder, 0);
     if (holder == 0) {
         if (!std::freopen("/dev/null", "w", stdout)) _exit(99);
-        ServiceCall s;
-        s.gid = "HELD";
-        s.svc_id = "SVC-HELD";
+        ServiceCall s{.gid = "HELD", .svc_id = "SVC-HELD"};
         const bool ok = TRAN_DONE() == 0 && TRAN_INIT() == 0 && sent(call(TRAN_START, s)) &&
                         sem_lock(gvar.ptrc_hash_semid, 0, kSemUndo) == 0;
         const char c = ok ? '1' : '0';
@@ -410,9 +390,7 @@ TEST_F(StartStop, StartFailuresAndCollectorFaults) {
 
     ASSERT_EQ(start_tracing(), 0);
     ipc.que_info().magic_code = 0;
-    ServiceCall s;
-    s.gid = "MAGIC";
-    s.svc_id = "SVC-MAGIC";
+    ServiceCall s{.gid = "MAGIC", .svc_id = "SVC-MAGIC"};
     EXPECT_EQ(event(), VARNIX_RC_BAD_MAGIC);
     EXPECT_EQ(call(TRAN_START, s), VARNIX_RC_BAD_MAGIC);
     ipc.que_info().magic_code = VARNIX_MAGIC_CODE;
