@@ -41,13 +41,6 @@ int64_t ms_since(steady_clock::time_point t0) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - t0).count();
 }
 
-int init_quietly() {
-    testing::internal::CaptureStdout();
-    int rc = TRAN_INIT();
-    testing::internal::GetCapturedStdout();
-    return rc;
-}
-
 // ThreadSanitizer cannot follow a process that forks while threads run.
 #if defined(__SANITIZE_THREAD__)
 constexpr bool kForksUnsupported = true;
@@ -82,9 +75,8 @@ protected:
 // A start announced by event 1508, its banner and log lines; a stop closing every context.
 TEST_F(StartStop, InitAnnouncesTheProcessAndDoneDetachesEveryContext) {
     LogTail log;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(TRAN_INIT(), 0);
-    std::string banner = testing::internal::GetCapturedStdout();
+    std::string banner;
+    ASSERT_EQ(init_quietly(&banner), 0);
     EXPECT_EQ(gvar_cleared, 1);
 
     const std::string blank_gid(32, ' ');
