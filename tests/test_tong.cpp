@@ -1,16 +1,12 @@
 // Full-message capture against this binary's collector, with the real writer thread; every scenario runs in a
 // child process (support/in_child.h).
 #include "tong/tong.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
-
 #include "core/gvar.h"
 #include "support/in_child.h"
 #include "support/tong_file.h"
