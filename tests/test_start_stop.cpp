@@ -72,8 +72,9 @@ protected:
     void TearDown() override { stop_tracing(); }
 };
 
-// A start announced by event 1508, its banner and log lines; a stop closing every context.
-TEST_F(StartStop, InitAnnouncesTheProcessAndDoneDetachesEveryContext) {
+// A start announced by event 1508, its banner and log lines, for this process and another; a stop closing every
+// context.
+TEST_F(StartStop, InitAnnouncesEachProcessAndDoneDetachesEveryContext) {
     LogTail log;
     std::string banner;
     ASSERT_EQ(init_quietly(&banner), 0);
@@ -81,8 +82,7 @@ TEST_F(StartStop, InitAnnouncesTheProcessAndDoneDetachesEveryContext) {
 
     const std::string blank_gid(32, ' ');
     const int q = queue_of_gid(blank_gid);
-    TRAN_LOG_MSG m{};
-    ASSERT_EQ(TestIpc::get().collector().receive(m, q), q);
+    const TRAN_LOG_MSG m = received(q);
     const PTRC_HASH* e = entry_of(getpid(), 0);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->qidx, q);
@@ -118,6 +118,36 @@ TEST_F(StartStop, InitAnnouncesTheProcessAndDoneDetachesEveryContext) {
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[lines.size() - 2], started);
     EXPECT_EQ(lines.back(), "(I) API Process (" + std::string(gvar.proc_nm) + " / ) Start OK (ret 0)");
+
+    // Another process traced against the same collector registers its own entries and sends its own records.
+    const PTRC_HASH_TBL& t = *TestIpc::get().collector().ptrc();
+    const uint32_t used = t.used_cnt;
+    std::FILE* child = popen(TRACED_CHILD, "r");
+    ASSERT_NE(child, nullptr);
+    std::string out;
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, child)) out += buf;
+    EXPECT_EQ(pclose(child), 0) << out;
+    // The child registered its process context and its main thread.
+    EXPECT_EQ(t.used_cnt, used + 2);
+    int child_pid = 0, child_entries = 0;
+    for (const PTRC_HASH& e : t.entry) {
+        if (e.ptrc_state != VARNIX_PTRC_REGISTERED || e.pid == getpid() || e.pid == 0) continue;
+        if (child_pid == 0) child_pid = e.pid;
+        EXPECT_EQ(e.pid, child_pid);
+        ++child_entries;
+    }
+    EXPECT_EQ(child_entries, 2);
+
+    const int event_q = queue_of_gid("CHILD-GID");
+    EXPECT_NE(out.find("init 0 event " + std::to_string(event_q) + " done 0\n"), std::string::npos) << out;
+    const std::string pid8 = fmt("%08d ", child_pid);
+    const TRAN_LOG_MSG child_start = received(queue_of_gid("")), child_event = received(event_q);
+    EXPECT_EQ(body_field(child_start, 197, 4), "1508");
+    EXPECT_EQ(body_field(child_start, 138, 9), pid8);
+    EXPECT_EQ(body_field(child_event, 197, 4), "7777");
+    EXPECT_EQ(body_field(child_event, 138, 9), pid8);
+    EXPECT_EQ(TestIpc::get().collector().drain(), 0);
 
     // TRAN_DONE detaches every context; a registered thread is marked as gone ('h'), the process context keeps
     // its state.
@@ -156,44 +186,6 @@ TEST_F(StartStop, InitAnnouncesTheProcessAndDoneDetachesEveryContext) {
     EXPECT_EQ(TRAN_DONE(), 0);  // not started: nothing to do
 }
 
-
-// Another process traced against the same collector registers its own
-// entries and sends its own records.
-TEST_F(StartStop, TwoProcessesKeepSeparateEntries) {
-    ASSERT_EQ(start_tracing(), 0);
-    const PTRC_HASH_TBL& t = *TestIpc::get().collector().ptrc();
-    const uint32_t used = t.used_cnt;
-    std::FILE* child = popen(TRACED_CHILD, "r");
-    ASSERT_NE(child, nullptr);
-    std::string out;
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, child)) out += buf;
-    EXPECT_EQ(pclose(child), 0) << out;
-
-    // The child registered its process context and its main thread.
-    EXPECT_EQ(t.used_cnt, used + 2);
-    int child_pid = 0, child_entries = 0;
-    for (const PTRC_HASH& e : t.entry) {
-        if (e.ptrc_state != VARNIX_PTRC_REGISTERED || e.pid == getpid() || e.pid == 0) continue;
-        if (child_pid == 0) child_pid = e.pid;
-        EXPECT_EQ(e.pid, child_pid);
-        ++child_entries;
-    }
-    EXPECT_EQ(child_entries, 2);
-    ASSERT_NE(entry_of(getpid(), 0), nullptr);
-
-    const int event_q = queue_of_gid("CHILD-GID");
-    EXPECT_NE(out.find("init 0 event " + std::to_string(event_q) + " done 0\n"), std::string::npos) << out;
-    const std::string pid8 = fmt("%08d ", child_pid);
-    TRAN_LOG_MSG m{};
-    ASSERT_EQ(TestIpc::get().collector().receive(m, queue_of_gid("")), queue_of_gid(""));
-    EXPECT_EQ(body_field(m, 197, 4), "1508");
-    EXPECT_EQ(body_field(m, 138, 9), pid8);
-    ASSERT_EQ(TestIpc::get().collector().receive(m, event_q), event_q);
-    EXPECT_EQ(body_field(m, 197, 4), "7777");
-    EXPECT_EQ(body_field(m, 138, 9), pid8);
-    EXPECT_EQ(TestIpc::get().collector().drain(), 0);
-}
 
 // A stop while callers are inside lets them finish, refuses new ones and returns at once.  One that does not leave
 // keeps the shared blocks attached: the stop fails at once instead of detaching under it, and the next start
