@@ -287,20 +287,16 @@ TEST_F(StartStop, ForkedProcesses) {
     const pid_t holder = fork();
     ASSERT_GE(holder, 0);
     if (holder == 0) {
-        if (!std::freopen("/dev/null", "w", stdout)) _exit(99);
         ServiceCall s{.gid = "HELD", .svc_id = "SVC-HELD"};
-        const bool ok = TRAN_DONE() == 0 && TRAN_INIT() == 0 && sent(call(TRAN_START, s)) &&
-                        sem_lock(gvar.ptrc_hash_semid, 0, kSemUndo) == 0;
-        const char c = ok ? '1' : '0';
-        if (write(ready[1], &c, 1) != 1) _exit(98);
-        pause();
-        _exit(0);
+        const bool held = std::freopen("/dev/null", "w", stdout) && TRAN_DONE() == 0 && TRAN_INIT() == 0 &&
+                          sent(call(TRAN_START, s)) && sem_lock(gvar.ptrc_hash_semid, 0, kSemUndo) == 0;
+        if (write(ready[1], held ? "1" : "0", 1) == 1) pause();
+        _exit(1);
     }
-    char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    close(ready[0]);
-    close(ready[1]);
-    EXPECT_EQ(c, '1');
+    char held = 0;
+    ASSERT_EQ(read(ready[0], &held, 1), 1);
+    EXPECT_EQ(held, '1');
+    close(ready[0]), close(ready[1]);
 
     LogTail log;
     int32_t newcomer = 0;
