@@ -28,8 +28,8 @@ namespace {
 using Lines = std::vector<std::string>;
 using std::chrono::steady_clock;
 
-int32_t event(const char* code = "1") {
-    return TRAN_EVENT(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, code, -1,
+int32_t event() {
+    return TRAN_EVENT(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, "1", -1,
                       nullptr, 0, nullptr, 0, nullptr, 0);
 }
 
