@@ -1,15 +1,11 @@
 #include "tong/deffered_que.h"
-
 #include <pthread.h>
 #include <sched.h>
-
 #include <gtest/gtest.h>
-
 #include <atomic>
 #include <bit>
 #include <cstring>
 #include <vector>
-
 #include "core/mutex.h"
 #include "support/thread_group.h"
 
@@ -42,7 +38,7 @@ void advance(uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) ASSERT_TRUE(put(0, i) == 1 && get_deffered_que() != nullptr) << i;
 }
 
-TEST(DefferedQue, HoldsOneRecordLessThanItHasSlotsInFifoOrder) {
+TEST(DefferedQue, HoldsOneRecordLessThanItHasSlotsInFifoOrderAndWraps) {
     ASSERT_EQ(create_deffered_que(0), 1);
     for (uint32_t seq = 1; seq <= kCapacity; ++seq) ASSERT_EQ(put(7, seq, seq % 3 + 1), 1) << seq;
     EXPECT_EQ(put(8, 1), 0);  // full: refused, nothing changes
@@ -62,12 +58,10 @@ TEST(DefferedQue, HoldsOneRecordLessThanItHasSlotsInFifoOrder) {
     EXPECT_EQ(create_deffered_que(0), 1);
     EXPECT_EQ(get_deffered_queueing(), 0u);
     EXPECT_EQ(get_deffered_que(), nullptr);
-}
 
-TEST(DefferedQue, IndicesWrapAndPutCopiesOnlyTheGivenBytes) {
-    ASSERT_EQ(create_deffered_que(0), 1);
+    // Indices wrap; a put copies only the given bytes.
     ASSERT_EQ(put_deffered_que("0123456789abcdefXYZ", 20, 5), 1);  // cut to the slot
-    const DeferredSlot* slot1 = get_deffered_que();  // the first record goes to slot 1
+    const DeferredSlot* slot1 = get_deffered_que();  // the first record after creating goes to slot 1
     ASSERT_NE(slot1, nullptr);
     advance(kDeferredSlots - 2);  // front and rear now at the last slot
     ASSERT_EQ(put(1, 3), 1);

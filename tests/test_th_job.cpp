@@ -19,6 +19,7 @@
 #include "core/status.h"
 #include "support/in_child.h"
 #include "support/test_ipc.h"
+#include "support/tong_file.h"
 #include "tong/deffered_que.h"
 #include "tong/th_job.h"
 #include "tong/tong_slot.h"
@@ -43,10 +44,6 @@ std::string local_date(const char* fmt) {
 std::string make_dir() {
     std::string tmpl = TestIpc::get().dir() + "/writer-XXXXXX";
     return mkdtemp(tmpl.data()) ? tmpl : "";
-}
-
-std::string data_path(const std::string& home, const std::string& name = "tproc") {
-    return home + "/tong_log_" + local_date("%Y%m%d") + "_" + name + "_" + std::to_string(getpid()) + ".dat";
 }
 
 // A record as the capture side builds it: header, telegram, line feed.
@@ -82,9 +79,10 @@ TEST(ThJob, AppendsRecordsToTheDaysFileAndDropsWhatItCannotPlace) {
         umask(022);
         ASSERT_EQ(setenv("TZ", "WST+12", 1), 0);
         tzset();
-        const std::string root = make_dir(), err_path = root + "/stderr", path = data_path(root);
+        const std::string root = make_dir(), err_path = root + "/stderr";
         ASSERT_EQ(dup2(open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2), 2);
         start_writer(root);
+        const std::string path = tong_data_path();
         size_t base = live_heap_bytes();
         static char foreign[] = "foreign";  // not ours to free or write
         put_slot(sizeof foreign, foreign, 2);
@@ -116,8 +114,9 @@ TEST(ThJob, AppendsRecordsToTheDaysFileAndDropsWhatItCannotPlace) {
         ASSERT_EQ(setenv("TZ", "EST-14", 1), 0);
         tzset();
         std::snprintf(gvar.cont_nm, sizeof gvar.cont_nm, "cont01");
-        const std::string home = root + "/" + std::string(127 - data_path("", "cont01").size() - root.size() - 1, 'd');
-        const std::string next_path = data_path(home, "cont01");
+        const std::string name = tong_data_path().substr(root.size());  // the new day's, under the home
+        const std::string home = root + "/" + std::string(127 - name.size() - root.size() - 1, 'd');
+        const std::string next_path = home + name;
         ASSERT_EQ(next_path.size(), 127u);
         ASSERT_EQ(mkdir((home + "d").c_str(), 0755), 0);
         base = live_heap_bytes();

@@ -1,16 +1,12 @@
 // Full-message capture against this binary's collector, with the real writer thread; every scenario runs in a
 // child process (support/in_child.h).
 #include "tong/tong.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
-
 #include "core/gvar.h"
 #include "support/in_child.h"
 #include "support/tong_file.h"
@@ -26,13 +22,7 @@ using test::TestIpc;
 
 std::vector<std::string> log_since(size_t from) { return test::log_messages(TestIpc::get().read_log(), from); }
 
-int restart() {
-    if (TRAN_DONE() != 0) return -1;
-    testing::internal::CaptureStdout();  // the banner
-    const int rc = TRAN_INIT();
-    testing::internal::GetCapturedStdout();
-    return rc;
-}
+int restart() { return TRAN_DONE() != 0 ? -1 : test::init_quietly(); }
 
 // The switch, the length check and its messages, three records byte for byte, then restarts in quick succession
 // with captures running: one writer throughout, and it goes on writing.

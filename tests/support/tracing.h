@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "context/hash.h"
 #include "context/mtr_cxt.h"
@@ -26,6 +27,15 @@ inline void stop_tracing() {
     th_join_thread();
 }
 
+// TRAN_INIT with its banner taken off standard output (into `banner` when given).
+inline int init_quietly(std::string* banner = nullptr) {
+    testing::internal::CaptureStdout();
+    const int rc = TRAN_INIT();
+    std::string out = testing::internal::GetCapturedStdout();
+    if (banner) *banner = std::move(out);
+    return rc;
+}
+
 // Starts tracing afresh (TRAN_DONE, TRAN_INIT) with the default
 // configuration; the start-up records are drained.  The banner goes to
 // `banner` when given.
@@ -34,10 +44,7 @@ inline int start_tracing(std::string* banner = nullptr) {
     if (!ipc.ok()) return -1;
     stop_tracing();
     ipc.reset();
-    testing::internal::CaptureStdout();
-    int rc = TRAN_INIT();
-    std::string out = testing::internal::GetCapturedStdout();
-    if (banner) *banner = out;
+    const int rc = init_quietly(banner);
     ipc.collector().drain();
     return rc;
 }
