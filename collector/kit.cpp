@@ -63,8 +63,9 @@ void* attach_new_shm(key_t key, size_t size, int& id, const char* name) {
     return addr;
 }
 
-int new_free_sem(key_t key, int& id) {
-    id = semget(key, 1, kCreatePerm);
+// A semaphore set whose semaphore 0 is a free lock; the others start at 0.
+int new_free_sem(key_t key, int& id, int nsems = 1) {
+    id = semget(key, nsems, kCreatePerm);
     if (id >= 0) list_created({{IpcObject{IpcKind::sem, id, key}}});
     if (id < 0 || semctl(id, 0, SETVAL, 1) < 0) {
         std::fprintf(stderr, "[kit] semaphore (key 0x%x): %s\n", static_cast<unsigned>(key), std::strerror(errno));
@@ -183,7 +184,7 @@ int Collector::create_tables(const char* cfg) {
     init_svc_hash_tbl(*svc_);
     ptrc_ = static_cast<PTRC_HASH_TBL*>(
         attach_new_shm(ptrc_shm, sizeof(PTRC_HASH_TBL), ids_.ptrc_shm, "PTRC_HASH_TBL"));
-    if (!ptrc_ || new_free_sem(ptrc_sem, ids_.ptrc_sem) < 0) return -1;
+    if (!ptrc_ || new_free_sem(ptrc_sem, ids_.ptrc_sem, VARNIX_PTRC_SEM_CNT) < 0) return -1;
     init_ptrc_hash_tbl(*ptrc_);
     return 0;
 }

@@ -313,6 +313,19 @@ static_assert(offsetof(PTRC_HASH_TBL, free_stk) == 603702152, "free_stk");
 static_assert(offsetof(PTRC_HASH_TBL, used_stk) == 603742156, "used_stk");
 static_assert(sizeof(PTRC_HASH_TBL) == 603782160, "PTRC_HASH_TBL size");
 
+/* ---- Process-thread table semaphore set ------------------------------------ */
+
+/* The set named by PTRC_HASH_TBL_SEMKEY.  Semaphore 0 locks the table's
+ * chains and stacks (1 free, 0 held).  Semaphore VARNIX_PTRC_SEM_OWNER(n) is
+ * raised by 1, with SEM_UNDO, by the process that holds entry n: the kernel
+ * lowers it again when that process ends, however it ends and whatever its pid
+ * namespace, so a value of 0 on a registered entry means its owner is gone.
+ * Semaphore VARNIX_PTRC_SEM_AGENT is held the same way by the running agent. */
+#define VARNIX_PTRC_SEM_LOCK 0
+#define VARNIX_PTRC_SEM_OWNER(n) (1 + (n))
+#define VARNIX_PTRC_SEM_AGENT (1 + VARNIX_TBL_ENTRIES)
+#define VARNIX_PTRC_SEM_CNT (2 + VARNIX_TBL_ENTRIES)
+
 /* ---- Service table ------------------------------------------------------- */
 
 /* One listed service.  The header and the collector data are the collector's

@@ -33,7 +33,7 @@ TEST_F(Sem, LockIsExclusiveAndReleasedWithADeadHolder) {
     EXPECT_EQ(outcome([&] { return sem_lock(ptrc(), 0, kSemUndo | IPC_NOWAIT); }), failed(EAGAIN));
     EXPECT_EQ(outcome([&] { return sem_unlock(ptrc(), 0, kSemUndo); }), ok(0));
     EXPECT_EQ(outcome([&] { return sem_unlock(-1, 0, kSemUndo); }), failed(EINVAL));
-    EXPECT_EQ(outcome([&] { return sem_lock(ptrc(), 1, kSemUndo); }), failed(EFBIG));
+    EXPECT_EQ(outcome([&] { return sem_lock(ptrc(), VARNIX_PTRC_SEM_CNT, kSemUndo); }), failed(EFBIG));
     EXPECT_EQ(value_of(ptrc()), 1);
     pid_t pid = fork();
     if (pid == 0) _exit(sem_lock(ptrc(), 0, kSemUndo) == 0 ? 0 : 1);
