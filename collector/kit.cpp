@@ -185,6 +185,11 @@ int Collector::create_tables(const char* cfg) {
     ptrc_ = static_cast<PTRC_HASH_TBL*>(
         attach_new_shm(ptrc_shm, sizeof(PTRC_HASH_TBL), ids_.ptrc_shm, "PTRC_HASH_TBL"));
     if (!ptrc_ || new_free_sem(ptrc_sem, ids_.ptrc_sem, VARNIX_PTRC_SEM_CNT) < 0) return -1;
+    if (take_agent_token(ids_.ptrc_sem) != 0) {
+        std::fprintf(stderr, "[kit] the agent's semaphore (key 0x%x): %s\n", static_cast<unsigned>(ptrc_sem),
+                     std::strerror(errno));
+        return -1;
+    }
     init_ptrc_hash_tbl(*ptrc_);
     return 0;
 }
@@ -210,6 +215,56 @@ int Collector::create(const char* cfg_path) {
         return -1;
     }
     return 0;
+}
+
+namespace {
+
+void* attach_shm(int id, const char* name) {
+    void* addr = shmat(id, nullptr, 0);
+    if (addr != reinterpret_cast<void*>(-1)) return addr;
+    std::fprintf(stderr, "[kit] shmat %s (id %d): %s\n", name, id, std::strerror(errno));
+    return nullptr;
+}
+
+}  // namespace
+
+int take_agent_token(int semid) {
+    sembuf ops[2] = {{VARNIX_PTRC_SEM_AGENT, 0, IPC_NOWAIT}, {VARNIX_PTRC_SEM_AGENT, 1, SEM_UNDO | IPC_NOWAIT}};
+    return semop(semid, ops, 2);
+}
+
+int Collector::adopt(const Ids& ids, int max_que_cnt) {
+    remove();
+    if (max_que_cnt < 1 || max_que_cnt > VARNIX_MAX_QUE_CNT) {
+        std::fprintf(stderr, "[kit] MAX_QUE_CNT %d out of range\n", max_que_cnt);
+        return -1;
+    }
+    auto* q = static_cast<TRAN_LOGF_QUE_INFO*>(attach_shm(ids.que_info_shm, "TRAN_LOGF_QUE_INFO"));
+    auto* s = static_cast<SVC_HASH_TBL*>(attach_shm(ids.svc_shm, "SVC_HASH_TBL"));
+    auto* p = static_cast<PTRC_HASH_TBL*>(attach_shm(ids.ptrc_shm, "PTRC_HASH_TBL"));
+    if (!q || !s || !p) {
+        for (void* addr : {static_cast<void*>(q), static_cast<void*>(s), static_cast<void*>(p)})
+            if (addr) shmdt(addr);
+        return -1;
+    }
+    ids_ = ids;
+    std::fill(std::begin(ids_.msgq) + max_que_cnt, std::end(ids_.msgq), -1);
+    que_info_ = q;
+    svc_ = s;
+    ptrc_ = p;
+    max_que_cnt_ = max_que_cnt;
+    return 0;
+}
+
+Collector::Ids ids_of(const Keys& keys, int max_que_cnt) {
+    Collector::Ids ids;
+    ids.que_info_shm = shmget(keys.que_info, 0, 0);
+    ids.svc_shm = shmget(keys.svc_shm, 0, 0);
+    ids.ptrc_shm = shmget(keys.ptrc_shm, 0, 0);
+    ids.svc_sem = semget(keys.svc_sem, 0, 0);
+    ids.ptrc_sem = semget(keys.ptrc_sem, 0, 0);
+    for (int i = 0; i < std::min(max_que_cnt, VARNIX_MAX_QUE_CNT); ++i) ids.msgq[i] = msgget(keys.msgq + i, 0);
+    return ids;
 }
 
 namespace {

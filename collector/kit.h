@@ -74,8 +74,20 @@ public:
     // Creates every object the configuration file names; 0, or -1 with a
     // message on standard error (objects created so far are removed).
     int create(const char* cfg_path);
-    // Removes every object this collector created; the number it could not
-    // remove (each reported on standard error).  Safe to call again.
+    // The ids of a collector's objects (-1: none), also for a crash handler
+    // that must remove them without the kit.
+    struct Ids {
+        int que_info_shm = -1, svc_shm = -1, svc_sem = -1, ptrc_shm = -1, ptrc_sem = -1;
+        int msgq[VARNIX_MAX_QUE_CNT] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+    };
+
+    // Takes over the objects of `ids`, which another collector created (and
+    // the caller checked), with the first `max_que_cnt` queues: attaches the
+    // three blocks as they are, and remove() removes them later as its own.
+    // 0, or -1 with a message on standard error (nothing is taken over).
+    int adopt(const Ids& ids, int max_que_cnt);
+    // Removes every object this collector created or adopted; the number it
+    // could not remove (each reported on standard error).  Safe to call again.
     int remove();
 
     TRAN_LOGF_QUE_INFO* que_info() const { return que_info_; }
@@ -97,11 +109,6 @@ public:
     // Discards every waiting record; the number discarded.
     int drain() const;
 
-    // The ids, for a crash handler that must remove them without the kit.
-    struct Ids {
-        int que_info_shm = -1, svc_shm = -1, svc_sem = -1, ptrc_shm = -1, ptrc_sem = -1;
-        int msgq[VARNIX_MAX_QUE_CNT] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
-    };
     const Ids& ids() const { return ids_; }
 
 private:
@@ -116,8 +123,18 @@ private:
     int max_que_cnt_ = 0;
 };
 
+// Raises semaphore VARNIX_PTRC_SEM_AGENT of the process-thread table's set
+// `semid` from 0 to 1 with SEM_UNDO, without waiting, in one operation: the
+// token of the running collector, which the kernel takes back when its holder
+// ends.  A collector that creates the objects takes it before its last object
+// exists.  0, or -1 with errno (EAGAIN: another process holds it).
+int take_agent_token(int semid);
+
 // Removes the ids of a crashed or finished collector (async-signal-safe).
 void remove_ids(const Collector::Ids& ids);
+// The ids of the objects that exist under the keys of a collector with
+// `max_que_cnt` queues (-1 where none does); nothing is attached or changed.
+Collector::Ids ids_of(const Keys& keys, int max_que_cnt);
 
 // Lists a service in the service table as the collector does: a free entry
 // appended to the chain of its id's bucket, with its own record-class switches
