@@ -14,6 +14,7 @@ struct Options {
 };
 
 int start_command(const Options& o);
+int cleanup_command(const Options& o);
 int set_command(const Options& o);
 int snapshot_command(const Options& o);
 int top_command(const Options& o);

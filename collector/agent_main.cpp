@@ -12,8 +12,10 @@ using namespace varnix::agent;
 
 constexpr const char* kUsage =
     "usage: varnix-agent COMMAND [-c FILE] ...\n"
-    "  start [--out FILE]   create the IPC objects of FILE and write every record as a JSON line\n"
-    "                       (standard output by default) until SIGINT, SIGTERM or SIGHUP\n"
+    "  start [--out OUT]    create the IPC objects of FILE, or take over those a crashed agent left,\n"
+    "                       and append every record as a JSON line to OUT (standard output by default)\n"
+    "                       until SIGINT, SIGTERM or SIGHUP; then drain the queues and remove the objects\n"
+    "  cleanup              remove the IPC objects of FILE when no agent runs with them\n"
     "  set NAME=VALUE...    change switches: log_flag_set=SEVBCIXQ capture=on|off call_trc_depth=N\n"
     "                       call_trc_limit=US dbio_trc_limit=US sql_trc_limit=US svc_filtering=0|1|2\n"
     "                       fst_err_rc_set=CODE,VERDICT services=FILE (a service table file)\n"
@@ -26,7 +28,8 @@ struct Command {
     int (*run)(const Options&);
 };
 constexpr Command kCommands[] = {
-    {"start", start_command}, {"set", set_command}, {"snapshot", snapshot_command}, {"top", top_command}};
+    {"start", start_command}, {"cleanup", cleanup_command}, {"set", set_command},
+    {"snapshot", snapshot_command}, {"top", top_command}};
 
 int usage() {
     std::fputs(kUsage, stderr);

@@ -1,5 +1,6 @@
-// varnix-agent end to end on this process's own keys: one agent serves the
-// whole binary (its table is 603 MB); the last test stops it.
+// varnix-agent end to end on this process's own keys: one table of 603 MB
+// serves the whole binary; the agent that created it is killed, its successor
+// takes it over, and the last test stops that one.
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -10,14 +11,18 @@
 
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <bitset>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
+#include <sstream>
 
 #include "collector/decode.h"
 #include "support/calls.h"
 #include "support/in_child.h"
 #include "support/temp_dir.h"
+#include "support/thread_group.h"
 
 namespace varnix::test {
 namespace {
@@ -58,23 +63,38 @@ protected:
         ASSERT_EQ(setenv("TRAN_HOME", dir_.c_str(), 1) | setenv("TRAN_AGT_HOME", (dir_ + "/agt").c_str(), 1) |
                       setenv("TRAN_AGT_CFG_FILE", cfg().c_str(), 1),
                   0);
-        agent_ = spawn({VARNIX_AGENT, "start", "--out", dir_ + "/out.jsonl"}, "/dev/null", dir_ + "/agent.err");
-        ASSERT_TRUE(wait_for([] { return read_file(dir_ + "/agent.err").find("running") != std::string::npos; }));
+        ASSERT_TRUE(start_agent("/agent.err"));
         testing::internal::CaptureStdout();  // the banner
         ASSERT_EQ(TRAN_INIT(), 0);
         testing::internal::GetCapturedStdout();
     }
 
+    // A killed agent leaves its objects: they go by key, whatever happened.
     static void TearDownTestSuite() {
         stop_tracing();
         if (agent_ > 0 && kill(agent_, SIGKILL) == 0) waitpid(agent_, nullptr, 0);
+        for (const kit::Keys& k : {conf_.keys, other_keys()}) kit::remove_ids(kit::ids_of(k, conf_.max_que_cnt));
     }
 
     static std::string cfg() { return dir_ + "/agt/varnix.cfg"; }
 
+    // Keys of a second configuration, from the rest of this process's block.
+    static kit::Keys other_keys() {
+        const kit::Keys& k = conf_.keys;
+        return {k.que_info + 5, k.que_info + 6, k.que_info + 7, k.que_info + 8, k.que_info + 9, k.msgq + 4};
+    }
+
+    // Starts `varnix-agent start`, its errors into dir_ + ERR, and waits until it runs.
+    static bool start_agent(const std::string& err) {
+        err_ = dir_ + err;
+        agent_ = spawn({VARNIX_AGENT, "start", "--out", dir_ + "/out.jsonl"}, "/dev/null", err_);
+        return wait_for([] { return read_file(err_).find("running") != std::string::npos; });
+    }
+
     // Runs `varnix-agent ARGS...`; its exit status, its output and errors.
-    static int agent(std::vector<std::string> args, std::string* out = nullptr, std::string* err = nullptr) {
-        args.insert(args.begin() + 1, {"-c", cfg()});
+    static int agent(std::vector<std::string> args, std::string* out = nullptr, std::string* err = nullptr,
+                     const std::string& cfg_file = cfg()) {
+        args.insert(args.begin() + 1, {"-c", cfg_file});
         args.insert(args.begin(), VARNIX_AGENT);
         const std::string o = dir_ + "/cmd.out", e = dir_ + "/cmd.err";
         const int rc = exit_status(spawn(args, o, e));
@@ -107,6 +127,7 @@ protected:
     static inline std::string dir_;
     static inline kit::AgentConfig conf_;
     static inline pid_t agent_ = -1;
+    static inline std::string err_;  // the running agent's standard error
 };
 
 // An event record; its result.
@@ -236,7 +257,9 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
     EXPECT_EQ(bad[1]["malformed"], "field tid is not a number");
     EXPECT_EQ(bad[2]["malformed"], "field msg_text is not UTF-8");
     EXPECT_NE(bad[2]["bytes"].get<std::string>().find("caf\\xE9!"), std::string::npos);
-    EXPECT_NE(read_file(dir_ + "/agent.err").find("queue 0: malformed record skipped: field msg_text is not UTF-8"),
+    // The first one is reported at once; the next ones wait for the second to pass.
+    EXPECT_NE(read_file(dir_ + "/agent.err")
+                  .find("varnix-agent: 1 malformed records skipped, the last from queue 0: length 10, not 784\n"),
               std::string::npos);
 }
 
@@ -374,12 +397,102 @@ TEST_F(Agent, TopShowsAServiceInFlightAndAKilledProcessIsReclaimed) {
     shmdt(t);
 }
 
-TEST_F(Agent, SecondStartAndBadConfigurationsAreRefusedAndStopRemovesEverything) {
-    std::string err;
-    EXPECT_EQ(agent({"start"}, nullptr, &err), 1);
-    EXPECT_NE(err.find("refusing to start"), std::string::npos);
-    EXPECT_NE(err.find("shared memory PTRC_HASH_TBL (key " + std::to_string(conf_.keys.ptrc_shm) + ")"),
+// The numbers that follow `word` at the start of the lines of `text` that hold `also`.
+std::vector<long> numbers_after(const std::string& text, const std::string& word, const std::string& also = "") {
+    std::vector<long> found;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(word, 0) == 0 && line.find(also) != std::string::npos)
+            found.push_back(std::atol(line.c_str() + word.size()));
+    return found;
+}
+
+bool queue_number(int rc) { return rc >= 0 && rc < VARNIX_MAX_QUE_CNT; }
+
+TEST_F(Agent, AKilledAgentsSuccessorTakesItsObjectsOverWhileTracedProcessesGoOn) {
+    const std::string held = dir_ + "/held.out";
+    const pid_t child = spawn({TRACED_CHILD, "hold"}, held, "/dev/null");
+    ASSERT_TRUE(wait_for([&] { return read_file(held).find("holding") != std::string::npos; }));
+    const std::string before = read_file(dir_ + "/out.jsonl");
+    ASSERT_EQ(kill(agent_, SIGKILL), 0);
+    ASSERT_EQ(waitpid(agent_, nullptr, 0), agent_);
+    agent_ = -1;
+    ASSERT_TRUE(queue_number(event("QUEUED-GID", "9005", "while no agent runs")));
+    // As an agent killed during its stop leaves them: sending off, the queues closed.
+    auto* qi = static_cast<TRAN_LOGF_QUE_INFO*>(shmat(shmget(conf_.keys.que_info, 0, 0), nullptr, 0));
+    ASSERT_NE(qi, reinterpret_cast<void*>(-1));
+    qi->log_flag_set = 0;
+    ASSERT_EQ(shmdt(qi), 0);
+    const int last_queue = msgget(conf_.keys.msgq + conf_.max_que_cnt - 1, 0);
+    msqid_ds ds{};
+    ASSERT_EQ(msgctl(last_queue, IPC_STAT, &ds), 0);
+    ds.msg_qbytes = 0;
+    ASSERT_EQ(msgctl(last_queue, IPC_SET, &ds), 0);
+
+    ASSERT_TRUE(start_agent("/agent2.err"));
+    EXPECT_NE(read_file(err_).find("varnix-agent: took over the objects of " + cfg() + " that a previous agent left"),
               std::string::npos);
+    EXPECT_NE(read_file(err_).find("sending switched on again (log_flag_set=SEVBCIXQ)"), std::string::npos);
+    ASSERT_EQ(msgctl(last_queue, IPC_STAT, &ds), 0);
+    EXPECT_GT(ds.msg_qbytes, 0u);
+    EXPECT_EQ(records_of("QUEUED-GID", "V").size(), 1u);
+    EXPECT_EQ(read_file(dir_ + "/out.jsonl").rfind(before, 0), 0u);  // appended to
+
+    // A second agent, and a cleanup, are refused while this one runs.
+    std::string err;
+    const std::string runs = "the agent with pid " + std::to_string(agent_) + " runs with the objects of " + cfg();
+    EXPECT_EQ(agent({"start"}, nullptr, &err), 1);
+    EXPECT_EQ(err, "varnix-agent: refusing to start: " + runs + "\n");
+    EXPECT_EQ(agent({"cleanup"}, nullptr, &err), 1);
+    EXPECT_EQ(err, "varnix-agent: refusing to clean up: " + runs + "\n");
+
+    // The child goes on: a new thread of it registers and sends, a switch reaches it, top lists it.
+    auto new_thread = [&] {
+        const size_t n = numbers_after(read_file(held), "thread ").size();
+        EXPECT_EQ(kill(child, SIGUSR1), 0);
+        EXPECT_TRUE(wait_for([&] { return numbers_after(read_file(held), "thread ").size() > n; }));
+        return numbers_after(read_file(held), "thread ").back();
+    };
+    EXPECT_TRUE(queue_number(static_cast<int>(new_thread())));
+    const std::vector<Json> sent = records_of("NEW-THREAD-GID", "V");
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0]["pid"], child);
+    EXPECT_EQ(agent({"set", "log_flag_set=SEBCIXQ"}), 0);
+    EXPECT_EQ(new_thread(), VARNIX_RC_CLASS_OFF);
+    EXPECT_EQ(agent({"set", "log_flag_set=SEVBCIXQ"}), 0);
+    std::string top;
+    EXPECT_EQ(agent({"top", "--once"}, &top), 0);
+    char pid_col[40];
+    std::snprintf(pid_col, sizeof pid_col, "\n%8d  traced_child", child);
+    EXPECT_NE(top.find(pid_col), std::string::npos) << top;
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+}
+
+TEST_F(Agent, ObjectsThatDoNotMatchAreRefusedAndCleanupRemovesThem) {
+    kit::AgentConfig other = conf_;
+    other.keys = other_keys();
+    const std::string other_cfg = dir_ + "/other.cfg";
+    ASSERT_TRUE(kit::write_file(other_cfg, kit::config_text(other)));
+    const int shm = shmget(other.keys.que_info, 100, IPC_CREAT | IPC_EXCL | 0600);
+    ASSERT_GE(shm, 0);
+    const std::string block = "shared memory TRAN_LOGF_QUE_INFO (key " + std::to_string(other.keys.que_info) + ")";
+    std::string out, err;
+    EXPECT_EQ(agent({"start"}, nullptr, &err, other_cfg), 1);
+    EXPECT_NE(err.find("varnix-agent: refusing to start: no agent runs with the objects of " + other_cfg +
+                       ", and they cannot be taken over:\n  " + block + ": 100 bytes, not 248\n  shared memory "
+                       "SVC_HASH_TBL (key " + std::to_string(other.keys.svc_shm) + "): missing\n"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(err.find("nothing was changed; `varnix-agent cleanup -c " + other_cfg + "` removes them"),
+              std::string::npos);
+    EXPECT_EQ(shmget(other.keys.que_info, 0, 0), shm);
+    EXPECT_EQ(agent({"cleanup"}, &out, nullptr, other_cfg), 0);
+    EXPECT_EQ(out, "varnix-agent: removed " + block + ", id " + std::to_string(shm) + "\n");
+    EXPECT_LT(shmget(other.keys.que_info, 0, 0), 0);
+}
+
+TEST_F(Agent, BadInputIsRefusedOrThrottledAndAStopUnderLoadLosesNoAcceptedRecord) {
     const std::string good = kit::config_text(conf_);
     auto refused = [&](const std::string& from, const std::string& to) {
         std::string text = good;
@@ -397,15 +510,52 @@ TEST_F(Agent, SecondStartAndBadConfigurationsAreRefusedAndStopRemovesEverything)
               where + "TRAN_LOGF_MSGQKEY (section IPC_MESSAGE_QUE, token 1) is 0\n");
     ASSERT_TRUE(kit::write_file(cfg(), good));
 
-    // Refusals touched nothing: the agent still records; what is queued at
-    // the stop is still written.
-    ASSERT_LT(event("LAST-GID", "9004", "last"), 99);
-    stop_tracing();
-    ASSERT_EQ(kill(agent_, SIGTERM), 0);
-    EXPECT_EQ(exit_status(agent_), 0);
-    agent_ = -1;
-    EXPECT_EQ(records_of("LAST-GID", "V").size(), 1u);
-    EXPECT_NE(read_file(dir_ + "/agent.err").find("every object removed"), std::string::npos);
+    // A flood of malformed records: a line a second at most, which counts them.
+    auto malformed = [](const std::string& text) {
+        return numbers_after(text, "varnix-agent: ", " malformed records skipped, the last from queue ");
+    };
+    auto sum = [](const std::vector<long>& v) { return std::accumulate(v.begin(), v.end(), 0L); };
+    const size_t lines = malformed(read_file(err_)).size();
+    const long total = sum(malformed(read_file(err_))) + 300;
+    const int q = msgget(conf_.keys.msgq, 0);
+    const TRAN_LOG_MSG junk{1, {}};
+    for (int i = 0; i < 300; ++i) ASSERT_EQ(msgsnd(q, &junk, 10, 0), 0);
+    EXPECT_TRUE(wait_for([&] { return sum(malformed(read_file(err_))) == total; }));
+    EXPECT_LE(malformed(read_file(err_)).size(), lines + 30);
+
+    // Threads send as fast as they can until the stop switches sending off
+    // (refusals by full queues, and waits for a context cut short by the load,
+    // are no records): every record a queue accepted is written.
+    std::atomic<long> accepted{0}, switched_off{0};
+    {
+        std::atomic<bool> quit{false};
+        ThreadGroup senders(8, [&](int t) {
+            const std::string gid = "LOAD-GID-" + std::to_string(t);  // GIDs pick the queues
+            for (int rc = 0; rc != VARNIX_RC_CLASS_OFF && !quit;) {
+                rc = event(gid.c_str(), "9006", "under load");
+                accepted += queue_number(rc);
+                switched_off += rc == VARNIX_RC_CLASS_OFF;
+            }
+        });
+        const struct Quit {
+            std::atomic<bool>& quit;
+            ~Quit() { quit = true; }  // before the senders are joined, should the stop fail to end them
+        } quit_at_end{quit};
+        ASSERT_TRUE(wait_for([&] { return accepted > 2000; }));
+        ASSERT_EQ(kill(agent_, SIGTERM), 0);
+        EXPECT_EQ(exit_status(agent_), 0);
+        agent_ = -1;
+        EXPECT_TRUE(wait_for([&] { return switched_off == 8; }));
+    }
+    long written = 0;
+    for (const Json& r : records()) written += r.value("gid", "").starts_with("LOAD-GID-");
+    EXPECT_EQ(written, accepted);
+    const std::string err = read_file(err_);
+    EXPECT_NE(err.find(" records received, " + std::to_string(total) + " malformed skipped, 0 lines not written"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(err.find("s; the final drain took "), std::string::npos);
+    EXPECT_NE(err.find("every object removed"), std::string::npos);
     const kit::Keys& k = conf_.keys;
     for (key_t key : {k.que_info, k.svc_shm, k.ptrc_shm}) EXPECT_LT(shmget(key, 0, 0), 0) << key;
     for (key_t key : {k.svc_sem, k.ptrc_sem}) EXPECT_LT(semget(key, 0, 0), 0) << key;
