@@ -36,6 +36,7 @@ void LineWriter::add(std::string_view line) {
 }
 
 bool LineWriter::flush() {
+    if (batch_.empty()) return true;
     size_t done = 0;
     while (done < batch_.size()) {
         const ssize_t n = write(fd_, batch_.data() + done, batch_.size() - done);
