@@ -45,6 +45,7 @@ public:
     View& operator=(const View&) = delete;
     bool ok() const { return p_ != reinterpret_cast<const T*>(-1); }
     const T& operator*() const { return *p_; }
+    const T* operator->() const { return p_; }
 
 private:
     const T* p_;
@@ -61,7 +62,8 @@ void check_control_block(const TRAN_LOGF_QUE_INFO& q, int max_que_cnt, const std
     const uint32_t magic = q.magic_code;
     const int32_t qcnt = q.qcnt;
     const uint32_t mask = q.que_mask;
-    if (magic != VARNIX_MAGIC_CODE) why.push_back(what + ": magic_code " + hex(magic) + ", not " + hex(VARNIX_MAGIC_CODE));
+    if (magic != VARNIX_MAGIC_CODE)
+        why.push_back(what + ": magic_code " + hex(magic) + ", not " + hex(VARNIX_MAGIC_CODE));
     if (qcnt < 1 || qcnt > max_que_cnt)
         why.push_back(what + ": qcnt " + std::to_string(qcnt) + ", not 1.." + std::to_string(max_que_cnt) +
                       " (MAX_QUE_CNT)");
@@ -79,7 +81,7 @@ void check_counts(const std::string& what, uint32_t entries, uint32_t free_cnt, 
                       std::to_string(VARNIX_TBL_ENTRIES));
 }
 
-// The contents of three blocks of the right sizes.
+// The contents of the three blocks, first of `objs` and of the right sizes.
 void check_contents(const ConfigKeys& c, const std::vector<ConfigObject>& objs, std::vector<std::string>& why) {
     const View<TRAN_LOGF_QUE_INFO> q(objs[0].id);
     const View<SVC_HASH_TBL> s(objs[1].id);
@@ -89,8 +91,8 @@ void check_contents(const ConfigKeys& c, const std::vector<ConfigObject>& objs, 
         return;
     }
     check_control_block(*q, c.max_que_cnt, describe(objs[0]), why);
-    check_counts(describe(objs[1]), (*s).svc_cnt, (*s).svc_free_stk.cnt, (*s).svc_used_stk.cnt, why);
-    check_counts(describe(objs[2]), (*p).used_cnt, (*p).free_stk.cnt, (*p).used_stk.cnt, why);
+    check_counts(describe(objs[1]), s->svc_cnt, s->svc_free_stk.cnt, s->svc_used_stk.cnt, why);
+    check_counts(describe(objs[2]), p->used_cnt, p->free_stk.cnt, p->used_stk.cnt, why);
 }
 
 }  // namespace
@@ -130,7 +132,8 @@ bool refuse_if_agent_runs(AgentToken& token, int semid, const char* refusing, co
     if (semid < 0 || token.take(semid) || errno != EAGAIN) return false;
     const int pid = semctl(semid, VARNIX_PTRC_SEM_AGENT, GETPID);
     if (pid > 0)
-        std::fprintf(stderr, "varnix-agent: %s: the agent with pid %d runs with the objects of %s\n", refusing, pid, cfg);
+        std::fprintf(stderr, "varnix-agent: %s: the agent with pid %d runs with the objects of %s\n", refusing, pid,
+                     cfg);
     else
         std::fprintf(stderr,
                      "varnix-agent: %s: an agent runs with the objects of %s; its pid is not visible from this pid "

@@ -77,7 +77,8 @@ bool install_stop_handlers() {
     struct sigaction sa{};
     sa.sa_handler = on_stop;  // no SA_RESTART: the idle sleep ends at once
     // A closed reader or a file-size limit fails the write, which is counted.
-    bool ok = sigemptyset(&sa.sa_mask) == 0 && signal(SIGPIPE, SIG_IGN) != SIG_ERR && signal(SIGXFSZ, SIG_IGN) != SIG_ERR;
+    bool ok = sigemptyset(&sa.sa_mask) == 0;
+    for (int sig : {SIGPIPE, SIGXFSZ}) ok = ok && signal(sig, SIG_IGN) != SIG_ERR;
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) ok = ok && sigaction(sig, &sa, nullptr) == 0;
     return ok;
 }
