@@ -240,6 +240,37 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
               std::string::npos);
 }
 
+// Statements whose pieces end with spaces, or begin with a byte the cut rule
+// drops, are joined back exactly; only a statement's own trailing spaces go
+// with the padding of its last piece.
+TEST_F(Agent, SqlPiecesJoinToTheTextTheHostPassed) {
+    const int first = 350 - static_cast<int>(std::strlen("1,5,1,1,0.000000,7,DBIO_sql,"));
+    const int later = 350 - static_cast<int>(std::strlen("1,5,2,"));
+    auto x = [](int n, char c = 'x') { return std::string(static_cast<size_t>(n), c); };
+    const std::string sql[] = {
+        x(first - 1) + " 가나 end",                                  // a space, then a character kept whole
+        x(first - 1) + " étail",                                     // a space, then a byte the rule drops
+        x(first - 2) + " étail",                                     // é split by the rule after a space
+        "x" + x(first + 350, ' ') + "°é  mid  end",                  // a piece of spaces between
+        x(first) + x(later - 1, ' ') + "é z   ",                     // spaces up to a split é; trailing spaces
+    };
+    ServiceCall s;
+    s.gid = "SQL-GID";
+    s.svc_id = "SQL_SVC";
+    ASSERT_LT(call(TRAN_START, s), 99);
+    ASSERT_EQ(call_start("DBIO_sql"), 0);
+    for (const std::string& text : sql)
+        EXPECT_EQ(TRAN_SQL_STMT(-1, 0, nullptr, 0, nullptr, 0, 7, nullptr, nullptr, text.c_str(), -1), 0);
+    EXPECT_LT(call_finish("DBIO_sql"), 99);
+    EXPECT_LT(call(TRAN_END, s), 99);
+    std::vector<std::string> got;
+    for (const Json& r : records_of("SQL-GID", "2"))
+        if (r["record"] == "sql") got.push_back(r.value("sql", "?"));
+    std::vector<std::string> want(std::begin(sql), std::end(sql));
+    want.back().erase(want.back().find_last_not_of(' ') + 1);
+    EXPECT_EQ(got, want);
+}
+
 TEST_F(Agent, SwitchesChangeWhatTheNextCallSends) {
     auto switched = [] { return event("SET-GID", "9002", "switch"); };
     std::string out, err;
