@@ -3,9 +3,9 @@
 // PTRC_HASH_TBL semaphore, which every caller of get_ptrc_hash holds; an entry
 // once handed out is written by its own thread alone.  The process holds the
 // entry's owner token (context/ptrc_owner.h) from right after the pop, so an
-// entry off the free stack whose token is down belongs to nobody.  Nothing read from the
-// table is used as an index before it is range-checked: a corrupt table must
-// stop tracing, never crash the host.
+// entry off the free stack whose token is down belongs to nobody.  Nothing
+// read from the table is used as an index before it is range-checked: a
+// corrupt table must stop tracing, never crash the host.
 #include "context/get_ptrc_hash.h"
 
 #include <algorithm>
@@ -15,8 +15,8 @@
 #include <ctime>
 
 #include "context/hash.h"
-#include "context/ptrc_owner.h"
 #include "context/ptrc_hash_stk.h"
+#include "context/ptrc_owner.h"
 #include "context/tables.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"

@@ -22,7 +22,7 @@ struct HeldTokens {
     int semid = -1;
     std::bitset<VARNIX_TBL_ENTRIES> entries;
 };
-HeldTokens held;  // the table semaphore
+HeldTokens held;  // guarded by the table semaphore
 
 std::bitset<VARNIX_TBL_ENTRIES>& held_in(int semid) {
     const pid_t pid = getpid();
