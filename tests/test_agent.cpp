@@ -65,9 +65,11 @@ protected:
         testing::internal::GetCapturedStdout();
     }
 
+    // An agent still running (the suite failed or ran in part) is stopped as
+    // an operator stops it, so that it removes its objects.
     static void TearDownTestSuite() {
         stop_tracing();
-        if (agent_ > 0 && kill(agent_, SIGKILL) == 0) waitpid(agent_, nullptr, 0);
+        if (agent_ > 0 && kill(agent_, SIGTERM) == 0) waitpid(agent_, nullptr, 0);
     }
 
     static std::string cfg() { return dir_ + "/agt/varnix.cfg"; }
