@@ -235,20 +235,14 @@ private:
 
     void write(const Json& j) { out_.add(json_line(j)); }
 
-    // Processes are looked at before the semaphore is taken: a registering
-    // host thread waits only for the table's own bookkeeping.
+    // In short batches under the table semaphore: a registering host thread
+    // waits for one batch at most.
     void reclaim() {
-        const std::vector<Candidate> found = find_reclaimable(*c_.ptrc());
-        if (found.empty()) return;
-        Reclaimed r;
-        {
-            SemHold hold(c_.ids().ptrc_sem, 50);
-            if (!hold.owns()) return;
-            r = reclaim_entries(*c_.ptrc(), found);
-        }
-        if (r.released + r.orphaned > 0)
-            std::fprintf(stderr, "varnix-agent: reclaimed %d released and %d orphaned process-thread entries\n",
-                         r.released, r.orphaned);
+        const Reclaimed r = reclaim_entries(*c_.ptrc(), c_.ids().ptrc_sem);
+        if (r.released + r.orphaned + r.lost > 0)
+            std::fprintf(stderr,
+                         "varnix-agent: reclaimed %d released, %d orphaned and %d lost process-thread entries\n",
+                         r.released, r.orphaned, r.lost);
         for (const Skipped& s : r.skipped)
             if (s.n >= VARNIX_TBL_ENTRIES || !skip_reported_[s.n]) {
                 std::fprintf(stderr, "varnix-agent: process-thread entry %u left alone: %s\n", s.n, s.why);

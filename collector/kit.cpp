@@ -63,12 +63,28 @@ void* attach_new_shm(key_t key, size_t size, int& id, const char* name) {
     return addr;
 }
 
+// The most semaphores the kernel allows in one set (SEMMSL, the first field
+// of kernel.sem), or -1.
+long semaphores_per_set() {
+    std::FILE* fp = std::fopen("/proc/sys/kernel/sem", "r");
+    long semmsl = -1;
+    if (fp && std::fscanf(fp, "%ld", &semmsl) != 1) semmsl = -1;
+    if (fp) std::fclose(fp);
+    return semmsl;
+}
+
 // A semaphore set whose semaphore 0 is a free lock; the others start at 0.
 int new_free_sem(key_t key, int& id, int nsems = 1) {
     id = semget(key, nsems, kCreatePerm);
     if (id >= 0) list_created({{IpcObject{IpcKind::sem, id, key}}});
     if (id < 0 || semctl(id, 0, SETVAL, 1) < 0) {
-        std::fprintf(stderr, "[kit] semaphore (key 0x%x): %s\n", static_cast<unsigned>(key), std::strerror(errno));
+        const int err = errno;
+        std::fprintf(stderr, "[kit] semaphore (key 0x%x): %s\n", static_cast<unsigned>(key), std::strerror(err));
+        if (const long semmsl = semaphores_per_set(); id < 0 && err == EINVAL && semmsl >= 0 && semmsl < nsems)
+            std::fprintf(stderr,
+                         "[kit] the set needs %d semaphores, the kernel allows %ld a set: raise SEMMSL, the first "
+                         "field of kernel.sem, to at least %d (sysctl kernel.sem)\n",
+                         nsems, semmsl, nsems);
         return -1;
     }
     return 0;

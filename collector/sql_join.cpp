@@ -1,8 +1,11 @@
 // Piece headers: "slot,count,piece," and, on the first piece,
 // "repeats,s.uuuuuu,sql_no,function,"; the text follows, space-padded to the
-// end of the field.  A piece is cut short, on a character boundary, only
-// before a multibyte character: padding before a piece that begins with such
-// a byte is not part of the statement.
+// end of the field.  The library cuts a piece short only to keep a character
+// whole, and then the first non-space byte after the cut is one the cut rule
+// drops (0xB0..0xC8) and the piece ends on a non-space byte: so the spaces
+// that end a piece are padding exactly when the next non-space byte of the
+// statement is such a byte.  A piece of spaces alone is never padded, but
+// the last: a statement's own trailing spaces cannot be told from padding.
 #include "collector/sql_join.h"
 
 #include "collector/text_cursor.h"
@@ -37,9 +40,11 @@ bool read_head(const std::string& field, PieceHead& h, Json& json) {
     return true;
 }
 
-void drop_trailing_spaces(std::string& s, size_t from) {
-    while (s.size() > from && s.back() == ' ') s.pop_back();
+void drop_trailing_spaces(std::string& s) {
+    while (!s.empty() && s.back() == ' ') s.pop_back();
 }
+
+bool is_cut_byte(char c) { return static_cast<unsigned char>(c) >= 0xB0 && static_cast<unsigned char>(c) <= 0xC8; }
 
 }  // namespace
 
@@ -53,7 +58,7 @@ bool SqlJoiner::add(Decoded& d, int64_t now_us, std::string& why) {
         end_thread(d.thread);
         Pending& p = pending_[d.thread];
         p.json = std::move(d.json);
-        p.text.assign(h.text);
+        p.append(h.text);
         p.slot = h.slot;
         p.pieces = 1;
         p.seen_us = now_us;
@@ -65,16 +70,26 @@ bool SqlJoiner::add(Decoded& d, int64_t now_us, std::string& why) {
         return false;
     }
     Pending& p = it->second;
-    if (!h.text.empty() && static_cast<unsigned char>(h.text[0]) >= 0x80) drop_trailing_spaces(p.text, p.last_piece_at);
-    p.last_piece_at = p.text.size();
-    p.text.append(h.text);
+    p.append(h.text);
     ++p.pieces;
     p.seen_us = now_us;
     return true;
 }
 
+void SqlJoiner::Pending::append(std::string_view piece) {
+    const size_t first = piece.find_first_not_of(' ');
+    if (first == std::string_view::npos) {  // spaces alone: all of them the statement's
+        text.append(piece);
+        return;
+    }
+    if (is_cut_byte(piece[first])) text.erase(pad_at, pad_len);
+    text.append(piece);
+    pad_at = text.find_last_not_of(' ') + 1;
+    pad_len = text.size() - pad_at;
+}
+
 void SqlJoiner::finish(Pending& p) {
-    drop_trailing_spaces(p.text, 0);
+    drop_trailing_spaces(p.text);
     p.json["pieces"] = p.pieces;
     const std::string func = p.json.value("func_nm", "");
     std::optional<std::string_view> text = utf8_field(p.text);

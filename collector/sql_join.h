@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "collector/json_record.h"
 
@@ -34,10 +35,13 @@ private:
     struct Pending {
         Json json;
         std::string text;
-        size_t last_piece_at = 0;  // where the last piece's text begins
+        // The spaces that end the last piece with other bytes: padding or
+        // not, as the next non-space byte tells.
+        size_t pad_at = 0, pad_len = 0;
         int slot = 0;
         int pieces = 0;
         int64_t seen_us = 0;
+        void append(std::string_view piece);
     };
     void finish(Pending& p);
 

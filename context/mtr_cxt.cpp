@@ -18,6 +18,7 @@
 
 #include "context/get_ptrc_hash.h"
 #include "context/mtr_cxt.h"
+#include "context/ptrc_owner.h"
 #include "context/ptrc_sem.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
@@ -163,6 +164,7 @@ void free_context(MTR_TID_IDX& bucket, int pos, const char* thread_state) {
                static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), thread_state,
                cxt.ptrc ? cxt.ptrc->ptrc_state : 0, bucket.mtr_cnt, bucket.mtr_cnt - 1);
     if (ours) cxt.ptrc->ptrc_state = VARNIX_PTRC_RELEASED;
+    give_back_owner_token(cxt.ptrc);
     __atomic_store_n(&cxt.stamp, 0, __ATOMIC_RELEASE);
     cxt.in_use = 0;
     --bucket.mtr_cnt;

@@ -69,10 +69,11 @@ protected:
         testing::internal::GetCapturedStdout();
     }
 
-    // A killed agent leaves its objects: they go by key, whatever happened.
+    // An agent still running (the suite failed or ran in part) is stopped as
+    // an operator stops it; what a killed agent left goes by key.
     static void TearDownTestSuite() {
         stop_tracing();
-        if (agent_ > 0 && kill(agent_, SIGKILL) == 0) waitpid(agent_, nullptr, 0);
+        if (agent_ > 0 && kill(agent_, SIGTERM) == 0) waitpid(agent_, nullptr, 0);
         for (const kit::Keys& k : {conf_.keys, other_keys()}) kit::remove_ids(kit::ids_of(k, conf_.max_que_cnt));
     }
 
@@ -263,6 +264,37 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
               std::string::npos);
 }
 
+// Statements whose pieces end with spaces, or begin with a byte the cut rule
+// drops, are joined back exactly; only a statement's own trailing spaces go
+// with the padding of its last piece.
+TEST_F(Agent, SqlPiecesJoinToTheTextTheHostPassed) {
+    const int first = 350 - static_cast<int>(std::strlen("1,5,1,1,0.000000,7,DBIO_sql,"));
+    const int later = 350 - static_cast<int>(std::strlen("1,5,2,"));
+    auto x = [](int n, char c = 'x') { return std::string(static_cast<size_t>(n), c); };
+    const std::string sql[] = {
+        x(first - 1) + " 가나 end",                                  // a space, then a character kept whole
+        x(first - 1) + " étail",                                     // a space, then a byte the rule drops
+        x(first - 2) + " étail",                                     // é split by the rule after a space
+        "x" + x(first + 350, ' ') + "°é  mid  end",                  // a piece of spaces between
+        x(first) + x(later - 1, ' ') + "é z   ",                     // spaces up to a split é; trailing spaces
+    };
+    ServiceCall s;
+    s.gid = "SQL-GID";
+    s.svc_id = "SQL_SVC";
+    ASSERT_LT(call(TRAN_START, s), 99);
+    ASSERT_EQ(call_start("DBIO_sql"), 0);
+    for (const std::string& text : sql)
+        EXPECT_EQ(TRAN_SQL_STMT(-1, 0, nullptr, 0, nullptr, 0, 7, nullptr, nullptr, text.c_str(), -1), 0);
+    EXPECT_LT(call_finish("DBIO_sql"), 99);
+    EXPECT_LT(call(TRAN_END, s), 99);
+    std::vector<std::string> got;
+    for (const Json& r : records_of("SQL-GID", "2"))
+        if (r["record"] == "sql") got.push_back(r.value("sql", "?"));
+    std::vector<std::string> want(std::begin(sql), std::end(sql));
+    want.back().erase(want.back().find_last_not_of(' ') + 1);
+    EXPECT_EQ(got, want);
+}
+
 TEST_F(Agent, SwitchesChangeWhatTheNextCallSends) {
     auto switched = [] { return event("SET-GID", "9002", "switch"); };
     std::string out, err;
@@ -334,19 +366,51 @@ int chained_entries(const PTRC_HASH_TBL& t, std::bitset<VARNIX_TBL_ENTRIES>& see
     return n;
 }
 
-TEST_F(Agent, TopShowsAServiceInFlightAndAKilledProcessIsReclaimed) {
-    const int shm = shmget(conf_.keys.ptrc_shm, 0, 0);
-    ASSERT_GE(shm, 0);
-    const auto* t = static_cast<const PTRC_HASH_TBL*>(shmat(shm, nullptr, SHM_RDONLY));
-    ASSERT_NE(t, reinterpret_cast<void*>(-1));
-    auto entries_of = [t](pid_t pid) {
+// The process-thread table, attached for reading and writing, and its semaphore set.
+struct Table {
+    explicit Table(const kit::Keys& k)
+        : t(static_cast<PTRC_HASH_TBL*>(shmat(shmget(k.ptrc_shm, 0, 0), nullptr, 0))), sem(semget(k.ptrc_sem, 0, 0)) {}
+    ~Table() { shmdt(t); }
+    bool ok() const { return t != reinterpret_cast<void*>(-1) && sem >= 0; }
+    // Takes (-1) or gives back (+1) the table's lock, as the library does.
+    bool lock(short op) const {
+        sembuf b{VARNIX_PTRC_SEM_LOCK, op, SEM_UNDO};
+        return semop(sem, &b, 1) == 0;
+    }
+    int registered(pid_t pid) const {
         int n = 0;
         for (uint32_t i = 0; i < t->used_stk.cnt; ++i) n += t->entry[t->used_stk.idx[i]].pid == pid;
         return n;
-    };
+    }
+    bool on_free(uint32_t n) const {
+        for (uint32_t i = 0; i < t->free_stk.cnt; ++i)
+            if (t->free_stk.idx[i] == n) return true;
+        return false;
+    }
+    // Under the lock: every number on exactly one stack, the used ones chained.
+    void expect_sound() const {
+        ASSERT_TRUE(lock(-1));
+        std::bitset<VARNIX_TBL_ENTRIES> chained, used, listed;
+        EXPECT_EQ(chained_entries(*t, chained), static_cast<int>(t->used_stk.cnt));
+        EXPECT_EQ(t->used_cnt, t->used_stk.cnt);
+        EXPECT_EQ(t->free_stk.cnt + t->used_stk.cnt, static_cast<uint32_t>(VARNIX_TBL_ENTRIES));
+        for (uint32_t i = 0; i < t->used_stk.cnt; ++i) used[t->used_stk.idx[i]] = true;
+        for (uint32_t i = 0; i < t->free_stk.cnt; ++i) listed[t->free_stk.idx[i]] = true;
+        EXPECT_EQ((listed | used).count(), static_cast<size_t>(VARNIX_TBL_ENTRIES));
+        EXPECT_EQ(chained, used);
+        EXPECT_TRUE(lock(1));
+    }
+    PTRC_HASH_TBL* t;
+    int sem;
+};
+
+TEST_F(Agent, TopShowsAServiceInFlightAndAKilledProcessIsReclaimed) {
+    const Table tbl(conf_.keys);
+    ASSERT_TRUE(tbl.ok());
+    PTRC_HASH_TBL* w = tbl.t;
     const pid_t child = spawn({TRACED_CHILD, "hold"}, dir_ + "/child.out", "/dev/null");
     ASSERT_TRUE(wait_for([&] { return read_file(dir_ + "/child.out").find("holding") != std::string::npos; }));
-    EXPECT_EQ(entries_of(child), 2);  // its process context and its main thread
+    EXPECT_EQ(tbl.registered(child), 2);  // its process context and its main thread
 
     std::string top;
     EXPECT_EQ(agent({"top", "--once"}, &top), 0);
@@ -355,46 +419,90 @@ TEST_F(Agent, TopShowsAServiceInFlightAndAKilledProcessIsReclaimed) {
     EXPECT_NE(top.find(pid_col), std::string::npos) << top;
     EXPECT_NE(top.find("HOLD-GID                          HOLD_SVC\n"), std::string::npos) << top;
 
-    // Read and written under the semaphore, so that no registration runs meanwhile.
-    const int sem = semget(conf_.keys.ptrc_sem, 1, 0);
-    sembuf take{0, -1, SEM_UNDO}, give{0, 1, SEM_UNDO};
-    // An entry of this live process marked long before it started: its pid
-    // has been reused since, and the entry goes like the killed child's.
-    const int mine = entries_of(getpid());
-    auto* w = static_cast<PTRC_HASH_TBL*>(shmat(shm, nullptr, 0));
-    ASSERT_NE(w, reinterpret_cast<void*>(-1));
-    ASSERT_EQ(semop(sem, &take, 1), 0);
-    const uint32_t stale = w->free_stk.idx[--w->free_stk.cnt];
-    PTRC_HASH& e = w->entry[stale];
+    // An entry registered under this live process's pid whose owner token
+    // nobody holds: the pid says nothing, it goes like the killed child's.
+    const int mine = tbl.registered(getpid());
+    ASSERT_TRUE(tbl.lock(-1));
+    const uint32_t unheld = w->free_stk.idx[--w->free_stk.cnt];
+    PTRC_HASH& e = w->entry[unheld];
     std::memset(&e, 0, sizeof e);
-    e.pidx = stale;
+    e.pidx = unheld;
     e.prev = e.next = -1;
     int32_t* link = &w->hash_idx[0];  // appended to the first chain
     for (; *link != -1; link = &w->entry[*link].next) e.prev = *link;
-    *link = static_cast<int32_t>(stale);
+    *link = static_cast<int32_t>(unheld);
     e.pid = getpid();
-    e.svc_mark_time = 1;
     e.ptrc_state = VARNIX_PTRC_REGISTERED;
-    w->used_stk.idx[w->used_stk.cnt++] = stale;
+    w->used_stk.idx[w->used_stk.cnt++] = unheld;
     ++w->used_cnt;
-    ASSERT_EQ(semop(sem, &give, 1), 0);
-    shmdt(w);
+    ASSERT_TRUE(tbl.lock(1));
 
     ASSERT_EQ(kill(child, SIGKILL), 0);
     ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    EXPECT_TRUE(wait_for([&] { return entries_of(child) == 0 && t->entry[stale].ptrc_state == 0; }));
-    EXPECT_EQ(entries_of(getpid()), mine);  // the entries this process registered itself stay
-    ASSERT_EQ(semop(sem, &take, 1), 0);
-    std::bitset<VARNIX_TBL_ENTRIES> chained, used, listed;
-    EXPECT_EQ(chained_entries(*t, chained), static_cast<int>(t->used_stk.cnt));
-    EXPECT_EQ(t->used_cnt, t->used_stk.cnt);
-    EXPECT_EQ(t->free_stk.cnt + t->used_stk.cnt, static_cast<uint32_t>(VARNIX_TBL_ENTRIES));
-    for (uint32_t i = 0; i < t->used_stk.cnt; ++i) used[t->used_stk.idx[i]] = true;
-    for (uint32_t i = 0; i < t->free_stk.cnt; ++i) listed[t->free_stk.idx[i]] = true;
-    EXPECT_EQ((listed | used).count(), static_cast<size_t>(VARNIX_TBL_ENTRIES));  // each number on exactly one stack
-    EXPECT_EQ(chained, used);
-    ASSERT_EQ(semop(sem, &give, 1), 0);
-    shmdt(t);
+    EXPECT_TRUE(wait_for([&] { return tbl.registered(child) == 0 && w->entry[unheld].ptrc_state == 0; }));
+    EXPECT_EQ(tbl.registered(getpid()), mine);  // the entries this process registered itself stay
+    tbl.expect_sound();
+}
+
+// A traced process in a pid namespace of its own: its pid means nothing here.
+// Entries dropped between the free stack and the used stack by processes
+// killed there, linked or not, with their owner token or without, come back.
+TEST_F(Agent, EntriesStayWhileTheirHolderLivesInAnyPidNamespaceAndLostOnesComeBack) {
+    const Table tbl(conf_.keys);
+    ASSERT_TRUE(tbl.ok());
+    const std::string out = dir_ + "/ns_child.out";
+    const pid_t ns = spawn({"/usr/bin/unshare", "-p", "-f", "--kill-child", TRACED_CHILD, "hold"}, out, out);
+    bool holding = false, ended = false;
+    wait_for([&] {
+        holding = read_file(out).find("holding") != std::string::npos;
+        ended = !holding && waitpid(ns, nullptr, WNOHANG) == ns;
+        return holding || ended;
+    });
+    if (!holding) {
+        if (!ended && kill(ns, SIGKILL) == 0) waitpid(ns, nullptr, 0);
+        GTEST_SKIP() << "no traced process in a new pid namespace here (unshare -p -f needs root): " << read_file(out);
+    }
+    EXPECT_EQ(tbl.registered(1), 2);  // pid 1 in its namespace
+
+    // Children that die holding the table's lock right after taking an entry;
+    // the entry's number.
+    auto drop_entry = [&](bool token_and_link) -> uint32_t {
+        int fd[2];
+        if (pipe(fd) != 0) return VARNIX_TBL_ENTRIES;
+        const pid_t pid = fork();
+        if (pid == 0) {
+            PTRC_HASH_TBL& t = *tbl.t;
+            if (!tbl.lock(-1)) _exit(1);
+            const uint32_t n = t.free_stk.idx[--t.free_stk.cnt];
+            sembuf up{static_cast<unsigned short>(VARNIX_PTRC_SEM_OWNER(n)), 1, SEM_UNDO};
+            if (token_and_link) {
+                if (semop(tbl.sem, &up, 1) != 0) _exit(1);
+                PTRC_HASH& e = t.entry[n];
+                e.ptrc_state = VARNIX_PTRC_REGISTERED;
+                e.pidx = n, e.hidx = 0, e.next = -1, e.prev = -1;
+                int32_t* link = &t.hash_idx[0];
+                for (; *link != -1; link = &t.entry[*link].next) e.prev = *link;
+                *link = static_cast<int32_t>(n);
+            }
+            _exit(write(fd[1], &n, sizeof n) == sizeof n ? 0 : 1);  // the kernel gives back what it held
+        }
+        close(fd[1]);
+        uint32_t n = VARNIX_TBL_ENTRIES;
+        if (pid < 0 || read(fd[0], &n, sizeof n) != sizeof n || exit_status(pid) != 0) n = VARNIX_TBL_ENTRIES;
+        close(fd[0]);
+        return n;
+    };
+    const uint32_t dropped[] = {drop_entry(false), drop_entry(true)};
+    ASSERT_LT(std::max(dropped[0], dropped[1]), static_cast<uint32_t>(VARNIX_TBL_ENTRIES));
+    EXPECT_TRUE(wait_for([&] { return tbl.on_free(dropped[0]) && tbl.on_free(dropped[1]); }));
+    // The pass that found them looked at the namespace's entries too.
+    EXPECT_EQ(tbl.registered(1), 2);
+    tbl.expect_sound();
+
+    ASSERT_EQ(kill(ns, SIGKILL), 0);  // and the kernel kills its child
+    ASSERT_EQ(waitpid(ns, nullptr, 0), ns);
+    EXPECT_TRUE(wait_for([&] { return tbl.registered(1) == 0; }));
+    tbl.expect_sound();
 }
 
 // The numbers that follow `word` at the start of the lines of `text` that hold `also`.

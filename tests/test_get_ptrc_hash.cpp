@@ -40,6 +40,7 @@ protected:
         ASSERT_TRUE(LogCapture::get().ok() && tbl_);
         ASSERT_EQ(init_ptrc_hash_tbl(*tbl_), 0);
         keep(gvar.ptrc_hash_tbl) = tbl_;
+        keep(gvar.ptrc_hash_semid) = -1;  // no set: entries go out without owner tokens
         que_.magic_code = VARNIX_MAGIC_CODE;
         keep(gvar.magic_code) = &que_.magic_code;
         std::memset(keep(gvar.proc_nm), 'p', sizeof gvar.proc_nm);  // 31 bytes, no terminator
