@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # check_deb.sh DIR: checks the Debian packages scripts/package.sh built into
-# DIR.  lintian reports no error and no warning (an accepted one is overridden
-# in dist/debian/*.lintian-overrides, with the reason); every package holds
-# exactly its files at the header's version; unpacked together, every link
-# resolves, the JVM loads the Java class and its native library through the
-# jni link, and the agent's unit is rated at most 4.0 by systemd-analyze.
+# DIR.  lintian reports no error and no warning (one accepted would be
+# overridden in dist/debian/<package>.lintian-overrides, with the reason);
+# every package holds exactly its files at the header's version; unpacked
+# together, every link resolves, the JVM loads the Java class and its native
+# library through the jni link, and systemd-analyze rates the agent's unit at
+# most 4.0.
 set -uo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 dir="$(cd "$1" && pwd)"
