@@ -344,7 +344,8 @@ void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid) {
     if (!fp) return;
     long id = 0;
     char state = 0;
-    (void)std::fscanf(fp, "%ld (%30[^)]) %c", &id, proc_nm, &state);  // a partial match changes what it matched
+    // A partial match changes only what it matched: any count will do.
+    [[maybe_unused]] const int matched = std::fscanf(fp, "%ld (%30[^)]) %c", &id, proc_nm, &state);
     copy_prefix(cont_nm, init_cont_nm, 30);
     std::fclose(fp);
 }

@@ -14,6 +14,19 @@
 
 #include <stdint.h>
 
+/* The version of the package this header belongs to; the build takes the
+ * project's version from these three lines.  VARNIX_VERSION_NUMBER compares
+ * in #if: 10203 for 1.2.3. */
+#define VARNIX_VERSION_MAJOR 1
+#define VARNIX_VERSION_MINOR 0
+#define VARNIX_VERSION_PATCH 0
+#define VARNIX_VERSION_NUMBER (VARNIX_VERSION_MAJOR * 10000 + VARNIX_VERSION_MINOR * 100 + VARNIX_VERSION_PATCH)
+#define VARNIX_VERSION_TEXT_(n) #n
+#define VARNIX_VERSION_TEXT(n) VARNIX_VERSION_TEXT_(n)
+#define VARNIX_VERSION                                                                      \
+    VARNIX_VERSION_TEXT(VARNIX_VERSION_MAJOR) "." VARNIX_VERSION_TEXT(VARNIX_VERSION_MINOR) "." \
+        VARNIX_VERSION_TEXT(VARNIX_VERSION_PATCH)
+
 #ifndef VARNIX_API
 #define VARNIX_API __attribute__((visibility("default")))
 #endif

@@ -3,7 +3,7 @@
 # further packages may be named as arguments.
 set -euo pipefail
 
-packages=(cmake make g++ binutils libgtest-dev pkg-config nlohmann-json3-dev openjdk-17-jdk-headless junit5 "$@")
+packages=(cmake make g++ binutils libgtest-dev pkg-config nlohmann-json3-dev openjdk-17-jdk-headless junit5 systemd "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
