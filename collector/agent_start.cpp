@@ -17,10 +17,12 @@
 #include "collector/agent.h"
 #include "collector/agent_config.h"
 #include "collector/agent_ipc.h"
-#include "collector/json_record.h"
 #include "collector/queue_stats.h"
 #include "collector/reclaim.h"
+#include "collector/record_decode.h"
+#include "collector/span_assembler.h"
 #include "collector/sql_join.h"
+#include "collector/timeline.h"
 #include "core/clock.h"
 #include "core/ipc.h"
 
@@ -128,7 +130,11 @@ void size_queues(const kit::Collector& c) {
 class Drain {
 public:
     Drain(const kit::Collector& c, std::FILE* out)
-        : c_(c), out_(out), stats_(c.max_que_cnt(), monotonic_us()), sql_([this](const Json& j) { write(j); }) {}
+        : c_(c),
+          out_(out),
+          stats_(c.max_que_cnt(), monotonic_us()),
+          spans_(nullptr),
+          sql_([this](const Record& s, const Record* next) { write(s, spans_.statement(s, next)); }) {}
 
     // One pass over every queue; the number of messages taken.
     int pass() {
@@ -175,21 +181,30 @@ public:
 private:
     void handle(int q, long size) {
         stats_.received(q);
-        Decoded d = decode_record(m_, size, q);
-        if (d.error.empty() && d.sql && sql_.add(d, monotonic_us(), d.error)) return;
+        const int64_t now = usec_of(clock_now());
+        Decoded& d = d_;
+        decode_record(m_, size, q, clock_, now, d);
+        if (d.error.empty() && d.sql && sql_.add(m_, d, monotonic_us(), d.error)) return;
         if (!d.error.empty()) {
             stats_.malformed();
             std::fprintf(stderr, "varnix-agent: queue %d: malformed record skipped: %s\n", q, d.error.c_str());
-            write(malformed_json(m_, size, q, d.error));
+            line_.clear();
+            malformed_line(q, d.error, malformed_bytes(m_, size), now, line_);
+            put_line();
             return;
         }
-        sql_.end_thread(d.thread);
-        write(d.json);
+        sql_.end_thread(d.rec);
+        write(d.rec, spans_.record(d.rec));
     }
 
-    void write(const Json& j) {
-        const std::string line = json_line(j);
-        if (std::fwrite(line.data(), 1, line.size(), out_) != line.size()) write_failed();
+    void write(const Record& r, const SpanRef& ref) {
+        line_.clear();
+        timeline_line(r, ref, line_);
+        put_line();
+    }
+
+    void put_line() {
+        if (std::fwrite(line_.data(), 1, line_.size(), out_) != line_.size()) write_failed();
     }
 
     void write_failed() {
@@ -221,7 +236,11 @@ private:
     const kit::Collector& c_;
     std::FILE* out_;
     QueueStats stats_;
+    SpanAssembler spans_;
     SqlJoiner sql_;
+    LocalTime clock_;
+    Decoded d_;
+    std::string line_;
     TRAN_LOG_MSG m_{};
     int64_t next_report_ = monotonic_us() + kReportEveryUs;
     int64_t next_reclaim_ = 0;

@@ -55,9 +55,11 @@ protected:
         conf_.log_home = "log";
         conf_.tong_log_home = dir_;
         ASSERT_TRUE(kit::write_file(cfg(), kit::config_text(conf_)));
+        // A zone east of UTC: record times are local, the timeline's UTC.
         ASSERT_EQ(setenv("TRAN_HOME", dir_.c_str(), 1) | setenv("TRAN_AGT_HOME", (dir_ + "/agt").c_str(), 1) |
-                      setenv("TRAN_AGT_CFG_FILE", cfg().c_str(), 1),
+                      setenv("TRAN_AGT_CFG_FILE", cfg().c_str(), 1) | setenv("TZ", "KST-9", 1),
                   0);
+        tzset();
         agent_ = spawn({VARNIX_AGENT, "start", "--out", dir_ + "/out.jsonl"}, "/dev/null", dir_ + "/agent.err");
         ASSERT_TRUE(wait_for([] { return read_file(dir_ + "/agent.err").find("running") != std::string::npos; }));
         testing::internal::CaptureStdout();  // the banner
@@ -118,11 +120,13 @@ int event(const char* gid, const char* evt_no, const char* text, const char* svc
 // What depends on the moment, the host and the table rather than the call.
 Json stable(Json r) {
     EXPECT_EQ(r["pid"], getpid());
+    EXPECT_EQ(r["schema"], 1);
     if (r.contains("start_us")) {
         EXPECT_EQ(r["end_us"].get<int64_t>() - r["start_us"].get<int64_t>(), r["elapsed_us"]);
     }
-    for (const char* k : {"queue", "host_nm", "pid", "tid", "idx", "pidx", "date_str", "time_str", "elapsed_us",
-                          "call_us", "own_us", "called_us", "dbio_us", "start_us", "end_us"})
+    for (const char* k : {"schema", "queue", "host_nm", "pid", "tid", "idx", "pidx", "ts_us", "trace_id", "span_id",
+                          "duration_us", "elapsed_us", "call_us", "own_us", "called_us", "dbio_us", "start_us",
+                          "end_us"})
         r.erase(k);
     return r;
 }
@@ -136,6 +140,7 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
     std::string sql = "SELECT memo FROM account WHERE memo = '";
     for (int i = 0; i < 300; ++i) sql += "가";  // pieces are cut inside the Korean text
     sql += "' AND id = 1";
+    const int64_t before = usec_of(clock_now());
     EXPECT_LT(call(TRAN_START, s), 99);
     EXPECT_EQ(call_start("transfer_funds"), 0);
     EXPECT_EQ(call_start("DBIO_update"), 0);
@@ -156,6 +161,17 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
 
     std::vector<Json> got = records_of("AGENT-GID-0001", "2");
     ASSERT_EQ(got.size(), 11u);
+    // One trace; the service's records and notices under its span, the SQL
+    // under its DBIO call's; times in UTC, the end's duration.
+    const int64_t after = usec_of(clock_now());
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i]["trace_id"], got[0]["trace_id"]);
+        EXPECT_EQ(got[i]["span_id"] == got[0]["span_id"], i != 1 && i != 2 && i != 3) << i;
+        EXPECT_GE(got[i]["ts_us"], before);
+        EXPECT_LE(got[i]["ts_us"], after);
+    }
+    EXPECT_EQ(got[1]["span_id"], got[2]["span_id"]);
+    EXPECT_EQ(got[10]["duration_us"], got[10]["ts_us"].get<int64_t>() - got[0]["ts_us"].get<int64_t>());
     for (Json& r : got) r = stable(r);
     const Json head = {{"gid", "AGENT-GID-0001"}, {"svc_id", "ACCT_TRANSFER"}};
     auto with = [&](Json j, bool proc_nm = true) {
@@ -178,9 +194,9 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
     EXPECT_EQ(got[1], with({{"record", "sql"}, {"log_type", "Q"}, {"slot", 1}, {"sql_rec_cnt", 1}, {"rep_cnt", 1},
                             {"sql_no", 7}, {"func_nm", "DBIO_update"}, {"pieces", 3}, {"sql", sql}},
                            false));
-    EXPECT_EQ(got[2], call_of({{"record", "dbio"}, {"log_type", "B"}, {"trc_lvl", 2}, {"kind_label", ""},
-                               {"func_nm", "DBIO_update"}, {"call_seq", 2}, {"sql_code", 9999}, {"rc", -3},
-                               {"fetch_line", 0}, {"fetch_rows", 0}, {"fetch_us", 0}, {"db_user", ""}, {"db_sid", ""}}));
+    EXPECT_EQ(got[2], call_of({{"record", "dbio"}, {"log_type", "B"}, {"trc_lvl", 2}, {"func_nm", "DBIO_update"},
+                               {"call_seq", 2}, {"sql_code", 9999}, {"rc", -3}, {"fetch_line", 0}, {"fetch_rows", 0},
+                               {"fetch_us", 0}}));
     EXPECT_EQ(got[3], call_of({{"record", "bizcall"}, {"log_type", "C"}, {"trc_lvl", 1}, {"kind_label", "METHOD"},
                                {"func_nm", "transfer_funds"}, {"call_seq", 1}, {"rc", 0}}));
     EXPECT_EQ(got[4], with({{"record", "info"}, {"log_type", "I"}, {"cls_cd", "IN"}, {"dtl_cd", "f"},
@@ -232,7 +248,9 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
     EXPECT_EQ(largest_read, 1);
     ASSERT_EQ(bad.size(), 4u);
     EXPECT_EQ(bad[3]["malformed"], "call text without its figures");
-    EXPECT_EQ(bad[0], Json({{"queue", 0}, {"malformed", "length 10, not 784"}, {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
+    bad[0].erase("ts_us");
+    EXPECT_EQ(bad[0], Json({{"schema", 1}, {"queue", 0}, {"malformed", "length 10, not 784"},
+                            {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
     EXPECT_EQ(bad[1]["malformed"], "field tid is not a number");
     EXPECT_EQ(bad[2]["malformed"], "field msg_text is not UTF-8");
     EXPECT_NE(bad[2]["bytes"].get<std::string>().find("caf\\xE9!"), std::string::npos);
