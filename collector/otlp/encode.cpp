@@ -1,0 +1,123 @@
+#include "collector/otlp/encode.h"
+
+#include <map>
+
+#include "otlp/otlp.pb.h"
+
+namespace varnix::agent {
+namespace {
+
+namespace pb = ::varnix::otlp;
+
+constexpr const char* kAgentName = "varnix-agent";
+
+uint64_t nanos(int64_t us) { return us > 0 ? static_cast<uint64_t>(us) * 1000u : 0; }
+
+std::string bytes_of(const uint8_t* b, size_t n) { return std::string(reinterpret_cast<const char*>(b), n); }
+
+void put(pb::KeyValue* kv, std::string_view key, std::string_view v) {
+    kv->set_key(std::string(key));
+    kv->mutable_value()->set_string_value(std::string(v));
+}
+
+void put(pb::KeyValue* kv, std::string_view key, int64_t v) {
+    kv->set_key(std::string(key));
+    kv->mutable_value()->set_int_value(v);
+}
+
+template <typename Repeated>
+void put_attrs(const std::vector<Attr>& attrs, Repeated* out) {
+    for (const Attr& a : attrs) {
+        pb::KeyValue* kv = out->Add();
+        std::string key = a.varnix ? "varnix." : "";
+        key.append(a.key);
+        if (a.is_int)
+            put(kv, key, a.i);
+        else
+            put(kv, key, a.s);
+    }
+}
+
+void put_resource(const Resource& r, pb::Resource* out) {
+    put(out->add_attributes(), "service.name", r.service_name);
+    if (!r.host_name.empty()) put(out->add_attributes(), "host.name", r.host_name);
+    put(out->add_attributes(), "process.pid", r.pid);
+    put(out->add_attributes(), "telemetry.sdk.name", kAgentName);
+    put(out->add_attributes(), "telemetry.sdk.version", VARNIX_VERSION);
+    put(out->add_attributes(), "telemetry.sdk.language", "cpp");
+}
+
+void put_scope(pb::InstrumentationScope* scope) {
+    scope->set_name(kAgentName);
+    scope->set_version(VARNIX_VERSION);
+}
+
+void put_span(const SpanData& s, pb::Span* out) {
+    out->set_trace_id(bytes_of(s.trace.b, sizeof s.trace.b));
+    out->set_span_id(bytes_of(s.span.b, sizeof s.span.b));
+    if (s.has_parent) out->set_parent_span_id(bytes_of(s.parent.b, sizeof s.parent.b));
+    out->set_name(s.name);
+    out->set_kind(static_cast<pb::Span::SpanKind>(s.kind));
+    out->set_start_time_unix_nano(nanos(s.start_us));
+    out->set_end_time_unix_nano(nanos(s.end_us));
+    put_attrs(s.attrs, out->mutable_attributes());
+    for (const SpanEvent& e : s.events) {
+        pb::Span::Event* pe = out->add_events();
+        pe->set_time_unix_nano(nanos(e.ts_us));
+        pe->set_name(std::string(e.name));
+        put_attrs(e.attrs, pe->mutable_attributes());
+    }
+    out->set_dropped_events_count(s.dropped_events);
+    if (s.error) {
+        out->mutable_status()->set_code(pb::Status::STATUS_CODE_ERROR);
+        out->mutable_status()->set_message(s.status_message);
+    }
+}
+
+void put_log(const LogData& l, pb::LogRecord* out) {
+    out->set_time_unix_nano(nanos(l.ts_us));
+    out->set_observed_time_unix_nano(nanos(l.ts_us));
+    out->set_severity_number(static_cast<int32_t>(l.severity));
+    out->set_severity_text(l.severity == Severity::Error ? "ERROR" : "INFO");
+    out->mutable_body()->set_string_value(l.body);
+    put(out->add_attributes(), "varnix.record", l.name);
+    put_attrs(l.attrs, out->mutable_attributes());
+    if (l.has_trace) out->set_trace_id(bytes_of(l.trace.b, sizeof l.trace.b));
+}
+
+}  // namespace
+
+// One resource entry per traced process, each with one scope: the agent.
+std::string encode_traces(std::span<const SpanData> spans) {
+    pb::ExportTraceServiceRequest req;
+    std::map<const Resource*, pb::ScopeSpans*> scopes;
+    for (const SpanData& s : spans) {
+        pb::ScopeSpans*& scope = scopes[s.resource.get()];
+        if (!scope) {
+            pb::ResourceSpans* rs = req.add_resource_spans();
+            if (s.resource) put_resource(*s.resource, rs->mutable_resource());
+            scope = rs->add_scope_spans();
+            put_scope(scope->mutable_scope());
+        }
+        put_span(s, scope->add_spans());
+    }
+    return req.SerializeAsString();
+}
+
+std::string encode_logs(std::span<const LogData> logs) {
+    pb::ExportLogsServiceRequest req;
+    std::map<const Resource*, pb::ScopeLogs*> scopes;
+    for (const LogData& l : logs) {
+        pb::ScopeLogs*& scope = scopes[l.resource.get()];
+        if (!scope) {
+            pb::ResourceLogs* rl = req.add_resource_logs();
+            if (l.resource) put_resource(*l.resource, rl->mutable_resource());
+            scope = rl->add_scope_logs();
+            put_scope(scope->mutable_scope());
+        }
+        put_log(l, scope->add_log_records());
+    }
+    return req.SerializeAsString();
+}
+
+}  // namespace varnix::agent
