@@ -20,8 +20,8 @@ constexpr Rename kConventions[] = {
     {"source_nm", "code.filepath"}, {"line_no", "code.lineno"},   {"db_user", "db.user"},
     {"db_sid", "db.name"},        {"sql", "db.statement"},
 };
-// On the resource, or the library's own bookkeeping.
-constexpr std::string_view kLeftOut[] = {"log_type", "proc_nm", "host_nm", "pid", "idx", "pidx"};
+// On the resource, the library's own bookkeeping, or a call's span times.
+constexpr std::string_view kLeftOut[] = {"log_type", "proc_nm", "host_nm", "pid", "idx", "pidx", "start_us", "end_us"};
 
 void attrs_of(const Fields& f, std::vector<Attr>& out) {
     for (const Value& v : f.all()) {
@@ -89,19 +89,55 @@ SpanRef SpanAssembler::record(const Record& r) {
 
 SpanRef SpanAssembler::statement(const Record& stmt, const Record* next) {
     Thread& t = threads_[stmt.thread];
-    if (next && next->log_type == 'B' && next->thread == stmt.thread) {
-        if (!t.dbio_span_set) t.dbio_span = ids_.next();
+    if (!t.dbio_span_set) {
+        t.dbio_span = ids_.next();
         t.dbio_span_set = true;
-        if (sink_ && t.sql.size() < kMaxStatements) t.sql.emplace_back(stmt.f.text_of("sql"));
-        SpanRef ref;
-        ref.trace = trace_for(stmt);
-        ref.span = t.dbio_span;
-        ref.has_trace = ref.has_span = true;
-        return ref;  // the thread's entry stays for the DBIO record
+        t.sql_func.assign(stmt.f.text_of("func_nm"));
     }
-    const SpanRef ref = notice(t, stmt);
-    forget_if_idle(stmt.thread);
+    if (t.sql.size() < kMaxStatements)
+        t.sql.push_back({std::string(stmt.f.text_of("sql")), stmt.ts_us, stmt.f.number_of("elapsed_us")});
+    SpanRef ref;
+    ref.trace = trace_for(stmt);
+    ref.span = t.dbio_span;
+    ref.has_trace = ref.has_span = true;
+    // A call's statements follow each other, then its record, if it sends one.
+    const bool same_call =
+        next && next->thread == stmt.thread &&
+        (next->log_type == 'B' || (next->log_type == 'Q' && next->f.number_of("slot") > stmt.f.number_of("slot") &&
+                                   next->f.number_of("sql_rec_cnt") == stmt.f.number_of("sql_rec_cnt")));
+    if (!same_call) {
+        statements_span(t, stmt);
+        forget_if_idle(stmt.thread);
+    }
     return ref;
+}
+
+// The span of a DBIO call known only from its statements: from the start of
+// the first to the end of the last, as their times and durations tell.
+void SpanAssembler::statements_span(Thread& t, const Record& last) {
+    SpanData c;
+    c.trace = trace_for(last);
+    c.span = t.dbio_span;
+    c.kind = SpanKind::Client;
+    c.name = t.sql_func.empty() ? "DBIO" : t.sql_func;
+    c.start_us = t.sql.front().ts_us - t.sql.front().elapsed_us;
+    c.end_us = c.start_us;
+    Attr statements{"db.statement", false, false, 0, {}};
+    for (const Statement& s : t.sql) {
+        c.end_us += s.elapsed_us;
+        statements.s.append(statements.s.empty() ? "" : "\n").append(s.sql);
+    }
+    c.attrs.push_back(std::move(statements));
+    c.attrs.push_back({"thread.id", false, true, last.thread.tid, {}});
+    t.sql.clear();
+    t.dbio_span_set = false;
+    if (!sink_) return;
+    c.resource = resource_of(last);
+    if (!t.stack.empty() && t.stack.back().span.trace == c.trace) {
+        c.parent = t.stack.back().span.span;
+        c.has_parent = true;
+    }
+    export_span(std::move(c));
 }
 
 SpanRef SpanAssembler::start(Thread& t, const Record& r) {
@@ -183,7 +219,7 @@ SpanRef SpanAssembler::call(Thread& t, const Record& r) {
     c.kind = dbio ? SpanKind::Client : SpanKind::Internal;
     c.start_us = r.f.number_of("start_us", r.ts_us);
     c.end_us = r.f.number_of("end_us", r.ts_us);
-    std::vector<std::string> statements;
+    std::vector<Statement> statements;
     if (dbio) {
         t.dbio_span_set = false;
         statements.swap(t.sql);
@@ -196,8 +232,8 @@ SpanRef SpanAssembler::call(Thread& t, const Record& r) {
     c.error = !c.status_message.empty();
     attrs_of(r.f, c.attrs);
     if (!statements.empty()) {
-        Attr a{"db.statement", false, false, 0, statements[0]};
-        for (size_t i = 1; i < statements.size(); ++i) a.s.append("\n").append(statements[i]);
+        Attr a{"db.statement", false, false, 0, statements[0].sql};
+        for (size_t i = 1; i < statements.size(); ++i) a.s.append("\n").append(statements[i].sql);
         c.attrs.push_back(std::move(a));
     }
     c.resource = resource_of(r);
@@ -323,7 +359,7 @@ std::shared_ptr<const Resource> SpanAssembler::resource_of(const Record& r) {
 
 void SpanAssembler::forget_if_idle(const ThreadKey& k) {
     auto it = threads_.find(k);
-    if (it != threads_.end() && it->second.stack.empty() && !it->second.dbio_span_set) threads_.erase(it);
+    if (it != threads_.end() && it->second.stack.empty() && it->second.sql.empty()) threads_.erase(it);
 }
 
 void SpanAssembler::thread_gone(int64_t pid, int64_t tid, int64_t now_us) {

@@ -7,7 +7,9 @@
 // records of the calls it made: those wait, in their service, until a record
 // of an enclosing call adopts them or the service ends and takes them itself,
 // so that no span names a parent that is never exported.  SQL statements
-// precede their DBIO call's record and are carried by its span.  Notices,
+// precede their DBIO call's record and are carried by its span; a DBIO call
+// that sends its statements but no record of its own (faster than its limit)
+// gets a span made of its statements.  Notices,
 // errors and events inside a service become events of its span; outside one,
 // log records.
 //
@@ -52,10 +54,15 @@ private:
         std::vector<PendingCall> calls;  // finished, waiting for their parent
         std::string error_text;          // the last error information's text
     };
+    struct Statement {
+        std::string sql;
+        int64_t ts_us, elapsed_us;
+    };
     struct Thread {
         std::vector<Service> stack;
-        std::vector<std::string> sql;  // statements of the DBIO record to come
-        SpanId dbio_span;              // the span id that record gets
+        std::vector<Statement> sql;  // statements of the DBIO call whose record may come
+        std::string sql_func;        // that call's function
+        SpanId dbio_span;            // the span id that call gets
         bool dbio_span_set = false;
     };
 
@@ -64,6 +71,7 @@ private:
     SpanRef error(Thread& t, const Record& r);
     SpanRef call(Thread& t, const Record& r);
     SpanRef notice(Thread& t, const Record& r);
+    void statements_span(Thread& t, const Record& last);
     int find_service(const Thread& t, const Record& r) const;
     void close(Thread& t, int64_t end_us, const char* why);  // the innermost service
     void export_span(SpanData&& s);

@@ -42,6 +42,10 @@ bool SqlJoiner::add(const TRAN_LOG_MSG& m, Decoded& d, int64_t now_us, std::stri
         return false;
     }
     if (h.piece == 1) {
+        // Which statement of which call it is tells whether the thread's
+        // previous statement belongs to the same call.
+        d.rec.f.number("slot", h.slot);
+        d.rec.f.number("sql_rec_cnt", h.cnt);
         end_thread(d.rec);
         Pending& p = pending_[d.rec.thread];
         p.first = m;

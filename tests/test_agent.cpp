@@ -3,10 +3,8 @@
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
-#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
 
 #include <nlohmann/json.hpp>
 
@@ -17,33 +15,13 @@
 #include "collector/decode.h"
 #include "support/calls.h"
 #include "support/in_child.h"
+#include "support/spawn.h"
 #include "support/temp_dir.h"
 
 namespace varnix::test {
 namespace {
 
 using Json = nlohmann::json;
-
-// Runs a program with standard output and error into files; its pid.  It gets
-// SIGTERM should this process die first.
-pid_t spawn(std::vector<std::string> v, const std::string& out, const std::string& err) {
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    std::vector<char*> argv;
-    for (std::string& a : v) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || !freopen(out.c_str(), "w", stdout) ||
-        !freopen(err.c_str(), "w", stderr))
-        _exit(127);
-    execv(argv[0], argv.data());
-    _exit(127);
-}
-
-int exit_status(pid_t pid) {
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 class Agent : public testing::Test {
 protected:

@@ -84,7 +84,7 @@ void OtlpExporter::stop() {
 
 template <typename T>
 bool OtlpExporter::offer(std::deque<Queued<T>>& q, T&& item, size_t bytes) {
-    bool full_batch = false;
+    bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mu_);
         if (bytes_ + bytes > config_.buffer_bytes) {
@@ -93,9 +93,10 @@ bool OtlpExporter::offer(std::deque<Queued<T>>& q, T&& item, size_t bytes) {
         }
         bytes_ += bytes;
         q.push_back({std::move(item), monotonic_us(), bytes});
-        full_batch = q.size() == config_.batch_items;
+        // The first item starts the batch's clock; a full batch leaves at once.
+        wake = q.size() == 1 || q.size() == config_.batch_items;
     }
-    if (full_batch) cv_.notify_one();
+    if (wake) cv_.notify_one();
     return true;
 }
 
