@@ -1,6 +1,7 @@
 #include "collector/json_line.h"
 
 #include <charconv>
+#include <cstring>
 
 namespace varnix::agent {
 namespace {
@@ -34,11 +35,21 @@ void escaped(std::string& out, std::string_view v) {
 }  // namespace
 
 void JsonLine::key(std::string_view k) {
-    if (!first_) out_ += ',';
+    // One append per key: the separator, the quoted name and the colon.
+    char b[64];
+    size_t n = 0;
+    if (!first_) b[n++] = ',';
     first_ = false;
-    out_ += '"';
-    out_ += k;  // keys are the agent's own names: nothing to escape
-    out_ += "\":";
+    b[n++] = '"';
+    if (k.size() > sizeof b - n - 2) {  // keys are the agent's own short names: never
+        out_.append(b, n).append(k).append("\":");
+        return;
+    }
+    std::memcpy(b + n, k.data(), k.size());  // nothing to escape in the agent's own names
+    n += k.size();
+    b[n++] = '"';
+    b[n++] = ':';
+    out_.append(b, n);
 }
 
 void JsonLine::num(std::string_view k, int64_t v) {
@@ -57,12 +68,16 @@ void JsonLine::str(std::string_view k, std::string_view v) {
 
 void JsonLine::hex(std::string_view k, const uint8_t* bytes, size_t n) {
     key(k);
-    out_ += '"';
+    char b[2 * 32 + 2];
+    if (n > 32) n = 32;  // ids are 8 or 16 bytes
+    size_t at = 0;
+    b[at++] = '"';
     for (size_t i = 0; i < n; ++i) {
-        out_ += kHex[bytes[i] >> 4];
-        out_ += kHex[bytes[i] & 15];
+        b[at++] = kHex[bytes[i] >> 4];
+        b[at++] = kHex[bytes[i] & 15];
     }
-    out_ += '"';
+    b[at++] = '"';
+    out_.append(b, at);
 }
 
 }  // namespace varnix::agent

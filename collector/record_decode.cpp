@@ -70,7 +70,11 @@ bool add_fields(const TRAN_LOG_MSG& m, std::span<const kit::NamedField> fields, 
     for (const kit::NamedField& f : fields) {
         Value v;
         if (!read_field(m, f, v, d.error)) return false;
-        if (is_time_field(f) || (is_service_figure(f) && !keep_figures)) continue;
+        if (is_time_field(f)) {
+            (f.name == "date_str" ? d.date : d.time) = v.text;
+            continue;
+        }
+        if (is_service_figure(f) && !keep_figures) continue;
         if (v.number)
             d.rec.f.number(v.key, v.num);
         else if (!v.text.empty())
@@ -112,25 +116,13 @@ const RecordKind* check_frame(const TRAN_LOG_MSG& m, long size, std::string& why
     return kind;
 }
 
-// The header's date and time in UTC, or `now_us`.
-int64_t header_time(const TRAN_LOG_MSG& m, LocalTime& clock, int64_t now_us) {
-    std::string_view date, time;
-    for (const kit::NamedField& f : kit::header_fields())
-        if (f.name == "date_str")
-            date = kit::field_text(m, f);
-        else if (f.name == "time_str")
-            time = kit::field_text(m, f);
-    const int64_t us = clock.epoch_us(date, time);
-    return us >= 0 ? us : now_us;
-}
-
 }  // namespace
 
 void decode_record(const TRAN_LOG_MSG& m, long size, int queue, LocalTime& clock, int64_t now_us, Decoded& d) {
     d.rec.f.clear();
     d.error.clear();
     d.sql = false;
-    d.piece = {};
+    d.piece = d.date = d.time = {};
     d.rec.queue = queue;
     d.rec.ts_us = now_us;
     d.rec.thread = {};
@@ -139,7 +131,8 @@ void decode_record(const TRAN_LOG_MSG& m, long size, int queue, LocalTime& clock
     d.rec.name = kind ? kind->name : "";
     if (!kind || !add_fields(m, kit::header_fields(), false, d)) return;
     d.rec.thread = {d.rec.f.number_of("pid", -1), d.rec.f.number_of("tid", -1)};
-    d.rec.ts_us = header_time(m, clock, now_us);
+    const int64_t local = clock.epoch_us(d.date, d.time);
+    d.rec.ts_us = local >= 0 ? local : now_us;
     const std::span<const kit::NamedField> body = kit::body_fields(kind->log_type, kit::body_length(m));
     switch (kind->log_type) {
         case 'Q':

@@ -22,6 +22,7 @@ struct Decoded {
     std::string error;        // empty when the record is well formed
     bool sql = false;         // an SQL text piece: `rec` holds its header only
     std::string_view piece;   // an SQL piece's text field, padding included
+    std::string_view date, time;  // the header's local date and time
 };
 
 // `size` is what msgrcv returned for queue `queue`.  A record without a
