@@ -48,10 +48,26 @@ bool is_time_field(const kit::NamedField& f) { return f.name == "date_str" || f.
 // Zero by construction on starts and errors, and on nested ends.
 bool is_service_figure(const kit::NamedField& f) { return f.name == "elapsed_us" || f.name == "call_us"; }
 
+// True when the body holds no byte above 0x7F: then no field needs the
+// UTF-8 check, the usual case, eight bytes at a time.
+bool ascii_body(const TRAN_LOG_MSG& m) {
+    const size_t n = kit::body_length(m);
+    const char* b = m.text + sizeof(uint32_t);
+    uint64_t any = 0;
+    size_t i = 0;
+    for (uint64_t w; i + sizeof w <= n; i += sizeof w) {
+        std::memcpy(&w, b + i, sizeof w);
+        any |= w;
+    }
+    for (; i < n; ++i) any |= static_cast<unsigned char>(b[i]);
+    return (any & 0x8080808080808080ull) == 0;
+}
+
 // One field's value, checked; false with `why` set when it is not UTF-8 or
 // not the number it should be.
-bool read_field(const TRAN_LOG_MSG& m, const kit::NamedField& f, Value& out, std::string& why) {
-    std::optional<std::string_view> v = utf8_field(kit::field_text(m, f));
+bool read_field(const TRAN_LOG_MSG& m, const kit::NamedField& f, bool ascii, Value& out, std::string& why) {
+    std::optional<std::string_view> v = kit::field_text(m, f);
+    if (!ascii) v = utf8_field(*v);
     if (!v) {
         why = std::string("field ") + std::string(f.name) + " is not UTF-8";
         return false;
@@ -66,18 +82,20 @@ bool read_field(const TRAN_LOG_MSG& m, const kit::NamedField& f, Value& out, std
 }
 
 // Adds the named fields; blank ones are left out.  False on the first bad one.
-bool add_fields(const TRAN_LOG_MSG& m, std::span<const kit::NamedField> fields, bool keep_figures, Decoded& d) {
+bool add_fields(const TRAN_LOG_MSG& m, std::span<const kit::NamedField> fields, bool ascii, bool keep_figures,
+                Decoded& d) {
     for (const kit::NamedField& f : fields) {
         Value v;
-        if (!read_field(m, f, v, d.error)) return false;
-        if (is_time_field(f)) {
+        if (!read_field(m, f, ascii, v, d.error)) return false;
+        if (v.text.empty() && !v.number) continue;
+        if (!f.number && is_time_field(f)) {
             (f.name == "date_str" ? d.date : d.time) = v.text;
             continue;
         }
-        if (is_service_figure(f) && !keep_figures) continue;
+        if (f.number && !keep_figures && is_service_figure(f)) continue;
         if (v.number)
             d.rec.f.number(v.key, v.num);
-        else if (!v.text.empty())
+        else
             d.rec.f.text(v.key, v.text);
     }
     return true;
@@ -129,7 +147,8 @@ void decode_record(const TRAN_LOG_MSG& m, long size, int queue, LocalTime& clock
     const RecordKind* kind = check_frame(m, size, d.error);
     d.rec.log_type = kind ? kind->log_type : 0;
     d.rec.name = kind ? kind->name : "";
-    if (!kind || !add_fields(m, kit::header_fields(), false, d)) return;
+    const bool ascii = kind && ascii_body(m);
+    if (!kind || !add_fields(m, kit::header_fields(), ascii, false, d)) return;
     d.rec.thread = {d.rec.f.number_of("pid", -1), d.rec.f.number_of("tid", -1)};
     const int64_t local = clock.epoch_us(d.date, d.time);
     d.rec.ts_us = local >= 0 ? local : now_us;
@@ -156,7 +175,7 @@ void decode_record(const TRAN_LOG_MSG& m, long size, int queue, LocalTime& clock
             // An outermost end carries its elapsed time and DBIO time; other
             // service records carry zeros there.
             const bool figures = kind->log_type == '2' && digits_value(kit::field_text(m, body[0])) > 0;
-            add_fields(m, body, figures, d);
+            add_fields(m, body, ascii, figures, d);
         }
     }
 }

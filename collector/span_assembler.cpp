@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 
 namespace varnix::agent {
 namespace {
@@ -20,12 +21,23 @@ constexpr Rename kConventions[] = {
     {"source_nm", "code.filepath"}, {"line_no", "code.lineno"},   {"db_user", "db.user"},
     {"db_sid", "db.name"},        {"sql", "db.statement"},
 };
-// On the resource, the library's own bookkeeping, or a call's span times.
-constexpr std::string_view kLeftOut[] = {"log_type", "proc_nm", "host_nm", "pid", "idx", "pidx", "start_us", "end_us"};
+// On the resource, or the library's own bookkeeping.
+constexpr std::string_view kLeftOut[] = {"log_type", "proc_nm", "host_nm", "pid", "idx", "pidx"};
+// What a call's span, or an event, shares with its service's span, and a
+// call's figures its span's times already tell.
+constexpr std::string_view kShared[] = {"gid",     "svc_id",   "cls_cd",     "dtl_cd",
+                                        "tid",     "start_us", "end_us",     "elapsed_us",
+                                        "trc_lvl", "call_trc_depth_max"};
 
-void attrs_of(const Fields& f, std::vector<Attr>& out) {
+bool listed(std::span<const std::string_view> list, std::string_view key) {
+    return std::find(list.begin(), list.end(), key) != list.end();
+}
+
+// The record's fields as attributes; `within` leaves out what its service's span carries.
+void attrs_of(const Fields& f, std::vector<Attr>& out, bool within = false) {
+    out.reserve(out.size() + f.all().size());
     for (const Value& v : f.all()) {
-        if (std::find(std::begin(kLeftOut), std::end(kLeftOut), v.key) != std::end(kLeftOut)) continue;
+        if (listed(kLeftOut, v.key) || (within && listed(kShared, v.key))) continue;
         Attr a;
         a.key = v.key;
         a.varnix = true;
@@ -128,7 +140,6 @@ void SpanAssembler::statements_span(Thread& t, const Record& last) {
         statements.s.append(statements.s.empty() ? "" : "\n").append(s.sql);
     }
     c.attrs.push_back(std::move(statements));
-    c.attrs.push_back({"thread.id", false, true, last.thread.tid, {}});
     t.sql.clear();
     t.dbio_span_set = false;
     if (!sink_) return;
@@ -230,7 +241,7 @@ SpanRef SpanAssembler::call(Thread& t, const Record& r) {
     c.name = func.empty() ? (dbio ? "DBIO" : "BIZCALL") : std::string(func);
     c.status_message = call_error(r);
     c.error = !c.status_message.empty();
-    attrs_of(r.f, c.attrs);
+    attrs_of(r.f, c.attrs, true);
     if (!statements.empty()) {
         Attr a{"db.statement", false, false, 0, statements[0].sql};
         for (size_t i = 1; i < statements.size(); ++i) a.s.append("\n").append(statements[i].sql);
@@ -270,7 +281,7 @@ SpanRef SpanAssembler::notice(Thread& t, const Record& r) {
         if (r.log_type == 'E') s.error_text.assign(r.f.text_of("msg_text"));
         if (sink_) {
             std::vector<Attr> attrs;
-            attrs_of(r.f, attrs);
+            attrs_of(r.f, attrs, true);
             add_event(s, r, std::move(attrs));
         }
         return ref_of(s.span);

@@ -148,7 +148,8 @@ TEST(SpanAssembler, OneTransactionBecomesOneTreeWithCallsStatementsErrorsAndEven
     EXPECT_EQ(attr(select.attrs, "db.statement")->s, "SELECT balance FROM account");
     EXPECT_EQ(attr(select.attrs, "db.user")->s, "bank");
     EXPECT_EQ(attr(select.attrs, "db.name")->s, "ORCL");
-    EXPECT_EQ(attr(select.attrs, "thread.id")->i, 1);
+    EXPECT_EQ(attr(transfer.attrs, "thread.id")->i, 1);
+    EXPECT_EQ(attr(select.attrs, "gid"), nullptr);  // its service's span carries it
     EXPECT_FALSE(outer.error);
     const SpanData& fast_span = out.named("DBIO_fast");
     EXPECT_EQ(fast_span.span, quick.span);

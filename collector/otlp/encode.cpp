@@ -1,5 +1,8 @@
 #include "collector/otlp/encode.h"
 
+#include <google/protobuf/arena.h>
+
+#include <cstring>
 #include <map>
 
 #include "otlp/otlp.pb.h"
@@ -16,25 +19,31 @@ uint64_t nanos(int64_t us) { return us > 0 ? static_cast<uint64_t>(us) * 1000u :
 std::string bytes_of(const uint8_t* b, size_t n) { return std::string(reinterpret_cast<const char*>(b), n); }
 
 void put(pb::KeyValue* kv, std::string_view key, std::string_view v) {
-    kv->set_key(std::string(key));
-    kv->mutable_value()->set_string_value(std::string(v));
+    kv->set_key(key.data(), key.size());
+    kv->mutable_value()->set_string_value(v.data(), v.size());
 }
 
 void put(pb::KeyValue* kv, std::string_view key, int64_t v) {
-    kv->set_key(std::string(key));
+    kv->set_key(key.data(), key.size());
     kv->mutable_value()->set_int_value(v);
 }
 
 template <typename Repeated>
 void put_attrs(const std::vector<Attr>& attrs, Repeated* out) {
+    constexpr std::string_view kPrefix = "varnix.";
+    char key[64];
     for (const Attr& a : attrs) {
+        std::string_view k = a.key;
+        if (a.varnix && a.key.size() <= sizeof key - kPrefix.size()) {
+            std::memcpy(key, kPrefix.data(), kPrefix.size());
+            std::memcpy(key + kPrefix.size(), a.key.data(), a.key.size());
+            k = std::string_view(key, kPrefix.size() + a.key.size());
+        }
         pb::KeyValue* kv = out->Add();
-        std::string key = a.varnix ? "varnix." : "";
-        key.append(a.key);
         if (a.is_int)
-            put(kv, key, a.i);
+            put(kv, k, a.i);
         else
-            put(kv, key, a.s);
+            put(kv, k, a.s);
     }
 }
 
@@ -89,7 +98,8 @@ void put_log(const LogData& l, pb::LogRecord* out) {
 
 // One resource entry per traced process, each with one scope: the agent.
 std::string encode_traces(std::span<const SpanData> spans) {
-    pb::ExportTraceServiceRequest req;
+    google::protobuf::Arena arena;  // one allocation for the many small parts
+    pb::ExportTraceServiceRequest& req = *google::protobuf::Arena::CreateMessage<pb::ExportTraceServiceRequest>(&arena);
     std::map<const Resource*, pb::ScopeSpans*> scopes;
     for (const SpanData& s : spans) {
         pb::ScopeSpans*& scope = scopes[s.resource.get()];
@@ -105,7 +115,8 @@ std::string encode_traces(std::span<const SpanData> spans) {
 }
 
 std::string encode_logs(std::span<const LogData> logs) {
-    pb::ExportLogsServiceRequest req;
+    google::protobuf::Arena arena;
+    pb::ExportLogsServiceRequest& req = *google::protobuf::Arena::CreateMessage<pb::ExportLogsServiceRequest>(&arena);
     std::map<const Resource*, pb::ScopeLogs*> scopes;
     for (const LogData& l : logs) {
         pb::ScopeLogs*& scope = scopes[l.resource.get()];

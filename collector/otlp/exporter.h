@@ -28,7 +28,7 @@ namespace varnix::agent {
 
 struct ExportConfig {
     std::string url;                              // base URL; /v1/traces and /v1/logs are added
-    size_t buffer_bytes = 16u << 20;              // bound of what waits for export
+    size_t buffer_bytes = 64u << 20;              // bound of what waits for export
     size_t batch_items = 512;
     int64_t batch_delay_us = 1'000'000;           // the longest an item waits for its batch to fill
     long connect_timeout_ms = 2'000;
