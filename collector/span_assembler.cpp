@@ -8,7 +8,7 @@ namespace varnix::agent {
 namespace {
 
 constexpr size_t kMaxEvents = 128;        // per span; more are counted as dropped
-constexpr size_t kMaxPendingCalls = 256;  // per service; the oldest then take the service as parent
+constexpr size_t kMaxPendingCalls = 64;  // per service; the oldest then take the service as parent
 constexpr size_t kMaxStatements = 8;      // per DBIO span (the library keeps 5)
 
 struct Rename {
@@ -107,7 +107,8 @@ SpanRef SpanAssembler::statement(const Record& stmt, const Record* next) {
         t.sql_func.assign(stmt.f.text_of("func_nm"));
     }
     if (t.sql.size() < kMaxStatements)
-        t.sql.push_back({std::string(stmt.f.text_of("sql")), stmt.ts_us, stmt.f.number_of("elapsed_us")});
+        t.sql.push_back({sink_ ? std::string(stmt.f.text_of("sql")) : std::string(), stmt.ts_us,
+                         stmt.f.number_of("elapsed_us")});
     SpanRef ref;
     ref.trace = trace_for(stmt);
     ref.span = t.dbio_span;

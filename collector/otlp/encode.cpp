@@ -94,41 +94,37 @@ void put_log(const LogData& l, pb::LogRecord* out) {
     if (l.has_trace) out->set_trace_id(bytes_of(l.trace.b, sizeof l.trace.b));
 }
 
-}  // namespace
-
 // One resource entry per traced process, each with one scope: the agent.
-std::string encode_traces(std::span<const SpanData> spans) {
+template <typename Request, typename Item, typename ResourceEntry, typename ScopeEntry, typename Leaf>
+std::string encode(std::span<const Item> items, ResourceEntry* (Request::*add_resource)(),
+                   ScopeEntry* (ResourceEntry::*add_scope)(), Leaf* (ScopeEntry::*add_leaf)(),
+                   void (*put_item)(const Item&, Leaf*)) {
     google::protobuf::Arena arena;  // one allocation for the many small parts
-    pb::ExportTraceServiceRequest& req = *google::protobuf::Arena::CreateMessage<pb::ExportTraceServiceRequest>(&arena);
-    std::map<const Resource*, pb::ScopeSpans*> scopes;
-    for (const SpanData& s : spans) {
-        pb::ScopeSpans*& scope = scopes[s.resource.get()];
+    Request& req = *google::protobuf::Arena::CreateMessage<Request>(&arena);
+    std::map<const Resource*, ScopeEntry*> scopes;
+    for (const Item& i : items) {
+        ScopeEntry*& scope = scopes[i.resource.get()];
         if (!scope) {
-            pb::ResourceSpans* rs = req.add_resource_spans();
-            if (s.resource) put_resource(*s.resource, rs->mutable_resource());
-            scope = rs->add_scope_spans();
+            ResourceEntry* r = (req.*add_resource)();
+            if (i.resource) put_resource(*i.resource, r->mutable_resource());
+            scope = (r->*add_scope)();
             put_scope(scope->mutable_scope());
         }
-        put_span(s, scope->add_spans());
+        put_item(i, (scope->*add_leaf)());
     }
     return req.SerializeAsString();
 }
 
+}  // namespace
+
+std::string encode_traces(std::span<const SpanData> spans) {
+    return encode(spans, &pb::ExportTraceServiceRequest::add_resource_spans, &pb::ResourceSpans::add_scope_spans,
+                  &pb::ScopeSpans::add_spans, put_span);
+}
+
 std::string encode_logs(std::span<const LogData> logs) {
-    google::protobuf::Arena arena;
-    pb::ExportLogsServiceRequest& req = *google::protobuf::Arena::CreateMessage<pb::ExportLogsServiceRequest>(&arena);
-    std::map<const Resource*, pb::ScopeLogs*> scopes;
-    for (const LogData& l : logs) {
-        pb::ScopeLogs*& scope = scopes[l.resource.get()];
-        if (!scope) {
-            pb::ResourceLogs* rl = req.add_resource_logs();
-            if (l.resource) put_resource(*l.resource, rl->mutable_resource());
-            scope = rl->add_scope_logs();
-            put_scope(scope->mutable_scope());
-        }
-        put_log(l, scope->add_log_records());
-    }
-    return req.SerializeAsString();
+    return encode(logs, &pb::ExportLogsServiceRequest::add_resource_logs, &pb::ResourceLogs::add_scope_logs,
+                  &pb::ScopeLogs::add_log_records, put_log);
 }
 
 }  // namespace varnix::agent
