@@ -83,7 +83,7 @@ void OtlpExporter::stop() {
 }
 
 template <typename T>
-bool OtlpExporter::offer(std::deque<Queued<T>>& q, T&& item, size_t bytes) {
+bool OtlpExporter::offer(std::vector<T>& q, T&& item, size_t bytes) {
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mu_);
@@ -92,9 +92,13 @@ bool OtlpExporter::offer(std::deque<Queued<T>>& q, T&& item, size_t bytes) {
             return false;
         }
         bytes_ += bytes;
-        q.push_back({std::move(item), monotonic_us(), bytes});
+        q.push_back(std::move(item));
         // The first item starts the batch's clock; a full batch leaves at once.
-        wake = q.size() == 1 || q.size() == config_.batch_items;
+        if (oldest_us_ == INT64_MAX) {
+            oldest_us_ = monotonic_us();
+            wake = true;
+        }
+        wake = wake || q.size() == config_.batch_items;
     }
     if (wake) cv_.notify_one();
     return true;
@@ -115,41 +119,44 @@ void* OtlpExporter::run(void* self) {
     return nullptr;
 }
 
-bool OtlpExporter::take(std::vector<SpanData>& spans, std::vector<LogData>& logs) {
+size_t OtlpExporter::take(std::vector<SpanData>& spans, std::vector<LogData>& logs) {
     std::unique_lock<std::mutex> lock(mu_);
     for (;;) {
         const bool full = spans_.size() >= config_.batch_items || logs_.size() >= config_.batch_items;
-        int64_t oldest = INT64_MAX;
-        if (!spans_.empty()) oldest = spans_.front().at_us;
-        if (!logs_.empty()) oldest = std::min(oldest, logs_.front().at_us);
-        const int64_t due = oldest == INT64_MAX ? INT64_MAX : oldest + config_.batch_delay_us;
-        if (full || (stopping_ && oldest != INT64_MAX) || monotonic_us() >= due) break;
-        if (stopping_) return false;  // nothing left
-        if (due == INT64_MAX)
+        const bool any = oldest_us_ != INT64_MAX;
+        if (full || (any && (stopping_ || monotonic_us() >= oldest_us_ + config_.batch_delay_us))) break;
+        if (stopping_) return 0;  // nothing left
+        if (!any)
             cv_.wait(lock);
         else
-            cv_.wait_for(lock, std::chrono::microseconds(due - monotonic_us()));
+            cv_.wait_for(lock, std::chrono::microseconds(oldest_us_ + config_.batch_delay_us - monotonic_us()));
     }
-    auto move_out = [this](auto& q, auto& out) {
-        while (!q.empty() && out.size() < config_.batch_items) {
-            bytes_ -= q.front().bytes;
-            out.push_back(std::move(q.front().item));
-            q.pop_front();
-        }
-    };
-    move_out(spans_, spans);
-    move_out(logs_, logs);
-    return true;
+    // Everything at once, in constant time: the draining thread never waits
+    // for the exporter's copying.  What is taken still counts against the
+    // buffer's bound until it has been sent.
+    spans.swap(spans_);
+    logs.swap(logs_);
+    oldest_us_ = INT64_MAX;
+    return bytes_;
 }
 
 void OtlpExporter::loop() {
     std::vector<SpanData> spans;
     std::vector<LogData> logs;
-    while (take(spans, logs)) {
-        if (!spans.empty()) send("/v1/traces", encode_traces(spans), spans.size(), spans_sent_);
-        if (!logs.empty()) send("/v1/logs", encode_logs(logs), logs.size(), logs_sent_);
-        spans.clear();
+    for (size_t taken; (taken = take(spans, logs)) != 0;) {
+        const size_t b = config_.batch_items;
+        for (size_t i = 0; i < spans.size(); i += b) {
+            const auto batch = std::span<const SpanData>(spans).subspan(i, std::min(b, spans.size() - i));
+            send("/v1/traces", encode_traces(batch), batch.size(), spans_sent_);
+        }
+        for (size_t i = 0; i < logs.size(); i += b) {
+            const auto batch = std::span<const LogData>(logs).subspan(i, std::min(b, logs.size() - i));
+            send("/v1/logs", encode_logs(batch), batch.size(), logs_sent_);
+        }
+        spans.clear();  // their room serves the next swap
         logs.clear();
+        std::lock_guard<std::mutex> lock(mu_);
+        bytes_ -= taken;
     }
 }
 

@@ -3,8 +3,9 @@
 // The draining thread hands items over with span() and log(), which never
 // wait for the network: they take the buffer's mutex only to append, and an
 // item that would push the buffer past its byte bound is dropped and counted.
-// The exporter's own thread takes batches out (when a batch is full, or when
-// the oldest item has waited batch_delay_us), encodes them and POSTs them,
+// The exporter's own thread takes everything waiting out at once (when a
+// batch is full, or when the oldest item has waited batch_delay_us), encodes
+// it in batches and POSTs them,
 // retrying with doubling back-off on connection errors, time-outs, 429 and
 // 503 while the draining thread goes on filling the buffer.  Counters are
 // atomics, read by the periodic report.  The mutex guards the two queues, their
@@ -17,7 +18,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -67,17 +67,12 @@ public:
 
 private:
     template <typename T>
-    struct Queued {
-        T item;
-        int64_t at_us;  // monotonic time it was queued
-        size_t bytes;
-    };
-    template <typename T>
-    bool offer(std::deque<Queued<T>>& q, T&& item, size_t bytes);
+    bool offer(std::vector<T>& q, T&& item, size_t bytes);
     static void* run(void* self);
     void loop();
-    // Takes a batch of each kind out under the mutex; false when stopping and empty.
-    bool take(std::vector<SpanData>& spans, std::vector<LogData>& logs);
+    // Takes everything waiting once a batch is due; the bytes then held,
+    // or 0 when stopping and nothing is left.
+    size_t take(std::vector<SpanData>& spans, std::vector<LogData>& logs);
     void send(const char* path, const std::string& body, size_t items, std::atomic<uint64_t>& sent);
     // One POST: 0 sent, 1 worth retrying, -1 refused for good.
     int post(const std::string& url, const std::string& body, std::string& why);
@@ -94,9 +89,10 @@ private:
 
     mutable std::mutex mu_;
     std::condition_variable cv_;
-    std::deque<Queued<SpanData>> spans_;
-    std::deque<Queued<LogData>> logs_;
-    size_t bytes_ = 0;
+    std::vector<SpanData> spans_;
+    std::vector<LogData> logs_;
+    size_t bytes_ = 0;                // waiting, and taken but not yet sent
+    int64_t oldest_us_ = INT64_MAX;   // monotonic time the oldest waiting item came
     bool stopping_ = false;
     int64_t stop_deadline_us_ = 0;
 
