@@ -17,6 +17,7 @@
 #include "collector/agent.h"
 #include "collector/agent_config.h"
 #include "collector/agent_ipc.h"
+#include "collector/otlp/setup.h"
 #include "collector/queue_stats.h"
 #include "collector/reclaim.h"
 #include "collector/record_decode.h"
@@ -129,11 +130,12 @@ void size_queues(const kit::Collector& c) {
 
 class Drain {
 public:
-    Drain(const kit::Collector& c, std::FILE* out)
+    Drain(const kit::Collector& c, std::FILE* out, OtlpExporter* exporter)
         : c_(c),
           out_(out),
           stats_(c.max_que_cnt(), monotonic_us()),
-          spans_(nullptr),
+          exporter_(exporter),
+          spans_(exporter),
           sql_([this](const Record& s, const Record* next) { write(s, spans_.statement(s, next)); }) {}
 
     // One pass over every queue; the number of messages taken.
@@ -164,6 +166,7 @@ public:
     void tick(int64_t now) {
         if (now >= next_report_) {
             stats_.report(*c_.que_info(), now, stderr);
+            if (exporter_) exporter_->report(stderr);
             next_report_ = now + kReportEveryUs;
         }
         if (now >= next_reclaim_) {
@@ -176,6 +179,10 @@ public:
         sql_.flush_all();
         if (std::fflush(out_) != 0) write_failed();
         stats_.report(*c_.que_info(), monotonic_us(), stderr);
+        if (exporter_) {
+            exporter_->stop();
+            exporter_->report(stderr);
+        }
     }
 
 private:
@@ -217,6 +224,8 @@ private:
     void reclaim() {
         const std::vector<Candidate> found = find_reclaimable(*c_.ptrc());
         if (found.empty()) return;
+        std::vector<int64_t> tids;
+        for (const Candidate& f : found) tids.push_back(static_cast<int64_t>(c_.ptrc()->entry[f.n].tid));
         Reclaimed r;
         {
             SemHold hold(c_.ids().ptrc_sem, 50);
@@ -226,6 +235,13 @@ private:
         if (r.released + r.orphaned > 0)
             std::fprintf(stderr, "varnix-agent: reclaimed %d released and %d orphaned process-thread entries\n",
                          r.released, r.orphaned);
+        // Services still open there never end: their spans end now.
+        const int64_t now = usec_of(clock_now());
+        for (size_t i = 0; i < found.size(); ++i)
+            if (found[i].released)
+                spans_.thread_gone(found[i].pid, tids[i], now);
+            else
+                spans_.process_gone(found[i].pid, now);
         for (const Skipped& s : r.skipped)
             if (s.n >= VARNIX_TBL_ENTRIES || !skip_reported_[s.n]) {
                 std::fprintf(stderr, "varnix-agent: process-thread entry %u left alone: %s\n", s.n, s.why);
@@ -236,6 +252,7 @@ private:
     const kit::Collector& c_;
     std::FILE* out_;
     QueueStats stats_;
+    OtlpExporter* exporter_;
     SpanAssembler spans_;
     SqlJoiner sql_;
     LocalTime clock_;
@@ -249,8 +266,8 @@ private:
     std::vector<bool> skip_reported_ = std::vector<bool>(VARNIX_TBL_ENTRIES);  // each inconsistency once
 };
 
-int run(const kit::Collector& c, std::FILE* out) {
-    Drain drain(c, out);
+int run(const kit::Collector& c, std::FILE* out, OtlpExporter* exporter) {
+    Drain drain(c, out, exporter);
     while (!stop_asked && !drain.broken()) {
         const int taken = drain.pass();
         drain.tick(monotonic_us());
@@ -277,7 +294,8 @@ bool refuse_if_present(const char* cfg) {
 
 int start_command(const Options& o) {
     const char* cfg = o.cfg.c_str();
-    if (!check_config(cfg) || refuse_if_present(cfg)) return 1;
+    std::string url;
+    if (!check_config(cfg) || !otlp_url(o.otlp, cfg, url) || refuse_if_present(cfg)) return 1;
     std::FILE* out = o.out.empty() ? stdout : std::fopen(o.out.c_str(), "w");
     if (!out) {
         std::fprintf(stderr, "varnix-agent: cannot write %s: %s\n", o.out.c_str(), std::strerror(errno));
@@ -299,7 +317,8 @@ int start_command(const Options& o) {
         size_queues(c);
         std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT, SIGTERM or SIGHUP stops it\n",
                      c.max_que_cnt(), cfg);
-        rc = run(c, out);
+        std::unique_ptr<OtlpExporter> exporter = url.empty() ? nullptr : start_exporter(url);
+        rc = url.empty() || exporter ? run(c, out, exporter.get()) : 1;
     }
     if (remove_objects(c) != 0) rc = 1;
     if (out != stdout && std::fclose(out) != 0) return 1;
