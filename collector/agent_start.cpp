@@ -33,6 +33,7 @@ namespace {
 constexpr long kNothing = -2;
 constexpr long kGone = -3;
 constexpr int kBurst = 256;  // records taken from one queue before the next is served
+constexpr size_t kLinesBytes = 1 << 20;  // output gathered before it is written
 constexpr timespec kIdleSleep{0, 2'000'000};
 constexpr int64_t kReportEveryUs = 10'000'000;
 constexpr int64_t kReclaimEveryUs = 1'000'000;
@@ -156,6 +157,7 @@ public:
             }
         }
         sql_.flush_quiet(monotonic_us());
+        put_lines();
         if (taken && std::fflush(out_) != 0) write_failed();
         return taken;
     }
@@ -177,6 +179,7 @@ public:
 
     void finish() {
         sql_.flush_all();
+        put_lines();
         if (std::fflush(out_) != 0) write_failed();
         stats_.report(*c_.que_info(), monotonic_us(), stderr);
         if (exporter_) {
@@ -195,9 +198,7 @@ private:
         if (!d.error.empty()) {
             stats_.malformed();
             std::fprintf(stderr, "varnix-agent: queue %d: malformed record skipped: %s\n", q, d.error.c_str());
-            line_.clear();
-            malformed_line(q, d.error, malformed_bytes(m_, size), now, line_);
-            put_line();
+            malformed_line(q, d.error, malformed_bytes(m_, size), now, lines_);
             return;
         }
         sql_.end_thread(d.rec);
@@ -205,13 +206,14 @@ private:
     }
 
     void write(const Record& r, const SpanRef& ref) {
-        line_.clear();
-        timeline_line(r, ref, line_);
-        put_line();
+        timeline_line(r, ref, lines_);
+        if (lines_.size() >= kLinesBytes) put_lines();
     }
 
-    void put_line() {
-        if (std::fwrite(line_.data(), 1, line_.size(), out_) != line_.size()) write_failed();
+    // Whole lines, many at a time: one write per pass rather than per record.
+    void put_lines() {
+        if (std::fwrite(lines_.data(), 1, lines_.size(), out_) != lines_.size()) write_failed();
+        lines_.clear();
     }
 
     void write_failed() {
@@ -257,7 +259,7 @@ private:
     SqlJoiner sql_;
     LocalTime clock_;
     Decoded d_;
-    std::string line_;
+    std::string lines_;  // not yet written
     TRAN_LOG_MSG m_{};
     int64_t next_report_ = monotonic_us() + kReportEveryUs;
     int64_t next_reclaim_ = 0;
