@@ -2,9 +2,11 @@
 // into JSON Lines until SIGINT or SIGTERM, then drains what is left and
 // removes everything it created.  SIGHUP stops it the same way.
 //
-// One thread does everything.  The queues are read without waiting; when a
-// pass over all of them finds nothing the agent sleeps a few milliseconds, so
-// it never spins.  Signals only set a flag that the loop reads.
+// One thread does everything but the OTLP export, which has a thread of its
+// own behind a bounded buffer (collector/otlp/exporter.h).  The queues are
+// read without waiting; when a pass over all of them finds nothing the agent
+// sleeps a few milliseconds, so it never spins.  Signals only set a flag that
+// the loop reads.
 #include <signal.h>
 #include <sys/msg.h>
 #include <time.h>
