@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "core/readcfg.h"
 
@@ -121,6 +122,32 @@ ConfigKeys config_keys(const char* cfg) {
     c.keys.msgq = static_cast<key_t>(number(cfg, "IPC_MESSAGE_QUE", "TRAN_LOGF_MSGQKEY"));
     c.max_que_cnt = static_cast<int>(number(cfg, "TRAN_LOGF", "MAX_QUE_CNT"));
     return c;
+}
+
+std::string optional_token(const char* cfg, const char* section, const char* key) {
+    std::FILE* fp = std::fopen(cfg, "r");
+    if (!fp) return "";
+    // Read as the library's reader reads: the section is the first header (a
+    // line that opens with '[') holding its name, and ends at the next one;
+    // a key line is "KEY = token ...".
+    char line[1024];
+    bool in_section = false;
+    std::string token;
+    while (token.empty() && std::fgets(line, sizeof line, fp)) {
+        if (line[0] == '[') {
+            if (in_section) break;
+            in_section = std::strstr(line, section) != nullptr;
+            continue;
+        }
+        char* save = nullptr;
+        const char* word = in_section ? strtok_r(line, " \t\n=", &save) : nullptr;
+        if (!word || std::strcmp(word, key) != 0) continue;
+        const char* eq = std::strchr(word + std::strlen(word) + 1, '=');
+        char* rest = const_cast<char*>(eq ? eq + 1 : save);
+        if (const char* first = strtok_r(rest, " \t\r\n", &save)) token = first;
+    }
+    std::fclose(fp);
+    return token.substr(0, kCfgTokenMax);
 }
 
 }  // namespace varnix::agent

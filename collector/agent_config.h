@@ -2,6 +2,8 @@
 // library need, checked before anything is created.
 #pragma once
 
+#include <string>
+
 #include "collector/kit.h"
 
 namespace varnix::agent {
@@ -9,6 +11,11 @@ namespace varnix::agent {
 // Checks every key; false, with a line naming the first missing, non-numeric
 // or zero key on standard error.
 bool check_config(const char* cfg);
+
+// Token 1 of an optional key of the agent's own: "" when the section or the
+// key is absent, which is said nowhere (the reader would say it on standard
+// error).
+std::string optional_token(const char* cfg, const char* section, const char* key);
 
 // The IPC keys and the number of queues of a checked configuration.
 struct ConfigKeys {

@@ -4,9 +4,11 @@
 // stops without losing a record that a queue accepted and removes every
 // object.
 //
-// One thread does everything.  The queues are read without waiting; when a
-// pass over all of them finds nothing the agent sleeps a few milliseconds, so
-// it never spins.  Signals only set a flag that the loop reads.
+// One thread does everything but the OTLP export, which has a thread of its
+// own behind a bounded buffer (collector/otlp/exporter.h).  The queues are
+// read without waiting; when a pass over all of them finds nothing the agent
+// sleeps a few milliseconds, so it never spins.  Signals only set a flag that
+// the loop reads.
 //
 // The stop: sending is switched off in the control block, then each queue's
 // byte limit is set to 0.  From then on no message fits in a queue: the
@@ -26,16 +28,20 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "collector/agent.h"
 #include "collector/agent_config.h"
 #include "collector/agent_ipc.h"
 #include "collector/agent_objects.h"
-#include "collector/json_record.h"
 #include "collector/line_writer.h"
+#include "collector/otlp/setup.h"
 #include "collector/queue_stats.h"
 #include "collector/reclaim.h"
+#include "collector/record_decode.h"
+#include "collector/span_assembler.h"
 #include "collector/sql_join.h"
+#include "collector/timeline.h"
 #include "core/clock.h"
 #include "core/ipc.h"
 #include "core/readcfg.h"
@@ -168,8 +174,13 @@ void close_queues(const kit::Collector& c) {
 
 class Drain {
 public:
-    Drain(const kit::Collector& c, LineWriter& out)
-        : c_(c), out_(out), stats_(c.max_que_cnt(), monotonic_us()), sql_([this](const Json& j) { write(j); }) {}
+    Drain(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter)
+        : c_(c),
+          out_(out),
+          stats_(c.max_que_cnt(), monotonic_us()),
+          exporter_(exporter),
+          spans_(exporter),
+          sql_([this](const Record& s, const Record* next) { write(s, spans_.statement(s, next)); }) {}
 
     // One pass over every queue; the number of messages taken.  0 means that
     // every queue readable said it was empty.
@@ -201,6 +212,7 @@ public:
         stats_.report_malformed(now, stderr);
         if (now >= next_report_) {
             stats_.report(*c_.que_info(), out_.unwritten(), now, stderr);
+            if (exporter_) exporter_->report(stderr);
             next_report_ = now + kReportEveryUs;
         }
         if (now >= next_reclaim_) {
@@ -217,23 +229,35 @@ public:
         if (out_.unwritten() > 0)
             std::fprintf(stderr, "varnix-agent: %llu records could not be written to %s\n",
                          static_cast<unsigned long long>(out_.unwritten()), out_.name().c_str());
+        if (exporter_) {
+            exporter_->stop();
+            exporter_->report(stderr);
+        }
     }
 
 private:
     void handle(int q, long size) {
         stats_.received(q);
-        Decoded d = decode_record(m_, size, q);
-        if (d.error.empty() && d.sql && sql_.add(d, monotonic_us(), d.error)) return;
+        const int64_t now = usec_of(clock_now());
+        Decoded& d = d_;
+        decode_record(m_, size, q, clock_, now, d);
+        if (d.error.empty() && d.sql && sql_.add(m_, d, monotonic_us(), d.error)) return;
         if (!d.error.empty()) {
             stats_.malformed(q, d.error, monotonic_us(), stderr);
-            write(malformed_json(m_, size, q, d.error));
+            line_.clear();
+            malformed_line(q, d.error, malformed_bytes(m_, size), now, line_);
+            out_.add(line_);
             return;
         }
-        sql_.end_thread(d.thread);
-        write(d.json);
+        sql_.end_thread(d.rec);
+        write(d.rec, spans_.record(d.rec));
     }
 
-    void write(const Json& j) { out_.add(json_line(j)); }
+    void write(const Record& r, const SpanRef& ref) {
+        line_.clear();
+        timeline_line(r, ref, line_);
+        out_.add(line_);
+    }
 
     // In short batches under the table semaphore: a registering host thread
     // waits for one batch at most.
@@ -243,6 +267,13 @@ private:
             std::fprintf(stderr,
                          "varnix-agent: reclaimed %d released, %d orphaned and %d lost process-thread entries\n",
                          r.released, r.orphaned, r.lost);
+        // Services still open there never end: their spans end now.
+        const int64_t now = usec_of(clock_now());
+        for (const GoneThread& t : r.gone)
+            if (t.released)
+                spans_.thread_gone(t.pid, static_cast<int64_t>(t.tid), now);
+            else
+                spans_.process_gone(t.pid, now);
         for (const Skipped& s : r.skipped)
             if (s.n >= VARNIX_TBL_ENTRIES || !skip_reported_[s.n]) {
                 std::fprintf(stderr, "varnix-agent: process-thread entry %u left alone: %s\n", s.n, s.why);
@@ -253,7 +284,12 @@ private:
     const kit::Collector& c_;
     LineWriter& out_;
     QueueStats stats_;
+    OtlpExporter* exporter_;
+    SpanAssembler spans_;
     SqlJoiner sql_;
+    LocalTime clock_;
+    Decoded d_;
+    std::string line_;  // the line being written
     TRAN_LOG_MSG m_{};
     int64_t next_report_ = monotonic_us() + kReportEveryUs;
     int64_t next_reclaim_ = 0;
@@ -281,8 +317,8 @@ int stop(const kit::Collector& c, Drain& drain) {
     return drain.broken() ? 1 : 0;
 }
 
-int run(const kit::Collector& c, LineWriter& out) {
-    Drain drain(c, out);
+int run(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter) {
+    Drain drain(c, out, exporter);
     while (!stop_asked && !drain.broken()) {
         const int taken = drain.pass();
         drain.tick(monotonic_us());
@@ -328,7 +364,8 @@ void switch_sending_on(const kit::Collector& c, const char* cfg) {
 
 int start_command(const Options& o) {
     const char* cfg = o.cfg.c_str();
-    if (!check_config(cfg)) return 1;
+    std::string url;
+    if (!check_config(cfg) || !otlp_url(o.otlp, cfg, url)) return 1;
     const ConfigKeys keys = config_keys(cfg);
     const kit::Collector::Ids found = kit::ids_of(keys.keys, keys.max_que_cnt);
     AgentToken token;
@@ -337,6 +374,8 @@ int start_command(const Options& o) {
     if (adopting && refuse_to_adopt(keys, found, token, cfg)) return 1;
     LineWriter out(o.out);
     if (!out.ok()) return 1;
+    const std::unique_ptr<OtlpExporter> exporter = url.empty() ? nullptr : start_exporter(url);
+    if (!url.empty() && !exporter) return 1;
     if (!install_stop_handlers()) {
         std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
         return 1;
@@ -354,7 +393,7 @@ int start_command(const Options& o) {
     if (resume) switch_sending_on(c, cfg);
     std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT, SIGTERM or SIGHUP stops it\n",
                  c.max_que_cnt(), cfg);
-    int rc = run(c, out);  // a stop asked already drains at once
+    int rc = run(c, out, exporter.get());  // a stop asked already drains at once
     if (remove_objects(c) != 0) rc = 1;
     token.forget();
     return rc;

@@ -232,10 +232,14 @@ public:
         const char* why = state == 0            ? "it is on the used stack but free"
                           : stacks_.twice(n)    ? "it is on the used stack twice"
                                                 : nullptr;
-        if (why)
+        const PTRC_HASH& e = tbl_.entry[n];
+        const GoneThread thread{e.pid, e.tid, released};  // before give_back clears them
+        if (why) {
             skip(n, why);
-        else if (give_back(n, false))
+        } else if (give_back(n, false)) {
             ++(released ? r_.released : r_.orphaned);
+            r_.gone.push_back(thread);
+        }
     }
 
     void lost(uint32_t n) {

@@ -25,11 +25,20 @@ struct Skipped {
     const char* why;
 };
 
+// The thread of an entry returned: released by its library, else its process
+// has ended.
+struct GoneThread {
+    int32_t pid;
+    uint64_t tid;
+    bool released;
+};
+
 struct Reclaimed {
     int released = 0;              // released by the library
     int orphaned = 0;              // registered or marked, their holder gone
     int lost = 0;                  // on neither stack, their holder gone: dropped between pop and push
     std::vector<Skipped> skipped;  // entries left alone: the table contradicts itself
+    std::vector<GoneThread> gone;  // the threads of the released and orphaned entries
     int batches = 0;               // times the semaphore was taken
     int64_t longest_hold_us = 0;   // the longest of those holds
     bool sem_busy = false;         // a batch did not get the semaphore in time: the rest waits for the next pass

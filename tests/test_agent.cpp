@@ -4,10 +4,8 @@
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
-#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
 
 #include <nlohmann/json.hpp>
 
@@ -21,6 +19,7 @@
 #include "collector/decode.h"
 #include "support/calls.h"
 #include "support/in_child.h"
+#include "support/spawn.h"
 #include "support/temp_dir.h"
 #include "support/thread_group.h"
 
@@ -28,27 +27,6 @@ namespace varnix::test {
 namespace {
 
 using Json = nlohmann::json;
-
-// Runs a program with standard output and error into files; its pid.  It gets
-// SIGTERM should this process die first.
-pid_t spawn(std::vector<std::string> v, const std::string& out, const std::string& err) {
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    std::vector<char*> argv;
-    for (std::string& a : v) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || !freopen(out.c_str(), "w", stdout) ||
-        !freopen(err.c_str(), "w", stderr))
-        _exit(127);
-    execv(argv[0], argv.data());
-    _exit(127);
-}
-
-int exit_status(pid_t pid) {
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 class Agent : public testing::Test {
 protected:
@@ -60,9 +38,11 @@ protected:
         conf_.log_home = "log";
         conf_.tong_log_home = dir_;
         ASSERT_TRUE(kit::write_file(cfg(), kit::config_text(conf_)));
+        // A zone east of UTC: record times are local, the timeline's UTC.
         ASSERT_EQ(setenv("TRAN_HOME", dir_.c_str(), 1) | setenv("TRAN_AGT_HOME", (dir_ + "/agt").c_str(), 1) |
-                      setenv("TRAN_AGT_CFG_FILE", cfg().c_str(), 1),
+                      setenv("TRAN_AGT_CFG_FILE", cfg().c_str(), 1) | setenv("TZ", "KST-9", 1),
                   0);
+        tzset();
         ASSERT_TRUE(start_agent("/agent.err"));
         testing::internal::CaptureStdout();  // the banner
         ASSERT_EQ(TRAN_INIT(), 0);
@@ -140,11 +120,13 @@ int event(const char* gid, const char* evt_no, const char* text, const char* svc
 // What depends on the moment, the host and the table rather than the call.
 Json stable(Json r) {
     EXPECT_EQ(r["pid"], getpid());
+    EXPECT_EQ(r["schema"], 1);
     if (r.contains("start_us")) {
         EXPECT_EQ(r["end_us"].get<int64_t>() - r["start_us"].get<int64_t>(), r["elapsed_us"]);
     }
-    for (const char* k : {"queue", "host_nm", "pid", "tid", "idx", "pidx", "date_str", "time_str", "elapsed_us",
-                          "call_us", "own_us", "called_us", "dbio_us", "start_us", "end_us"})
+    for (const char* k : {"schema", "queue", "host_nm", "pid", "tid", "idx", "pidx", "ts_us", "trace_id", "span_id",
+                          "duration_us", "elapsed_us", "call_us", "own_us", "called_us", "dbio_us", "start_us",
+                          "end_us"})
         r.erase(k);
     return r;
 }
@@ -158,6 +140,7 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
     std::string sql = "SELECT memo FROM account WHERE memo = '";
     for (int i = 0; i < 300; ++i) sql += "가";  // pieces are cut inside the Korean text
     sql += "' AND id = 1";
+    const int64_t before = usec_of(clock_now());
     EXPECT_LT(call(TRAN_START, s), 99);
     EXPECT_EQ(call_start("transfer_funds"), 0);
     EXPECT_EQ(call_start("DBIO_update"), 0);
@@ -178,6 +161,17 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
 
     std::vector<Json> got = records_of("AGENT-GID-0001", "2");
     ASSERT_EQ(got.size(), 11u);
+    // One trace; the service's records and notices under its span, the SQL
+    // under its DBIO call's; times in UTC, the end's duration.
+    const int64_t after = usec_of(clock_now());
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i]["trace_id"], got[0]["trace_id"]);
+        EXPECT_EQ(got[i]["span_id"] == got[0]["span_id"], i != 1 && i != 2 && i != 3) << i;
+        EXPECT_GE(got[i]["ts_us"], before);
+        EXPECT_LE(got[i]["ts_us"], after);
+    }
+    EXPECT_EQ(got[1]["span_id"], got[2]["span_id"]);
+    EXPECT_EQ(got[10]["duration_us"], got[10]["ts_us"].get<int64_t>() - got[0]["ts_us"].get<int64_t>());
     for (Json& r : got) r = stable(r);
     const Json head = {{"gid", "AGENT-GID-0001"}, {"svc_id", "ACCT_TRANSFER"}};
     auto with = [&](Json j, bool proc_nm = true) {
@@ -200,9 +194,9 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
     EXPECT_EQ(got[1], with({{"record", "sql"}, {"log_type", "Q"}, {"slot", 1}, {"sql_rec_cnt", 1}, {"rep_cnt", 1},
                             {"sql_no", 7}, {"func_nm", "DBIO_update"}, {"pieces", 3}, {"sql", sql}},
                            false));
-    EXPECT_EQ(got[2], call_of({{"record", "dbio"}, {"log_type", "B"}, {"trc_lvl", 2}, {"kind_label", ""},
-                               {"func_nm", "DBIO_update"}, {"call_seq", 2}, {"sql_code", 9999}, {"rc", -3},
-                               {"fetch_line", 0}, {"fetch_rows", 0}, {"fetch_us", 0}, {"db_user", ""}, {"db_sid", ""}}));
+    EXPECT_EQ(got[2], call_of({{"record", "dbio"}, {"log_type", "B"}, {"trc_lvl", 2}, {"func_nm", "DBIO_update"},
+                               {"call_seq", 2}, {"sql_code", 9999}, {"rc", -3}, {"fetch_line", 0}, {"fetch_rows", 0},
+                               {"fetch_us", 0}}));
     EXPECT_EQ(got[3], call_of({{"record", "bizcall"}, {"log_type", "C"}, {"trc_lvl", 1}, {"kind_label", "METHOD"},
                                {"func_nm", "transfer_funds"}, {"call_seq", 1}, {"rc", 0}}));
     EXPECT_EQ(got[4], with({{"record", "info"}, {"log_type", "I"}, {"cls_cd", "IN"}, {"dtl_cd", "f"},
@@ -254,7 +248,9 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
     EXPECT_EQ(largest_read, 1);
     ASSERT_EQ(bad.size(), 4u);
     EXPECT_EQ(bad[3]["malformed"], "call text without its figures");
-    EXPECT_EQ(bad[0], Json({{"queue", 0}, {"malformed", "length 10, not 784"}, {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
+    bad[0].erase("ts_us");
+    EXPECT_EQ(bad[0], Json({{"schema", 1}, {"queue", 0}, {"malformed", "length 10, not 784"},
+                            {"bytes", "\\xDD\\x02\\x00\\x00V"}}));
     EXPECT_EQ(bad[1]["malformed"], "field tid is not a number");
     EXPECT_EQ(bad[2]["malformed"], "field msg_text is not UTF-8");
     EXPECT_NE(bad[2]["bytes"].get<std::string>().find("caf\\xE9!"), std::string::npos);
