@@ -22,6 +22,7 @@
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
+#include "core/throttle.h"
 #include "record/log_field.h"
 #include "record/record.h"
 
@@ -107,11 +108,15 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out
     return kOk;
 }
 
+Throttle bucket_busy_report{1'000'000};
+
 // The bucket mutex is held only for list work and for one bounded semaphore
-// wait, so a waiter gets it soon; the wait is bounded all the same.
+// wait, so a waiter gets it soon; the wait is bounded all the same, and a
+// time-out, which the status cannot tell from a full bucket, is reported (at
+// most once a second).
 class BucketLock {
 public:
-    explicit BucketLock(pthread_mutex_t& m) : m_(m), rc_(pthread_mutex_trylock(&m)) {
+    explicit BucketLock(MTR_TID_IDX& bucket) : m_(bucket.mtr_lock), rc_(pthread_mutex_trylock(&m_)) {
         if (rc_ != EBUSY) return;
         // The wall clock, as pthread_mutex_timedlock takes it (the race
         // detector knows that call, not its monotonic twin): a clock step
@@ -120,7 +125,10 @@ public:
         (void)clock_gettime(CLOCK_REALTIME, &ts);  // CLOCK_REALTIME is always there
         const int64_t deadline = static_cast<int64_t>(ts.tv_sec) * 1'000'000 + ts.tv_nsec / 1000 + kBucketWaitUs;
         ts = timespec{static_cast<time_t>(deadline / 1'000'000), static_cast<long>(deadline % 1'000'000) * 1000};
-        rc_ = pthread_mutex_timedlock(&m, &ts);
+        rc_ = pthread_mutex_timedlock(&m_, &ts);
+        if (rc_ == ETIMEDOUT && bucket_busy_report.pass())
+            log_printf("<!> mtr_tid_idx#%d mutex busy for %d ms, thread context lookup deferred", bucket.mtr_tid_idx,
+                       static_cast<int>(kBucketWaitUs / 1000));
     }
     ~BucketLock() {
         if (rc_ == 0) (void)pthread_mutex_unlock(&m_);
@@ -269,7 +277,7 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     }
     const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
     MTR_TID_IDX& bucket = gvar.mtr_tid_idx[tid_arg < 0 ? handle_bucket_of(caller.tid) : bucket_of(caller.tid)];
-    BucketLock lock(bucket.mtr_lock);
+    BucketLock lock(bucket);
     if (int rc = lock.status(); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
     if (bucket.last_var && bucket.last_var->pid == gvar.pid && bucket.last_var->tid == caller.tid) {

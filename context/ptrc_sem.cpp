@@ -1,13 +1,12 @@
 #include "context/ptrc_sem.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdint>
 
-#include "core/clock.h"
 #include "core/gvar.h"
 #include "core/ipc.h"
 #include "core/log_printf.h"
+#include "core/throttle.h"
 
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
@@ -27,15 +26,7 @@ void held() {}
 void releasing() {}
 #endif
 
-constexpr int64_t kReportEveryUs = 1'000'000;
-std::atomic<int64_t> last_report_us{-kReportEveryUs};
-
-void report_busy(int timeout_ms) {
-    const int64_t now = monotonic_us();
-    int64_t last = last_report_us.load(std::memory_order_relaxed);
-    if (now - last < kReportEveryUs || !last_report_us.compare_exchange_strong(last, now)) return;
-    log_printf("<!> ptrc_hash_tbl semaphore busy for %d ms, thread registration deferred", timeout_ms);
-}
+Throttle busy_report{1'000'000};
 
 }  // namespace
 
@@ -43,8 +34,8 @@ PtrcSemGuard::PtrcSemGuard(int timeout_ms)
     : owned_(sem_lock_for(gvar.ptrc_hash_semid, 0, kSemUndo, timeout_ms) == 0) {
     if (owned_)
         held();
-    else if (errno == EAGAIN)
-        report_busy(timeout_ms);
+    else if (errno == EAGAIN && busy_report.pass())
+        log_printf("<!> ptrc_hash_tbl semaphore busy for %d ms, thread registration deferred", timeout_ms);
 }
 
 PtrcSemGuard::~PtrcSemGuard() {

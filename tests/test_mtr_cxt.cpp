@@ -53,6 +53,27 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     MTR_CXT_VAR* eleventh = nullptr;
     EXPECT_EQ(get_mtr_cxt_var(tid_of(11), &eleventh), VARNIX_RC_NO_CONTEXT);
     EXPECT_EQ(log.take(), Lines{});
+    // A bucket whose mutex stays busy past the bounded wait refuses with the same status, but says so (at most
+    // once a second).
+    {
+        std::latch locked(1), release(1);
+        std::thread holder([&] {
+            pthread_mutex_lock(&gvar.mtr_tid_idx[kBucket].mtr_lock);
+            locked.count_down();
+            release.wait();
+            pthread_mutex_unlock(&gvar.mtr_tid_idx[kBucket].mtr_lock);
+        });
+        locked.wait();
+        const auto t0 = std::chrono::steady_clock::now();
+        for (int k : {1, 2}) EXPECT_EQ(get_mtr_cxt_var(tid_of(k), &eleventh), VARNIX_RC_NO_CONTEXT);
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - t0);
+        release.count_down();
+        holder.join();
+        const Lines busy = log.take();
+        ASSERT_FALSE(busy.empty());
+        EXPECT_EQ(busy, Lines(busy.size(), "<!> mtr_tid_idx#7 mutex busy for 100 ms, thread context lookup deferred"));
+        EXPECT_LE(busy.size(), 1u + seconds.count());
+    }
 
     PTRC_HASH* released = cxts[3]->ptrc;
     released->ptrc_state = VARNIX_PTRC_RELEASE_ASKED;
