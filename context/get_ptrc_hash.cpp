@@ -124,8 +124,7 @@ void link_entry(PTRC_HASH_TBL& tbl, uint32_t n, uint32_t bucket, int32_t last) {
 
 }  // namespace
 
-PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt, DeferredLine* created) {
-    PTRC_HASH_TBL* tbl = gvar.ptrc_hash_tbl;
+PTRC_HASH* get_ptrc_hash(PTRC_HASH_TBL* tbl, MTR_CXT_VAR* cxt, DeferredLine* created) {
     Key key;
     if (!tbl || !cxt || cxt->idx < 0 || cxt->idx >= kMtrBuckets || !format_key(*cxt, key)) return nullptr;
     uint32_t bucket = get_hidx(key, kKeyIdent, kBucketMask);

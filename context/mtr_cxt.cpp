@@ -50,6 +50,28 @@ void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* 
     put_number(body + 138, 8, pid);
 }
 
+// Registers the context in the process-thread table attached now: 0, or 116
+// with the context left without an entry.
+int register_entry(MTR_CXT_VAR& cxt) {
+    DeferredLine created;  // written after the semaphore is released
+    PtrcSemGuard sem;
+    cxt.ptrc = sem.owns() ? get_ptrc_hash(sem.attach().tbl, &cxt, &created) : nullptr;
+    if (!cxt.ptrc) {
+        cxt.cxt_init_flag = VARNIX_RC_PTRC_FULL;
+        return VARNIX_RC_PTRC_FULL;
+    }
+    cxt.gen = sem.attach().gen;
+    cxt.cxt_init_flag = 0;
+    return kOk;
+}
+
+// Out of any service, as at registration.
+void leave_services(MTR_CXT_VAR& cxt) {
+    cxt.service_depth = 0;
+    cxt.log_bit = 0;
+    cxt.svc_hash = nullptr;
+}
+
 // Fills the context taken for `tid` and registers it in the process-thread
 // table: 0, or 116 with the slot left free.
 int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t ktid) {
@@ -57,20 +79,9 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     cxt.tid = tid;
     cxt.idx = bucket.mtr_tid_idx;
     cxt.ktid = ktid;
-    DeferredLine created;  // written after the semaphore is released
-    {
-        PtrcSemGuard sem;
-        cxt.ptrc = sem.owns() ? get_ptrc_hash(&cxt, &created) : nullptr;
-        if (!cxt.ptrc) {
-            cxt.cxt_init_flag = VARNIX_RC_PTRC_FULL;
-            return VARNIX_RC_PTRC_FULL;
-        }
-        cxt.cxt_init_flag = 0;
-    }
+    if (int rc = register_entry(cxt); rc != kOk) return rc;
     cxt.in_use = 1;
-    cxt.service_depth = 0;
-    cxt.log_bit = 0;
-    cxt.svc_hash = nullptr;
+    leave_services(cxt);
     cxt.gid_key_len = -1;
     cxt.lasted_access = std::time(nullptr);
     int pid = static_cast<int>(getpid());
@@ -79,6 +90,9 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     write_thread_ids(cxt, cxt.log_body);
     write_thread_ids(cxt, cxt.log_body2);
     set_log_field(gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm, -1, cxt.log_body + 40, 15, 1);
+    // Blank service levels: a level read before any service wrote it must
+    // not carry NUL bytes or a previous thread's identity into a record.
+    std::memset(cxt.svc_stack, ' ', sizeof cxt.svc_stack);
     __atomic_store_n(&cxt.stamp, next_stamp.fetch_add(1, std::memory_order_relaxed), __ATOMIC_RELEASE);
     return kOk;
 }
@@ -97,14 +111,30 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out
     MTR_CXT_VAR* cxt = get_empty_mtr_cxt_var(bucket.mtr_var);
     if (!cxt) return VARNIX_RC_NO_CONTEXT;
     if (int rc = create_context(bucket, *cxt, tid, ktid); rc != kOk) return rc;
-    // Blank service levels: a level read before any service wrote it must
-    // not carry NUL bytes or a previous thread's identity into a record.
-    std::memset(cxt->svc_stack, ' ', sizeof cxt->svc_stack);
     bucket.mtr_idx_list[bucket.mtr_cnt++] = MtrIdxEntry{tid, cxt};
     std::sort(bucket.mtr_idx_list, bucket.mtr_idx_list + bucket.mtr_cnt,
               [](const MtrIdxEntry& a, const MtrIdxEntry& b) { return comp_chk_tid(a, b) < 0; });
     bucket.last_var = cxt;
     *out = cxt;
+    return kOk;
+}
+
+// The context's entry lies in a process-thread table that the collector has
+// replaced since: the thread registers in the table attached now, out of any
+// service.  A service it had open is forgotten, since its state lay in the
+// entry, which is not read again; its records were cut off with the old
+// queues anyway.  The context keeps its slot, its records and its service
+// levels: a call that was inside when it registered again (an end that sends
+// an event of its own) finishes as it began.  0, or 116 with the context left
+// to register on the thread's next call.
+int register_again(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt) {
+    if (cxt.service_depth != 0)
+        log_printf("(I) mtr_tid_idx#%d, tid %lu service (depth %d) dropped: ptrc_hash_tbl re-created", bucket.mtr_tid_idx,
+                   static_cast<unsigned long>(cxt.tid), cxt.service_depth);
+    leave_services(cxt);
+    if (int rc = register_entry(cxt); rc != kOk) return rc;
+    write_thread_ids(cxt, cxt.log_body);
+    write_thread_ids(cxt, cxt.log_body2);
     return kOk;
 }
 
@@ -139,7 +169,9 @@ public:
     int status() const { return rc_ == 0 ? kOk : rc_ == ETIMEDOUT ? VARNIX_RC_NO_CONTEXT : VARNIX_RC_MUTEX; }
 
 private:
-    static constexpr int64_t kBucketWaitUs = 2 * kPtrcSemWaitMs * 1000;  // a holder may wait for the semaphore twice
+    // A holder may wait for the semaphore twice (more while the collector's
+    // objects are being created anew).
+    static constexpr int64_t kBucketWaitUs = 2 * kPtrcSemWaitMs * 1000;
     pthread_mutex_t& m_;
     int rc_;
 };
@@ -155,7 +187,8 @@ pid_t current_ktid() {
 
 // The entry still describes this context's thread.
 bool entry_is_ours(const MTR_CXT_VAR& cxt) {
-    return cxt.ptrc && cxt.ptrc->pid == cxt.pid && cxt.ptrc->tid == cxt.tid;
+    const PTRC_HASH* e = live_entry(cxt);
+    return e && e->pid == cxt.pid && e->tid == cxt.tid;
 }
 
 // The context was made by another kernel thread that had the same handle: the
@@ -167,9 +200,10 @@ bool left_by_earlier_thread(const MTR_CXT_VAR& cxt, const ThreadKey& caller) {
 void free_context(MTR_TID_IDX& bucket, int pos, const char* thread_state) {
     MTR_CXT_VAR& cxt = *bucket.mtr_idx_list[pos].var;
     const bool ours = entry_is_ours(cxt);
+    const PTRC_HASH* e = live_entry(cxt);
     log_printf("(I) mtr_tid_idx#%d-%d, tid %lu (thread %s, ptrc %d) resource clear.(%d->%d)", bucket.mtr_tid_idx, pos,
-               static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), thread_state,
-               cxt.ptrc ? cxt.ptrc->ptrc_state : 0, bucket.mtr_cnt, bucket.mtr_cnt - 1);
+               static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), thread_state, e ? e->ptrc_state : 0,
+               bucket.mtr_cnt, bucket.mtr_cnt - 1);
     if (ours) cxt.ptrc->ptrc_state = VARNIX_PTRC_RELEASED;
     __atomic_store_n(&cxt.stamp, 0, __ATOMIC_RELEASE);
     cxt.in_use = 0;
@@ -255,8 +289,12 @@ void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller) {
         const bool process_context = entry.tid == 0 && i == 0 && bucket.mtr_tid_idx == 0;
         const bool alive = process_context || (!left_by_earlier_thread(cxt, caller) && isalive(cxt));
         // A context without an entry, or whose entry now belongs to another
-        // thread, has nothing left to keep: it is treated as released.
-        if (process_context || (alive && entry_is_ours(cxt) && cxt.ptrc->ptrc_state != VARNIX_PTRC_RELEASE_ASKED)) {
+        // thread, has nothing left to keep: it is treated as released.  One
+        // whose entry lies in a replaced table goes only with its thread: the
+        // thread registers again on its next call.
+        const bool replaced = cxt.gen != tables_gen();
+        if (process_context ||
+            (alive && (replaced || (entry_is_ours(cxt) && cxt.ptrc->ptrc_state != VARNIX_PTRC_RELEASE_ASKED)))) {
             bucket.mtr_idx_list[j++] = entry;
             continue;
         }
@@ -269,7 +307,8 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
     if (tid_arg < 0) {
         const OwnContext own = own_context;
-        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp) {
+        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp &&
+            own.cxt->gen == tables_gen()) {
             __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
             *out = own.cxt;
             return kOk;
@@ -288,6 +327,8 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     if (cxt && left_by_earlier_thread(*cxt, caller)) cxt = nullptr;  // the miss reclaims it
     if (!cxt) {
         if (int rc = miss(bucket, caller.tid, caller.ktid, &cxt); rc != kOk) return rc;
+    } else if (cxt->gen != tables_gen()) {
+        if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
     __atomic_store_n(&cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
     if (tid_arg < 0) own_context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
