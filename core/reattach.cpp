@@ -107,7 +107,8 @@ Ids attached() {
 }
 
 void report_refused(const char* name, int32_t id, int32_t& refused, const char* why) {
-    if (std::exchange(refused, id) != id) log_printf("<!> %s re-created (shmid %d), not re-attached: %s", name, id, why);
+    if (std::exchange(refused, id) != id)
+        log_printf("<!> %s re-created (shmid %d), not re-attached: %s", name, id, why);
 }
 
 // Puts block `id` where block `old_id` is attached at `addr`, in one step.

