@@ -195,18 +195,22 @@ int Collector::create_tables(const char* cfg) {
     key_t svc_sem = static_cast<key_t>(number(cfg, "IPC_SEMAPHORE", "SVC_HASH_TBL_SEMKEY", -1));
     key_t ptrc_shm = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "PTRC_HASH_TBL_SHMKEY", -1));
     key_t ptrc_sem = static_cast<key_t>(number(cfg, "IPC_SEMAPHORE", "PTRC_HASH_TBL_SEMKEY", -1));
+    // Each table is ready before its semaphore exists: a traced process that
+    // takes up re-created objects does so only once every semaphore is there.
     svc_ = static_cast<SVC_HASH_TBL*>(attach_new_shm(svc_shm, sizeof(SVC_HASH_TBL), ids_.svc_shm, "SVC_HASH_TBL"));
-    if (!svc_ || new_free_sem(svc_sem, ids_.svc_sem) < 0) return -1;
+    if (!svc_) return -1;
     init_svc_hash_tbl(*svc_);
+    if (new_free_sem(svc_sem, ids_.svc_sem) < 0) return -1;
     ptrc_ = static_cast<PTRC_HASH_TBL*>(
         attach_new_shm(ptrc_shm, sizeof(PTRC_HASH_TBL), ids_.ptrc_shm, "PTRC_HASH_TBL"));
-    if (!ptrc_ || new_free_sem(ptrc_sem, ids_.ptrc_sem, VARNIX_PTRC_SEM_CNT) < 0) return -1;
+    if (!ptrc_) return -1;
+    init_ptrc_hash_tbl(*ptrc_);
+    if (new_free_sem(ptrc_sem, ids_.ptrc_sem, VARNIX_PTRC_SEM_CNT) < 0) return -1;
     if (take_agent_token(ids_.ptrc_sem) != 0) {
         std::fprintf(stderr, "[kit] the agent's semaphore (key 0x%x): %s\n", static_cast<unsigned>(ptrc_sem),
                      std::strerror(errno));
         return -1;
     }
-    init_ptrc_hash_tbl(*ptrc_);
     return 0;
 }
 

@@ -127,8 +127,7 @@ void link_entry(PTRC_HASH_TBL& tbl, uint32_t n, uint32_t bucket, int32_t last) {
 
 }  // namespace
 
-PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt, DeferredLine* created) {
-    PTRC_HASH_TBL* tbl = gvar.ptrc_hash_tbl;
+PTRC_HASH* get_ptrc_hash(PTRC_HASH_TBL* tbl, int semid, MTR_CXT_VAR* cxt, DeferredLine* created) {
     Key key;
     if (!tbl || !cxt || cxt->idx < 0 || cxt->idx >= kMtrBuckets || !format_key(*cxt, key)) return nullptr;
     uint32_t bucket = get_hidx(key, kKeyIdent, kBucketMask);
@@ -136,7 +135,7 @@ PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt, DeferredLine* created) {
     if (pos.found) {
         // Its own entry from before, normally with the token still held.
         const auto n = static_cast<uint32_t>(pos.found - tbl->entry);
-        return take_owner_token(n) ? pos.found : nullptr;
+        return take_owner_token(semid, n) ? pos.found : nullptr;
     }
     if (pos.corrupt) {
         report_corrupt_chain(*tbl, *cxt);
@@ -144,7 +143,7 @@ PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt, DeferredLine* created) {
     }
     uint32_t n = ptrc_hash_pop(&tbl->free_stk);
     if (n >= VARNIX_TBL_ENTRIES) return nullptr;  // empty, or a number that cannot be an entry: full
-    if (!take_owner_token(n)) {
+    if (!take_owner_token(semid, n)) {
         ptrc_hash_push(&tbl->free_stk, n);  // where it was: the pop left room
         return nullptr;
     }

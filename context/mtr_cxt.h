@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "core/reattach.h"
 #include "varnix_collector.h"
 
 namespace varnix {
@@ -51,6 +52,10 @@ struct MTR_CXT_VAR {
     uint32_t* log_len2;
     SVC_HASH* svc_hash;
     PTRC_HASH* ptrc;
+    // The generation of the process-thread table attachment that ptrc lies in
+    // (core/reattach.h).  Written under the bucket mutex; an entry of an older
+    // generation is never read again.
+    uint32_t gen;
     SvcLevel svc_stack[VARNIX_SVC_DEPTH_MAX];
     TRAN_LOG_MSG log_rec;
     TRAN_LOG_MSG log_rec2;
@@ -84,6 +89,10 @@ struct MTR_TID_IDX {
     MTR_CXT_VAR mtr_var[kMtrPerBucket];
     MTR_CXT_VAR* last_var;
 };
+
+// The context's process-thread entry, or null when it has none or when it lies
+// in a table the collector has replaced since.
+inline PTRC_HASH* live_entry(const MTR_CXT_VAR& cxt) { return cxt.gen == tables_gen() ? cxt.ptrc : nullptr; }
 
 // The service level now open on the thread (level n describes depth n), or
 // null outside a service.

@@ -36,9 +36,8 @@ std::bitset<VARNIX_TBL_ENTRIES>& held_in(int semid) {
 
 }  // namespace
 
-bool take_owner_token(uint32_t n) {
+bool take_owner_token(int semid, uint32_t n) {
     if (n >= VARNIX_TBL_ENTRIES) return false;
-    const int semid = gvar.ptrc_hash_semid;
     auto& entries = held_in(semid);
     if (entries.test(n)) return true;
     // Raising fails only for want of undo memory or past the largest value,

@@ -19,13 +19,14 @@
 
 namespace varnix {
 
-// Takes this process's token on entry n of the attached table, once however
+// Takes this process's token on entry n of the table whose semaphore set is
+// `semid`, once however
 // often the entry is handed to it.  False when the set refused it: the entry
 // must then not be handed out, since the collector would take it for one
 // whose holder is gone.  A set without owner semaphores (made by an older
 // collector) or one already removed is no refusal: the entry goes out without
 // a token.
-bool take_owner_token(uint32_t n);
+bool take_owner_token(int semid, uint32_t n);
 
 // Gives back this process's token on the entry, if it holds one.  An entry
 // outside the attached table (none, or one of a table since replaced) holds

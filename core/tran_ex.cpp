@@ -1,10 +1,11 @@
 // Process block and initialization.
 //
 // `gvar` is written by tran_init and teardown, which the process lock of
-// TRAN_INIT/TRAN_DONE serializes.  Application threads read it without a lock:
-// init_mark (acquire) tells them whether the rest is ready, and the fields of
-// the shared control block are read relaxed on every call because the
-// collector process may change them at any time.
+// TRAN_INIT/TRAN_DONE serializes, and its attachments also when the collector
+// creates its objects anew (core/reattach.cpp).  Application threads read it
+// without a lock: init_mark (acquire) tells them whether the rest is ready,
+// and the fields of the shared control block are read relaxed on every call
+// because the collector process may change them at any time.
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -27,6 +28,7 @@
 #include "core/log_printf.h"
 #include "core/mutex.h"
 #include "core/readcfg.h"
+#include "core/reattach.h"
 #include "core/record_class.h"
 #include "core/status.h"
 #include "tong/tong.h"
@@ -65,11 +67,6 @@ bool read_key(const char* section, const char* key, int n, Token& out, bool repo
     if (report) log_printf("<!> tran_init fail, not found section [%s]", key);
     return false;
 }
-
-// The IPC keys of the configuration, read and checked before the first attach.
-struct IpcKeys {
-    key_t que_info, svc_shm, svc_sem, ptrc_shm, ptrc_sem, msgq;
-};
 
 // An IPC key is a decimal number that fits key_t and is not 0.  Key 0 is
 // IPC_PRIVATE, for which the system makes a new private object on every
@@ -284,6 +281,7 @@ int attach_all(const IpcKeys& keys, int max_que_cnt) {
     SharedTable ptrc{keys.ptrc_shm, keys.ptrc_sem, "PTRC_HASH_TBL", "ptrc_hash_tbl", sizeof(PTRC_HASH_TBL),
                      &gvar.ptrc_hash_shmid, &gvar.ptrc_hash_semid, reinterpret_cast<void**>(&gvar.ptrc_hash_tbl)};
     if (int rc = attach_table(ptrc); rc != kOk) return rc;
+    note_attachments(keys);
     return attach_queues(keys.msgq, max_que_cnt);
 }
 
@@ -330,7 +328,8 @@ int check_gvar(char log_type) {
     if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
     if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
     int32_t qcnt = shm_load(gvar.qcnt);
-    if (gvar.que_info_shmid < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT) return VARNIX_RC_NO_QUE_INFO;
+    if (__atomic_load_n(&gvar.que_info_shmid, __ATOMIC_RELAXED) < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT)
+        return VARNIX_RC_NO_QUE_INFO;
     if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
     uint8_t bit = record_class_bit(log_type);
     if (bit != 0 && (shm_load(gvar.log_flag_set) & bit) == 0) return VARNIX_RC_CLASS_OFF;

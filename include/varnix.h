@@ -44,7 +44,7 @@ enum {
     VARNIX_RC_ALREADY_INIT = 104,
     VARNIX_RC_SEND_FAIL = 105,      /* the queue refused the record */
     VARNIX_RC_NO_ENV = 106,         /* a required environment variable is missing */
-    VARNIX_RC_NO_CONTEXT = 107,     /* no free thread context in the bucket */
+    VARNIX_RC_NO_CONTEXT = 107,     /* no free thread context in the bucket, or its mutex stayed busy (logged) */
     VARNIX_RC_NOT_TRACED = 109,     /* call finish not traced at this depth */
     VARNIX_RC_BIZ_FAST = 110,       /* BIZCALL below its limit: no record */
     VARNIX_RC_DBIO_FAST = 111,      /* DBIO below its limit: no record */

@@ -15,6 +15,7 @@
 #include "context/ptrc_owner.h"
 #include "context/ptrc_sem.h"
 #include "core/gvar.h"
+#include "core/mutex.h"
 #include "support/drainer.h"
 #include "support/service_calls.h"
 #include "support/thread_group.h"
@@ -64,6 +65,24 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     MTR_CXT_VAR* eleventh = nullptr;
     EXPECT_EQ(get_mtr_cxt_var(tid_of(11), &eleventh), VARNIX_RC_NO_CONTEXT);
     EXPECT_EQ(log.take(), Lines{});
+    // A bucket whose mutex stays busy past the bounded wait refuses with the same status, but says so (at most
+    // once a second).
+    {
+        std::latch locked(1), release(1);
+        std::thread holder([&] {
+            const MutexGuard held(gvar.mtr_tid_idx[kBucket].mtr_lock);
+            locked.count_down(), release.wait();
+        });
+        locked.wait();
+        const auto t0 = std::chrono::steady_clock::now();
+        for (int k : {1, 2}) EXPECT_EQ(get_mtr_cxt_var(tid_of(k), &eleventh), VARNIX_RC_NO_CONTEXT);
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - t0);
+        release.count_down(), holder.join();
+        const Lines busy = log.take();
+        ASSERT_FALSE(busy.empty());
+        EXPECT_EQ(busy, Lines(busy.size(), "<!> mtr_tid_idx#7 mutex busy for 100 ms, thread context lookup deferred"));
+        EXPECT_LE(busy.size(), 1u + seconds.count());
+    }
 
     PTRC_HASH* released = cxts[3]->ptrc;
     released->ptrc_state = VARNIX_PTRC_RELEASE_ASKED;
@@ -78,7 +97,7 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     EXPECT_EQ(std::tuple(owner(released->pidx), owner(eleventh->ptrc->pidx)), std::tuple(0, 1));
     {
         PtrcSemGuard sem;
-        EXPECT_EQ(get_ptrc_hash(cxts[1]), cxts[1]->ptrc);
+        EXPECT_EQ(get_ptrc_hash(sem.attach().tbl, sem.attach().semid, cxts[1]), cxts[1]->ptrc);
     }
     EXPECT_EQ(owner(cxts[1]->ptrc->pidx), 1);
 
@@ -101,7 +120,7 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     // which goes with it.
     const uint32_t held = cxts[1]->ptrc->pidx;
     const pid_t child = fork();
-    if (child == 0) _exit(take_owner_token(held) && owner(held) == 2 ? 0 : 1);
+    if (child == 0) _exit(take_owner_token(gvar.ptrc_hash_semid, held) && owner(held) == 2 ? 0 : 1);
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);

@@ -110,6 +110,13 @@ void TestIpc::reset() {
     collector_.drain();
 }
 
+int TestIpc::recreate() {
+    collector_.remove();
+    if (collector_.create(cfg_path().c_str()) != 0) return -1;
+    remove_on_crash(collector_.ids());
+    return 0;
+}
+
 std::string TestIpc::log_path() const {
     std::time_t now = std::time(nullptr);
     std::tm tm{};
