@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake make g++ binutils libgtest-dev pkg-config nlohmann-json3-dev openjdk-17-jdk-headless junit5 systemd
-  protobuf-compiler libprotobuf-dev libcurl4-openssl-dev "$@")
+  protobuf-compiler libprotobuf-dev libcurl4-openssl-dev libmicrohttpd-dev prometheus curl "$@")
 # The tests' OTLP receiver runs on Node.js with npm: Debian's, unless a Node.js is installed already.
 command -v node >/dev/null && command -v npm >/dev/null || packages+=(nodejs npm)
 missing=()
