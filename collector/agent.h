@@ -10,6 +10,7 @@ struct Options {
     std::string cfg;                // -c FILE, else TRAN_AGT_CFG_FILE
     std::string out;                // start: --out FILE, else standard output
     std::string otlp;               // start: --otlp URL, the OTLP/HTTP receiver
+    std::string metrics;            // start: --metrics ADDRESS:PORT, where Prometheus scrapes
     bool once = false;              // top: one snapshot, no refresh
     std::vector<std::string> args;  // the command's own words
 };

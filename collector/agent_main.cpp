@@ -12,12 +12,13 @@ using namespace varnix::agent;
 
 constexpr const char* kUsage =
     "usage: varnix-agent COMMAND [-c FILE] ...\n"
-    "  start [--out OUT] [--otlp URL]\n"
+    "  start [--out OUT] [--otlp URL] [--metrics ADDRESS:PORT]\n"
     "                       create the IPC objects of FILE, or take over those a crashed agent left,\n"
     "                       and append every record as a JSON line to OUT (standard output by default)\n"
     "                       until SIGINT, SIGTERM or SIGHUP; then drain the queues and remove the objects;\n"
     "                       with --otlp (or OTLP_URL in section VARNIX_AGENT) export spans and log\n"
-    "                       records to the OTLP/HTTP receiver at URL\n"
+    "                       records to the OTLP/HTTP receiver at URL; with --metrics (or METRICS_ADDRESS\n"
+    "                       there) serve Prometheus metrics on http://ADDRESS:PORT/metrics\n"
     "  cleanup              remove the IPC objects of FILE when no agent runs with them\n"
     "  set NAME=VALUE...    change switches: log_flag_set=SEVBCIXQ capture=on|off call_trc_depth=N\n"
     "                       call_trc_limit=US dbio_trc_limit=US sql_trc_limit=US svc_filtering=0|1|2\n"
@@ -51,8 +52,8 @@ int main(int argc, char** argv) {
     if (const char* env = std::getenv("TRAN_AGT_CFG_FILE")) o.cfg = env;
     for (int i = 2; i < argc; ++i) {
         const std::string_view a = argv[i];
-        if ((a == "-c" || a == "--out" || a == "--otlp") && i + 1 < argc)
-            (a == "-c" ? o.cfg : a == "--out" ? o.out : o.otlp) = argv[++i];
+        if ((a == "-c" || a == "--out" || a == "--otlp" || a == "--metrics") && i + 1 < argc)
+            (a == "-c" ? o.cfg : a == "--out" ? o.out : a == "--otlp" ? o.otlp : o.metrics) = argv[++i];
         else if (a == "--once")
             o.once = true;
         else if (a.starts_with("-"))

@@ -5,10 +5,11 @@
 // object.
 //
 // One thread does everything but the OTLP export, which has a thread of its
-// own behind a bounded buffer (collector/otlp/exporter.h).  The queues are
-// read without waiting; when a pass over all of them finds nothing the agent
-// sleeps a few milliseconds, so it never spins.  Signals only set a flag that
-// the loop reads.
+// own behind a bounded buffer (collector/otlp/exporter.h), and the metrics
+// endpoint, whose thread only reads the drain's counters (collector/metrics.h).
+// The queues are read without waiting; when a pass over all of them finds
+// nothing the agent sleeps a few milliseconds, so it never spins.  Signals
+// only set a flag that the loop reads.
 //
 // The stop: sending is switched off in the control block, then each queue's
 // byte limit is set to 0.  From then on no message fits in a queue: the
@@ -35,6 +36,7 @@
 #include "collector/agent_ipc.h"
 #include "collector/agent_objects.h"
 #include "collector/line_writer.h"
+#include "collector/metrics_server.h"
 #include "collector/otlp/setup.h"
 #include "collector/queue_stats.h"
 #include "collector/reclaim.h"
@@ -55,6 +57,7 @@ constexpr int kBurst = 256;  // records taken from one queue before the next is 
 constexpr timespec kIdleSleep{0, 2'000'000};
 constexpr int64_t kReportEveryUs = 10'000'000;
 constexpr int64_t kReclaimEveryUs = 1'000'000;
+constexpr int64_t kMetricsSampleEveryUs = 100'000;
 // Closed queues hold at most 16 times kernel.msgmnb: read at tens of thousands
 // of records a second, far less than this; past it the rest is reported lost.
 constexpr int64_t kStopBoundUs = 30'000'000;
@@ -174,9 +177,10 @@ void close_queues(const kit::Collector& c) {
 
 class Drain {
 public:
-    Drain(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter)
+    Drain(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter, Metrics& metrics)
         : c_(c),
           out_(out),
+          metrics_(metrics),
           stats_(c.max_que_cnt(), monotonic_us()),
           exporter_(exporter),
           spans_(exporter),
@@ -219,6 +223,10 @@ public:
             reclaim();
             next_reclaim_ = now + kReclaimEveryUs;
         }
+        if (now >= next_sample_) {
+            sample_metrics();
+            next_sample_ = now + kMetricsSampleEveryUs;
+        }
     }
 
     void finish() {
@@ -233,24 +241,34 @@ public:
             exporter_->stop();
             exporter_->report(stderr);
         }
+        sample_metrics();
     }
 
 private:
     void handle(int q, long size) {
         stats_.received(q);
+        metrics_.received(q);
         const int64_t now = usec_of(clock_now());
         Decoded& d = d_;
         decode_record(m_, size, q, clock_, now, d);
         if (d.error.empty() && d.sql && sql_.add(m_, d, monotonic_us(), d.error)) return;
         if (!d.error.empty()) {
             stats_.malformed(q, d.error, monotonic_us(), stderr);
+            metrics_.malformed(q);
             line_.clear();
             malformed_line(q, d.error, malformed_bytes(m_, size), now, line_);
             out_.add(line_);
             return;
         }
         sql_.end_thread(d.rec);
-        write(d.rec, spans_.record(d.rec));
+        const SpanRef ref = spans_.record(d.rec);
+        metrics_.record(d.rec, ref);
+        write(d.rec, ref);
+    }
+
+    void sample_metrics() {
+        const ExportCounts exported = exporter_ ? exporter_->counts() : ExportCounts{};
+        metrics_.sample({c_.que_info(), c_.ptrc(), spans_.open_services(), exporter_ ? &exported : nullptr});
     }
 
     void write(const Record& r, const SpanRef& ref) {
@@ -283,6 +301,7 @@ private:
 
     const kit::Collector& c_;
     LineWriter& out_;
+    Metrics& metrics_;
     QueueStats stats_;
     OtlpExporter* exporter_;
     SpanAssembler spans_;
@@ -293,6 +312,7 @@ private:
     TRAN_LOG_MSG m_{};
     int64_t next_report_ = monotonic_us() + kReportEveryUs;
     int64_t next_reclaim_ = 0;
+    int64_t next_sample_ = 0;
     bool gone_[VARNIX_MAX_QUE_CNT] = {};
     std::vector<bool> skip_reported_ = std::vector<bool>(VARNIX_TBL_ENTRIES);  // each inconsistency once
 };
@@ -317,8 +337,8 @@ int stop(const kit::Collector& c, Drain& drain) {
     return drain.broken() ? 1 : 0;
 }
 
-int run(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter) {
-    Drain drain(c, out, exporter);
+int run(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter, Metrics& metrics) {
+    Drain drain(c, out, exporter, metrics);
     while (!stop_asked && !drain.broken()) {
         const int taken = drain.pass();
         drain.tick(monotonic_us());
@@ -376,6 +396,10 @@ int start_command(const Options& o) {
     if (!out.ok()) return 1;
     const std::unique_ptr<OtlpExporter> exporter = url.empty() ? nullptr : start_exporter(url);
     if (!url.empty() && !exporter) return 1;
+    Metrics metrics(keys.max_que_cnt);
+    MetricsServer server(metrics);
+    const std::string metrics_at = metrics_address(o.metrics, cfg);
+    if (!metrics_at.empty() && !server.start(metrics_at)) return 1;
     if (!install_stop_handlers()) {
         std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
         return 1;
@@ -393,7 +417,7 @@ int start_command(const Options& o) {
     if (resume) switch_sending_on(c, cfg);
     std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT, SIGTERM or SIGHUP stops it\n",
                  c.max_que_cnt(), cfg);
-    int rc = run(c, out, exporter.get());  // a stop asked already drains at once
+    int rc = run(c, out, exporter.get(), metrics);  // a stop asked already drains at once
     if (remove_objects(c) != 0) rc = 1;
     token.forget();
     return rc;
