@@ -102,14 +102,13 @@ int MetricsServer::listen_on(const std::string& address) {
     }
     sockaddr_storage bound{};
     socklen_t len = sizeof bound;
-    char shown[NI_MAXHOST] = "?", service[NI_MAXSERV] = "?";
+    char host_shown[NI_MAXHOST] = "?", port_shown[NI_MAXSERV] = "?";
     if (getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &len) == 0 &&
-        getnameinfo(reinterpret_cast<sockaddr*>(&bound), len, shown, sizeof shown, service, sizeof service,
-                    NI_NUMERICHOST | NI_NUMERICSERV) == 0)
-        port_ = std::atoi(service);
+        getnameinfo(reinterpret_cast<sockaddr*>(&bound), len, host_shown, sizeof host_shown, port_shown,
+                    sizeof port_shown, NI_NUMERICHOST | NI_NUMERICSERV) == 0)
+        port_ = std::atoi(port_shown);
     const bool v6 = bound.ss_family == AF_INET6;
-    std::fprintf(stderr, "varnix-agent: serving metrics on http://%s%s%s:%s/metrics\n", v6 ? "[" : "", shown,
-                 v6 ? "]" : "", service);
+    where_ = std::string(v6 ? "[" : "") + host_shown + (v6 ? "]:" : ":") + port_shown;
     return fd;
 }
 
@@ -127,7 +126,10 @@ bool MetricsServer::start(const std::string& address) {
                                MHD_OPTION_CONNECTION_MEMORY_LIMIT, kRequestBytes, MHD_OPTION_STRICT_FOR_CLIENT, 1,
                                MHD_OPTION_END);
     if (masked == 0) pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    if (daemon_) return true;
+    if (daemon_) {
+        std::fprintf(stderr, "varnix-agent: serving metrics on http://%s/metrics\n", where_.c_str());
+        return true;
+    }
     // The agent ends now: the socket goes with it, whether MHD closed it or not.
     std::fprintf(stderr, "varnix-agent: cannot start serving metrics (libmicrohttpd refused)\n");
     return false;

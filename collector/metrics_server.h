@@ -47,6 +47,7 @@ private:
     const Metrics& metrics_;
     MHD_Daemon* daemon_ = nullptr;
     int port_ = 0;
+    std::string where_;  // the address bound, as a URL shows it
 };
 
 }  // namespace varnix::agent
