@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "bench/app_calls.h"
-#include "collector/kit.h"
+#include "kit/config_file.h"
 #include "core/clock.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "collector/kit.h"
+#include "kit/config_file.h"
 
 namespace varnix::bench {
 

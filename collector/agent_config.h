@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "collector/kit.h"
+#include "collector/host_objects.h"
 
 namespace varnix::agent {
 
@@ -19,7 +19,7 @@ std::string optional_token(const char* cfg, const char* section, const char* key
 
 // The IPC keys and the number of queues of a checked configuration.
 struct ConfigKeys {
-    kit::Keys keys{};
+    collector::Keys keys{};
     int max_que_cnt = 0;
 };
 ConfigKeys config_keys(const char* cfg);

@@ -90,7 +90,7 @@ bool install_stop_handlers() {
 }
 
 // Removes every object; 0, or 1 when some could not be (the kit names them).
-int remove_objects(kit::Collector& c) {
+int remove_objects(collector::HostObjects& c) {
     const int failed = c.remove();
     if (failed == 0) {
         std::fprintf(stderr, "varnix-agent: every object removed\n");
@@ -125,7 +125,7 @@ long kernel_msgmnb() {
 // Raises every queue's byte limit to the larger of kWantedQueueBytes and
 // kernel.msgmnb, else at least to kernel.msgmnb: past it only with
 // CAP_SYS_RESOURCE.  A limit set higher by somebody else stays.
-void size_queues(const kit::Collector& c) {
+void size_queues(const collector::HostObjects& c) {
     const unsigned long msgmnb = static_cast<unsigned long>(std::max(kernel_msgmnb(), 0L));
     if (c.raise_queue_bytes(std::max(kWantedQueueBytes, msgmnb)) != c.max_que_cnt() && msgmnb > 0)
         c.raise_queue_bytes(msgmnb);
@@ -146,7 +146,7 @@ struct QueueState {
     unsigned long records = 0;
     bool closed = false;
 };
-QueueState queue_state(const kit::Collector& c) {
+QueueState queue_state(const collector::HostObjects& c) {
     QueueState s;
     for (int q = 0; q < c.max_que_cnt(); ++q) {
         msqid_ds ds{};
@@ -159,7 +159,7 @@ QueueState queue_state(const kit::Collector& c) {
 
 // Switches sending off and closes every queue: once this returns, the kernel
 // accepts no message any more.
-void close_queues(const kit::Collector& c) {
+void close_queues(const collector::HostObjects& c) {
     __atomic_store_n(&c.que_info()->log_flag_set, uint8_t{0}, __ATOMIC_RELAXED);
     for (int q = 0; q < c.max_que_cnt(); ++q) {
         msqid_ds ds{};
@@ -174,7 +174,7 @@ void close_queues(const kit::Collector& c) {
 
 class Drain {
 public:
-    Drain(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter)
+    Drain(const collector::HostObjects& c, LineWriter& out, OtlpExporter* exporter)
         : c_(c),
           out_(out),
           stats_(c.max_que_cnt(), monotonic_us()),
@@ -281,7 +281,7 @@ private:
             }
     }
 
-    const kit::Collector& c_;
+    const collector::HostObjects& c_;
     LineWriter& out_;
     QueueStats stats_;
     OtlpExporter* exporter_;
@@ -297,7 +297,7 @@ private:
     std::vector<bool> skip_reported_ = std::vector<bool>(VARNIX_TBL_ENTRIES);  // each inconsistency once
 };
 
-int stop(const kit::Collector& c, Drain& drain) {
+int stop(const collector::HostObjects& c, Drain& drain) {
     const int64_t begin = monotonic_us();
     std::fprintf(stderr, "varnix-agent: stopping: sending switched off and the queues closed; draining them\n");
     if (signal(SIGALRM, on_stop_overrun) != SIG_ERR) alarm(kStopOverrunSecs);
@@ -317,7 +317,7 @@ int stop(const kit::Collector& c, Drain& drain) {
     return drain.broken() ? 1 : 0;
 }
 
-int run(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter) {
+int run(const collector::HostObjects& c, LineWriter& out, OtlpExporter* exporter) {
     Drain drain(c, out, exporter);
     while (!stop_asked && !drain.broken()) {
         const int taken = drain.pass();
@@ -327,14 +327,14 @@ int run(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter) {
     return stop(c, drain);
 }
 
-bool any_object(const ConfigKeys& k, const kit::Collector::Ids& ids) {
+bool any_object(const ConfigKeys& k, const collector::HostObjects::Ids& ids) {
     const std::vector<ConfigObject> objs = config_objects(k, ids);
     return std::any_of(objs.begin(), objs.end(), [](const ConfigObject& o) { return o.id >= 0; });
 }
 
 // Objects that exist while no agent runs are taken over when they are what an
 // agent of this configuration leaves; else nothing is touched.
-bool refuse_to_adopt(const ConfigKeys& k, const kit::Collector::Ids& ids, AgentToken& token, const char* cfg) {
+bool refuse_to_adopt(const ConfigKeys& k, const collector::HostObjects::Ids& ids, AgentToken& token, const char* cfg) {
     std::vector<std::string> why = adoption_problems(k, ids);
     if (why.empty() && (token.held() || token.take(ids.ptrc_sem))) return false;
     if (why.empty()) why.push_back(std::string("the agent's semaphore cannot be taken: ") + std::strerror(errno));
@@ -348,11 +348,11 @@ bool refuse_to_adopt(const ConfigKeys& k, const kit::Collector::Ids& ids, AgentT
 // The switches a previous agent left stay, but for one killed during its stop:
 // sending was switched off and a queue closed.  Sending comes back as
 // TRAN_LOG_FLAG_SET says once the queues are open again.
-bool killed_while_stopping(const kit::Collector& c) {
+bool killed_while_stopping(const collector::HostObjects& c) {
     return __atomic_load_n(&c.que_info()->log_flag_set, __ATOMIC_RELAXED) == 0 && queue_state(c).closed;
 }
 
-void switch_sending_on(const kit::Collector& c, const char* cfg) {
+void switch_sending_on(const collector::HostObjects& c, const char* cfg) {
     char letters[kCfgTokenMax + 1];
     if (get_nth_token_in_file_section(cfg, "TRAN_LOGF", "TRAN_LOG_FLAG_SET", 1, letters) != 1) return;
     __atomic_store_n(&c.que_info()->log_flag_set, get_log_flag_set(letters), __ATOMIC_RELAXED);
@@ -367,7 +367,7 @@ int start_command(const Options& o) {
     std::string url;
     if (!check_config(cfg) || !otlp_url(o.otlp, cfg, url)) return 1;
     const ConfigKeys keys = config_keys(cfg);
-    const kit::Collector::Ids found = kit::ids_of(keys.keys, keys.max_que_cnt);
+    const collector::HostObjects::Ids found = collector::ids_of(keys.keys, keys.max_que_cnt);
     AgentToken token;
     if (refuse_if_agent_runs(token, found.ptrc_sem, "refusing to start", cfg)) return 1;
     const bool adopting = any_object(keys, found);
@@ -380,7 +380,7 @@ int start_command(const Options& o) {
         std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
         return 1;
     }
-    kit::Collector c;
+    collector::HostObjects c;
     if (adopting) {
         if (c.adopt(found, keys.max_que_cnt) != 0) return 1;
         std::fprintf(stderr, "varnix-agent: took over the objects of %s that a previous agent left, with %lu records "

@@ -16,7 +16,7 @@
 #include <numeric>
 #include <sstream>
 
-#include "collector/decode.h"
+#include "collector/record_layout.h"
 #include "support/calls.h"
 #include "support/in_child.h"
 #include "support/spawn.h"
@@ -54,7 +54,7 @@ protected:
     static void TearDownTestSuite() {
         stop_tracing();
         if (agent_ > 0 && kill(agent_, SIGTERM) == 0) waitpid(agent_, nullptr, 0);
-        for (const kit::Keys& k : {conf_.keys, other_keys()}) kit::remove_ids(kit::ids_of(k, conf_.max_que_cnt));
+        for (const kit::Keys& k : {conf_.keys, other_keys()}) collector::remove_ids(collector::ids_of(k, conf_.max_que_cnt));
     }
 
     static std::string cfg() { return dir_ + "/agt/varnix.cfg"; }
@@ -230,7 +230,7 @@ TEST_F(Agent, EveryRecordTypeBecomesOneJsonObjectAndMalformedOnesAreSkipped) {
                        bad_text = event_rec("1234", "caf\xE9!");
     // Call records whose first time is the largest that fits in microseconds, and one second more.
     auto timed = [&](const char* elapsed) {
-        return record('C', 548, "1234", kit::body_fields('C', 548)[0].offset,
+        return record('C', 548, "1234", collector::body_fields('C', 548)[0].offset,
                       std::string("1,1,") + elapsed + ",0.000001,0.000001,0.000001,0.000001,0.000001,");
     };
     const TRAN_LOG_MSG largest = timed("9223372036854.775807"), too_large = timed("9223372036854.775808");
@@ -580,12 +580,17 @@ TEST_F(Agent, ObjectsThatDoNotMatchAreRefusedAndCleanupRemovesThem) {
     ASSERT_TRUE(kit::write_file(other_cfg, kit::config_text(other)));
     const int shm = shmget(other.keys.que_info, 100, IPC_CREAT | IPC_EXCL | 0600);
     ASSERT_GE(shm, 0);
-    const std::string block = "shared memory TRAN_LOGF_QUE_INFO (key " + std::to_string(other.keys.que_info) + ")";
+    auto hex = [](key_t key) {
+        char text[16];
+        std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(key));  // as ipcs shows keys
+        return std::string(text);
+    };
+    const std::string block = "shared memory TRAN_LOGF_QUE_INFO (key " + hex(other.keys.que_info) + ")";
     std::string out, err;
     EXPECT_EQ(agent({"start"}, nullptr, &err, other_cfg), 1);
     EXPECT_NE(err.find("varnix-agent: refusing to start: no agent runs with the objects of " + other_cfg +
                        ", and they cannot be taken over:\n  " + block + ": 100 bytes, not 248\n  shared memory "
-                       "SVC_HASH_TBL (key " + std::to_string(other.keys.svc_shm) + "): missing\n"),
+                       "SVC_HASH_TBL (key " + hex(other.keys.svc_shm) + "): missing\n"),
               std::string::npos)
         << err;
     EXPECT_NE(err.find("nothing was changed; `varnix-agent cleanup -c " + other_cfg + "` removes them"),

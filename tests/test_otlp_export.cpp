@@ -10,7 +10,7 @@
 
 #include <map>
 
-#include "collector/kit.h"
+#include "kit/config_file.h"
 #include "collector/otlp/exporter.h"
 #include "support/otlp_receiver.h"
 #include "support/temp_dir.h"
