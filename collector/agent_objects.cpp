@@ -113,7 +113,7 @@ std::vector<ConfigObject> config_objects(const ConfigKeys& c, const collector::H
 std::string describe(const ConfigObject& o) {
     char key[16];
     std::snprintf(key, sizeof key, "0x%08x", static_cast<unsigned>(o.key));
-    return std::string(collector::kind_text(o.kind)).append(" ").append(o.name).append(" (key ").append(key).append(")");
+    return std::string(collector::kind_text(o.kind)) + " " + o.name + " (key " + key + ")";
 }
 
 bool AgentToken::take(int semid) {

@@ -34,6 +34,7 @@
 #include "collector/agent_config.h"
 #include "collector/agent_ipc.h"
 #include "collector/agent_objects.h"
+#include "collector/ipc_access.h"
 #include "collector/line_writer.h"
 #include "collector/otlp/setup.h"
 #include "collector/queue_stats.h"
@@ -365,7 +366,9 @@ void switch_sending_on(const collector::HostObjects& c, const char* cfg) {
 int start_command(const Options& o) {
     const char* cfg = o.cfg.c_str();
     std::string url;
-    if (!check_config(cfg) || !otlp_url(o.otlp, cfg, url)) return 1;
+    collector::Access access;
+    if (!check_config(cfg) || !check_every_key(cfg) || !ipc_access(cfg, access) || !otlp_url(o.otlp, cfg, url))
+        return 1;
     const ConfigKeys keys = config_keys(cfg);
     const collector::HostObjects::Ids found = collector::ids_of(keys.keys, keys.max_que_cnt);
     AgentToken token;
@@ -377,10 +380,10 @@ int start_command(const Options& o) {
     const std::unique_ptr<OtlpExporter> exporter = url.empty() ? nullptr : start_exporter(url);
     if (!url.empty() && !exporter) return 1;
     if (!install_stop_handlers()) {
-        std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
+        std::fprintf(stderr, "varnix-agent: cannot install signal handlers: %s\n", std::strerror(errno));
         return 1;
     }
-    collector::HostObjects c;
+    collector::HostObjects c(access);
     if (adopting) {
         if (c.adopt(found, keys.max_que_cnt) != 0) return 1;
         std::fprintf(stderr, "varnix-agent: took over the objects of %s that a previous agent left, with %lu records "
@@ -391,6 +394,8 @@ int start_command(const Options& o) {
     const bool resume = adopting && killed_while_stopping(c);
     size_queues(c);
     if (resume) switch_sending_on(c, cfg);
+    std::fprintf(stderr, "varnix-agent: the objects have mode %04o and group %u\n", static_cast<unsigned>(access.mode),
+                 static_cast<unsigned>(access.gid));
     std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT, SIGTERM or SIGHUP stops it\n",
                  c.max_que_cnt(), cfg);
     int rc = run(c, out, exporter.get());  // a stop asked already drains at once

@@ -152,7 +152,8 @@ void decode_record(const TRAN_LOG_MSG& m, long size, int queue, LocalTime& clock
     d.rec.thread = {d.rec.f.number_of("pid", -1), d.rec.f.number_of("tid", -1)};
     const int64_t local = clock.epoch_us(d.date, d.time);
     d.rec.ts_us = local >= 0 ? local : now_us;
-    const std::span<const collector::NamedField> body = collector::body_fields(kind->log_type, collector::body_length(m));
+    const std::span<const collector::NamedField> body =
+        collector::body_fields(kind->log_type, collector::body_length(m));
     switch (kind->log_type) {
         case 'Q':
             // Pieces are joined first; the text is checked when whole, since a

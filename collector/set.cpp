@@ -16,8 +16,6 @@
 namespace varnix::agent {
 namespace {
 
-constexpr char kFlagLetters[] = "SEVBCIXQ";
-
 struct Limit {
     const char* name;
     int64_t TRAN_LOGF_QUE_INFO::*field;

@@ -37,13 +37,17 @@ std::string config_text(const AgentConfig& s) {
                   "\n[DATA_SIGNATURE]\n"
                   "DBIO_FUNC = %s\n"
                   "\n[SERVICE_HASH]\n"
-                  "DEFAULT_TIMEOUT_SEC = %d\n",
+                  "DEFAULT_TIMEOUT_SEC = %d\n"
+                  "\n[VARNIX_AGENT]\n",
                   s.log_home.c_str(), s.tong_log_home.c_str(), s.que_cnt, s.max_que_cnt, s.log_flag_set.c_str(),
                   s.fst_err_rc_set.c_str(), s.svc_filtering, s.call_trc_depth, s.call_trc_limit, s.dbio_trc_limit,
                   s.sql_trc_limit, s.idle_thread_release, s.infinite_loop_base_cnt, s.gid_rng_pos, s.gid_rng_siz, s.keys.que_info,
                   s.keys.svc_shm, s.keys.ptrc_shm, s.keys.svc_sem, s.keys.ptrc_sem, s.keys.msgq, s.dbio_func.c_str(),
                   s.default_timeout_sec);
-    return buf;
+    std::string text = buf;
+    if (!s.ipc_mode.empty()) text.append("IPC_MODE = ").append(s.ipc_mode).append("\n");
+    if (!s.ipc_group.empty()) text.append("IPC_GROUP = ").append(s.ipc_group).append("\n");
+    return text;
 }
 
 bool write_file(const std::string& path, const std::string& text) {

@@ -27,6 +27,7 @@ struct AgentConfig {
     int gid_rng_pos = 0;
     int gid_rng_siz = 30;
     std::string dbio_func = "0 DBIO_";
+    std::string ipc_mode, ipc_group;  // VARNIX_AGENT IPC_MODE and IPC_GROUP, left out when empty
 };
 
 std::string config_text(const AgentConfig& conf);
