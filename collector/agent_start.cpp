@@ -90,7 +90,7 @@ bool install_stop_handlers() {
     return ok;
 }
 
-// Removes every object; 0, or 1 when some could not be (the kit names them).
+// Removes every object; 0, or 1 when some could not be (each is named).
 int remove_objects(collector::HostObjects& c) {
     const int failed = c.remove();
     if (failed == 0) {
