@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "kit/config_file.h"
+#include "kit/collector.h"
 
 namespace varnix::bench {
 

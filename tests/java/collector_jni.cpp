@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "kit/config_file.h"
 #include "kit/session.h"
 
 #define VARNIX_TEST_METHOD(result, name) \
