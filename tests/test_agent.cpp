@@ -19,6 +19,7 @@
 
 #include "collector/record_layout.h"
 #include "core/ipc.h"
+#include "kit/manifest.h"
 #include "support/calls.h"
 #include "support/in_child.h"
 #include "support/spawn.h"
@@ -314,6 +315,8 @@ TEST_F(Agent, ObjectsAreOpenToTheMembersOfTheirGroupOnly) {
         EXPECT_EQ(perm.mode, 0660u) << o.key;
         EXPECT_EQ(perm.gid, group_) << o.key;
     }
+    // They are the agent's to keep for its successor: no manifest lists them for removal.
+    EXPECT_NE(access((kit::manifest_dir() + "/" + std::to_string(agent_)).c_str(), F_OK), 0);
     if (geteuid() != 0) GTEST_SKIP() << "only root runs a process as another user";
     // The objects a process of user 65534 could attach to, in the group or not.
     auto reached = [&](bool member) {
