@@ -25,8 +25,8 @@
 #include <vector>
 
 #include "bench/app_calls.h"
-#include "collector/kit.h"
 #include "core/clock.h"
+#include "kit/config_file.h"
 
 namespace {
 

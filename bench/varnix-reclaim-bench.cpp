@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "collector/reclaim.h"
-#include "collector/session.h"
+#include "kit/session.h"
 #include "core/clock.h"
 #include "varnix.h"
 

@@ -14,12 +14,20 @@
 namespace varnix::agent {
 namespace {
 
+// What an operator does about a failed look-up or attachment.
+const char* hint(int err) {
+    if (err == ENOENT) return "; is the agent running?";
+    if (err == EACCES) return "; the objects are for their owner and the members of their group (ipcs -c)";
+    return "";
+}
+
 void* attach(key_t key, size_t size, int flags, const char* name) {
     const int id = shmget(key, size, 0);
     void* addr = id < 0 ? reinterpret_cast<void*>(-1) : shmat(id, nullptr, flags);
     if (addr == reinterpret_cast<void*>(-1)) {
-        std::fprintf(stderr, "varnix-agent: shared memory %s (key %d): %s; is the agent running?\n", name,
-                     static_cast<int>(key), std::strerror(errno));
+        const int err = errno;
+        std::fprintf(stderr, "varnix-agent: shared memory %s (key 0x%08x): %s%s\n", name, static_cast<unsigned>(key),
+                     std::strerror(err), hint(err));
         return nullptr;
     }
     return addr;
@@ -27,9 +35,10 @@ void* attach(key_t key, size_t size, int flags, const char* name) {
 
 int semaphore(key_t key, const char* name) {
     const int id = semget(key, 1, 0);
+    const int err = errno;
     if (id < 0)
-        std::fprintf(stderr, "varnix-agent: semaphore %s (key %d): %s\n", name, static_cast<int>(key),
-                     std::strerror(errno));
+        std::fprintf(stderr, "varnix-agent: semaphore set %s (key 0x%08x): %s%s\n", name, static_cast<unsigned>(key),
+                     std::strerror(err), hint(err));
     return id;
 }
 

@@ -20,11 +20,11 @@ union SemArg {
 
 // Bytes of a block, semaphores of a set (0 for a queue); -1 when unreadable.
 long size_of(const ConfigObject& o) {
-    if (o.kind == kit::IpcKind::shm) {
+    if (o.kind == collector::IpcKind::shm) {
         shmid_ds ds{};
         return shmctl(o.id, IPC_STAT, &ds) == 0 ? static_cast<long>(ds.shm_segsz) : -1;
     }
-    if (o.kind == kit::IpcKind::sem) {
+    if (o.kind == collector::IpcKind::sem) {
         semid_ds ds{};
         SemArg arg{};
         arg.buf = &ds;
@@ -97,8 +97,8 @@ void check_contents(const ConfigKeys& c, const std::vector<ConfigObject>& objs, 
 
 }  // namespace
 
-std::vector<ConfigObject> config_objects(const ConfigKeys& c, const kit::Collector::Ids& ids) {
-    using kit::IpcKind;
+std::vector<ConfigObject> config_objects(const ConfigKeys& c, const collector::HostObjects::Ids& ids) {
+    using collector::IpcKind;
     std::vector<ConfigObject> all = {
         {IpcKind::shm, "TRAN_LOGF_QUE_INFO", c.keys.que_info, ids.que_info_shm, sizeof(TRAN_LOGF_QUE_INFO)},
         {IpcKind::shm, "SVC_HASH_TBL", c.keys.svc_shm, ids.svc_shm, sizeof(SVC_HASH_TBL)},
@@ -111,13 +111,13 @@ std::vector<ConfigObject> config_objects(const ConfigKeys& c, const kit::Collect
 }
 
 std::string describe(const ConfigObject& o) {
-    const char* kind = o.kind == kit::IpcKind::shm ? "shared memory" : o.kind == kit::IpcKind::sem ? "semaphore set"
-                                                                                                 : "message queue";
-    return std::string(kind) + " " + o.name + " (key " + std::to_string(o.key) + ")";
+    char key[16];
+    std::snprintf(key, sizeof key, "0x%08x", static_cast<unsigned>(o.key));
+    return std::string(collector::kind_text(o.kind)) + " " + o.name + " (key " + key + ")";
 }
 
 bool AgentToken::take(int semid) {
-    if (kit::take_agent_token(semid) != 0) return false;
+    if (collector::take_agent_token(semid) != 0) return false;
     semid_ = semid;
     return true;
 }
@@ -142,22 +142,22 @@ bool refuse_if_agent_runs(AgentToken& token, int semid, const char* refusing, co
     return true;
 }
 
-std::vector<std::string> adoption_problems(const ConfigKeys& c, const kit::Collector::Ids& ids) {
+std::vector<std::string> adoption_problems(const ConfigKeys& c, const collector::HostObjects::Ids& ids) {
     const std::vector<ConfigObject> objs = config_objects(c, ids);
     const uid_t me = geteuid();
     std::vector<std::string> why;
     for (const ConfigObject& o : objs) {
-        kit::IpcOwner owner{};
-        if (o.id < 0 || !kit::stat_object(kit::IpcObject{o.kind, o.id, o.key}, owner)) {
+        collector::IpcPerm owner{};
+        if (o.id < 0 || !collector::stat_object(collector::IpcObject{o.kind, o.id, o.key}, owner)) {
             why.push_back(describe(o) + ": missing");
             continue;
         }
         if (me != 0 && owner.uid != me && owner.cuid != me)
             why.push_back(describe(o) + ": belongs to uid " + std::to_string(owner.uid) + ", not to this user");
         const long size = size_of(o);
-        if (o.kind != kit::IpcKind::msg && size != static_cast<long>(o.size))
+        if (o.kind != collector::IpcKind::msg && size != static_cast<long>(o.size))
             why.push_back(describe(o) + ": " + std::to_string(size) +
-                          (o.kind == kit::IpcKind::shm ? " bytes, not " : " semaphores, not ") +
+                          (o.kind == collector::IpcKind::shm ? " bytes, not " : " semaphores, not ") +
                           std::to_string(o.size));
     }
     if (why.empty()) check_contents(c, objs, why);

@@ -2,8 +2,8 @@
 // `cleanup` judge them; and the token by which a running agent is known.
 //
 // The running agent holds semaphore VARNIX_PTRC_SEM_AGENT of the process-
-// thread table's set at 1, raised with SEM_UNDO (kit::take_agent_token): the
-// kernel lowers it again when the agent ends, however it ends.  Whether the
+// thread table's set at 1, raised with SEM_UNDO (collector::take_agent_token):
+// the kernel lowers it again when the agent ends, however it ends.  Whether the
 // objects exist says nothing about an agent; the token does.  Two processes
 // can never hold it at once: an agent that creates the objects holds it
 // before the last of them exists, one that takes them over holds it before it
@@ -16,13 +16,13 @@
 #include <vector>
 
 #include "collector/agent_config.h"
-#include "collector/manifest.h"
+#include "collector/ipc_object.h"
 
 namespace varnix::agent {
 
 // One object of a configuration; id -1 when none exists under its key.
 struct ConfigObject {
-    kit::IpcKind kind;
+    collector::IpcKind kind;
     std::string name;  // "TRAN_LOGF_QUE_INFO", ..., "3" for queue 3
     key_t key;
     int id;
@@ -31,8 +31,8 @@ struct ConfigObject {
 
 // Every object of the configuration: the three blocks, the queues, then the
 // two semaphore sets, the process-thread table's last (it carries the token).
-std::vector<ConfigObject> config_objects(const ConfigKeys& c, const kit::Collector::Ids& ids);
-// "shared memory TRAN_LOGF_QUE_INFO (key 1234)"
+std::vector<ConfigObject> config_objects(const ConfigKeys& c, const collector::HostObjects::Ids& ids);
+// "shared memory TRAN_LOGF_QUE_INFO (key 0x000004d2)", the key as ipcs shows it
 std::string describe(const ConfigObject& o);
 
 class AgentToken {
@@ -60,6 +60,6 @@ bool refuse_if_agent_runs(AgentToken& token, int semid, const char* refusing, co
 
 // What keeps the objects of `ids` from being taken over by an agent of this
 // configuration, one line each; empty when they can be.  Nothing is changed.
-std::vector<std::string> adoption_problems(const ConfigKeys& c, const kit::Collector::Ids& ids);
+std::vector<std::string> adoption_problems(const ConfigKeys& c, const collector::HostObjects::Ids& ids);
 
 }  // namespace varnix::agent

@@ -35,6 +35,7 @@
 #include "collector/agent_config.h"
 #include "collector/agent_ipc.h"
 #include "collector/agent_objects.h"
+#include "collector/ipc_access.h"
 #include "collector/line_writer.h"
 #include "collector/metrics_server.h"
 #include "collector/otlp/setup.h"
@@ -92,8 +93,8 @@ bool install_stop_handlers() {
     return ok;
 }
 
-// Removes every object; 0, or 1 when some could not be (the kit names them).
-int remove_objects(kit::Collector& c) {
+// Removes every object; 0, or 1 when some could not be (each is named).
+int remove_objects(collector::HostObjects& c) {
     const int failed = c.remove();
     if (failed == 0) {
         std::fprintf(stderr, "varnix-agent: every object removed\n");
@@ -128,7 +129,7 @@ long kernel_msgmnb() {
 // Raises every queue's byte limit to the larger of kWantedQueueBytes and
 // kernel.msgmnb, else at least to kernel.msgmnb: past it only with
 // CAP_SYS_RESOURCE.  A limit set higher by somebody else stays.
-void size_queues(const kit::Collector& c) {
+void size_queues(const collector::HostObjects& c) {
     const unsigned long msgmnb = static_cast<unsigned long>(std::max(kernel_msgmnb(), 0L));
     if (c.raise_queue_bytes(std::max(kWantedQueueBytes, msgmnb)) != c.max_que_cnt() && msgmnb > 0)
         c.raise_queue_bytes(msgmnb);
@@ -149,7 +150,7 @@ struct QueueState {
     unsigned long records = 0;
     bool closed = false;
 };
-QueueState queue_state(const kit::Collector& c) {
+QueueState queue_state(const collector::HostObjects& c) {
     QueueState s;
     for (int q = 0; q < c.max_que_cnt(); ++q) {
         msqid_ds ds{};
@@ -162,7 +163,7 @@ QueueState queue_state(const kit::Collector& c) {
 
 // Switches sending off and closes every queue: once this returns, the kernel
 // accepts no message any more.
-void close_queues(const kit::Collector& c) {
+void close_queues(const collector::HostObjects& c) {
     __atomic_store_n(&c.que_info()->log_flag_set, uint8_t{0}, __ATOMIC_RELAXED);
     for (int q = 0; q < c.max_que_cnt(); ++q) {
         msqid_ds ds{};
@@ -177,7 +178,7 @@ void close_queues(const kit::Collector& c) {
 
 class Drain {
 public:
-    Drain(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter, Metrics& metrics)
+    Drain(const collector::HostObjects& c, LineWriter& out, OtlpExporter* exporter, Metrics& metrics)
         : c_(c),
           out_(out),
           metrics_(metrics),
@@ -299,7 +300,7 @@ private:
             }
     }
 
-    const kit::Collector& c_;
+    const collector::HostObjects& c_;
     LineWriter& out_;
     Metrics& metrics_;
     QueueStats stats_;
@@ -317,7 +318,7 @@ private:
     std::vector<bool> skip_reported_ = std::vector<bool>(VARNIX_TBL_ENTRIES);  // each inconsistency once
 };
 
-int stop(const kit::Collector& c, Drain& drain) {
+int stop(const collector::HostObjects& c, Drain& drain) {
     const int64_t begin = monotonic_us();
     std::fprintf(stderr, "varnix-agent: stopping: sending switched off and the queues closed; draining them\n");
     if (signal(SIGALRM, on_stop_overrun) != SIG_ERR) alarm(kStopOverrunSecs);
@@ -337,7 +338,7 @@ int stop(const kit::Collector& c, Drain& drain) {
     return drain.broken() ? 1 : 0;
 }
 
-int run(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter, Metrics& metrics) {
+int run(const collector::HostObjects& c, LineWriter& out, OtlpExporter* exporter, Metrics& metrics) {
     Drain drain(c, out, exporter, metrics);
     while (!stop_asked && !drain.broken()) {
         const int taken = drain.pass();
@@ -347,14 +348,14 @@ int run(const kit::Collector& c, LineWriter& out, OtlpExporter* exporter, Metric
     return stop(c, drain);
 }
 
-bool any_object(const ConfigKeys& k, const kit::Collector::Ids& ids) {
+bool any_object(const ConfigKeys& k, const collector::HostObjects::Ids& ids) {
     const std::vector<ConfigObject> objs = config_objects(k, ids);
     return std::any_of(objs.begin(), objs.end(), [](const ConfigObject& o) { return o.id >= 0; });
 }
 
 // Objects that exist while no agent runs are taken over when they are what an
 // agent of this configuration leaves; else nothing is touched.
-bool refuse_to_adopt(const ConfigKeys& k, const kit::Collector::Ids& ids, AgentToken& token, const char* cfg) {
+bool refuse_to_adopt(const ConfigKeys& k, const collector::HostObjects::Ids& ids, AgentToken& token, const char* cfg) {
     std::vector<std::string> why = adoption_problems(k, ids);
     if (why.empty() && (token.held() || token.take(ids.ptrc_sem))) return false;
     if (why.empty()) why.push_back(std::string("the agent's semaphore cannot be taken: ") + std::strerror(errno));
@@ -368,11 +369,11 @@ bool refuse_to_adopt(const ConfigKeys& k, const kit::Collector::Ids& ids, AgentT
 // The switches a previous agent left stay, but for one killed during its stop:
 // sending was switched off and a queue closed.  Sending comes back as
 // TRAN_LOG_FLAG_SET says once the queues are open again.
-bool killed_while_stopping(const kit::Collector& c) {
+bool killed_while_stopping(const collector::HostObjects& c) {
     return __atomic_load_n(&c.que_info()->log_flag_set, __ATOMIC_RELAXED) == 0 && queue_state(c).closed;
 }
 
-void switch_sending_on(const kit::Collector& c, const char* cfg) {
+void switch_sending_on(const collector::HostObjects& c, const char* cfg) {
     char letters[kCfgTokenMax + 1];
     if (get_nth_token_in_file_section(cfg, "TRAN_LOGF", "TRAN_LOG_FLAG_SET", 1, letters) != 1) return;
     __atomic_store_n(&c.que_info()->log_flag_set, get_log_flag_set(letters), __ATOMIC_RELAXED);
@@ -385,9 +386,11 @@ void switch_sending_on(const kit::Collector& c, const char* cfg) {
 int start_command(const Options& o) {
     const char* cfg = o.cfg.c_str();
     std::string url;
-    if (!check_config(cfg) || !otlp_url(o.otlp, cfg, url)) return 1;
+    collector::Access access;
+    if (!check_config(cfg) || !check_every_key(cfg) || !ipc_access(cfg, access) || !otlp_url(o.otlp, cfg, url))
+        return 1;
     const ConfigKeys keys = config_keys(cfg);
-    const kit::Collector::Ids found = kit::ids_of(keys.keys, keys.max_que_cnt);
+    const collector::HostObjects::Ids found = collector::ids_of(keys.keys, keys.max_que_cnt);
     AgentToken token;
     if (refuse_if_agent_runs(token, found.ptrc_sem, "refusing to start", cfg)) return 1;
     const bool adopting = any_object(keys, found);
@@ -401,10 +404,10 @@ int start_command(const Options& o) {
     const std::string metrics_at = metrics_address(o.metrics, cfg);
     if (!metrics_at.empty() && !server.start(metrics_at)) return 1;
     if (!install_stop_handlers()) {
-        std::fprintf(stderr, "varnix-agent: cannot install signal handlers\n");
+        std::fprintf(stderr, "varnix-agent: cannot install signal handlers: %s\n", std::strerror(errno));
         return 1;
     }
-    kit::Collector c;
+    collector::HostObjects c(access);
     if (adopting) {
         if (c.adopt(found, keys.max_que_cnt) != 0) return 1;
         std::fprintf(stderr, "varnix-agent: took over the objects of %s that a previous agent left, with %lu records "
@@ -415,6 +418,8 @@ int start_command(const Options& o) {
     const bool resume = adopting && killed_while_stopping(c);
     size_queues(c);
     if (resume) switch_sending_on(c, cfg);
+    std::fprintf(stderr, "varnix-agent: the objects have mode %04o and group %u\n", static_cast<unsigned>(access.mode),
+                 static_cast<unsigned>(access.gid));
     std::fprintf(stderr, "varnix-agent: running with %d queues from %s; SIGINT, SIGTERM or SIGHUP stops it\n",
                  c.max_que_cnt(), cfg);
     int rc = run(c, out, exporter.get(), metrics);  // a stop asked already drains at once

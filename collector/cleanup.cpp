@@ -14,13 +14,13 @@ int cleanup_command(const Options& o) {
     const char* cfg = o.cfg.c_str();
     if (!check_config(cfg)) return 1;
     const ConfigKeys keys = config_keys(cfg);
-    const kit::Collector::Ids ids = kit::ids_of(keys.keys, keys.max_que_cnt);
+    const collector::HostObjects::Ids ids = collector::ids_of(keys.keys, keys.max_que_cnt);
     AgentToken token;  // held until its set goes, last: no agent takes the objects over meanwhile
     if (refuse_if_agent_runs(token, ids.ptrc_sem, "refusing to clean up", cfg)) return 1;
     int removed = 0, failed = 0;
     for (const ConfigObject& obj : config_objects(keys, ids)) {
         if (obj.id < 0) continue;
-        if (kit::remove_object(kit::IpcObject{obj.kind, obj.id, obj.key}) == 0) {
+        if (collector::remove_object(collector::IpcObject{obj.kind, obj.id, obj.key}) == 0) {
             std::printf("varnix-agent: removed %s, id %d\n", describe(obj).c_str(), obj.id);
             ++removed;
         } else {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "collector/call_text.h"
-#include "collector/decode.h"
+#include "collector/record_layout.h"
 #include "collector/utf8_text.h"
 
 namespace varnix::agent {
@@ -44,14 +44,14 @@ int64_t digits_value(std::string_view v) {
 
 // Where the library's date and time stand; not fields of the timeline, which
 // carries ts_us instead.
-bool is_time_field(const kit::NamedField& f) { return f.name == "date_str" || f.name == "time_str"; }
+bool is_time_field(const collector::NamedField& f) { return f.name == "date_str" || f.name == "time_str"; }
 // Zero by construction on starts and errors, and on nested ends.
-bool is_service_figure(const kit::NamedField& f) { return f.name == "elapsed_us" || f.name == "call_us"; }
+bool is_service_figure(const collector::NamedField& f) { return f.name == "elapsed_us" || f.name == "call_us"; }
 
 // True when the body holds no byte above 0x7F: then no field needs the
 // UTF-8 check, the usual case, eight bytes at a time.
 bool ascii_body(const TRAN_LOG_MSG& m) {
-    const size_t n = kit::body_length(m);
+    const size_t n = collector::body_length(m);
     const char* b = m.text + sizeof(uint32_t);
     uint64_t any = 0;
     size_t i = 0;
@@ -65,8 +65,8 @@ bool ascii_body(const TRAN_LOG_MSG& m) {
 
 // One field's value, checked; false with `why` set when it is not UTF-8 or
 // not the number it should be.
-bool read_field(const TRAN_LOG_MSG& m, const kit::NamedField& f, bool ascii, Value& out, std::string& why) {
-    std::optional<std::string_view> v = kit::field_text(m, f);
+bool read_field(const TRAN_LOG_MSG& m, const collector::NamedField& f, bool ascii, Value& out, std::string& why) {
+    std::optional<std::string_view> v = collector::field_text(m, f);
     if (!ascii) v = utf8_field(*v);
     if (!v) {
         why = std::string("field ") + std::string(f.name) + " is not UTF-8";
@@ -82,9 +82,9 @@ bool read_field(const TRAN_LOG_MSG& m, const kit::NamedField& f, bool ascii, Val
 }
 
 // Adds the named fields; blank ones are left out.  False on the first bad one.
-bool add_fields(const TRAN_LOG_MSG& m, std::span<const kit::NamedField> fields, bool ascii, bool keep_figures,
+bool add_fields(const TRAN_LOG_MSG& m, std::span<const collector::NamedField> fields, bool ascii, bool keep_figures,
                 Decoded& d) {
-    for (const kit::NamedField& f : fields) {
+    for (const collector::NamedField& f : fields) {
         Value v;
         if (!read_field(m, f, ascii, v, d.error)) return false;
         if (v.text.empty() && !v.number) continue;
@@ -148,11 +148,12 @@ void decode_record(const TRAN_LOG_MSG& m, long size, int queue, LocalTime& clock
     d.rec.log_type = kind ? kind->log_type : 0;
     d.rec.name = kind ? kind->name : "";
     const bool ascii = kind && ascii_body(m);
-    if (!kind || !add_fields(m, kit::header_fields(), ascii, false, d)) return;
+    if (!kind || !add_fields(m, collector::header_fields(), ascii, false, d)) return;
     d.rec.thread = {d.rec.f.number_of("pid", -1), d.rec.f.number_of("tid", -1)};
     const int64_t local = clock.epoch_us(d.date, d.time);
     d.rec.ts_us = local >= 0 ? local : now_us;
-    const std::span<const kit::NamedField> body = kit::body_fields(kind->log_type, kit::body_length(m));
+    const std::span<const collector::NamedField> body =
+        collector::body_fields(kind->log_type, collector::body_length(m));
     switch (kind->log_type) {
         case 'Q':
             // Pieces are joined first; the text is checked when whole, since a
@@ -162,7 +163,7 @@ void decode_record(const TRAN_LOG_MSG& m, long size, int queue, LocalTime& clock
             return;
         case 'B':
         case 'C': {
-            std::optional<std::string_view> v = utf8_field(kit::field_text(m, body[0]));
+            std::optional<std::string_view> v = utf8_field(collector::field_text(m, body[0]));
             if (!v)
                 d.error = "call text is not UTF-8";
             else if (!parse_call_text(*v, kind->log_type, d.rec.f))
@@ -174,7 +175,7 @@ void decode_record(const TRAN_LOG_MSG& m, long size, int queue, LocalTime& clock
         default: {
             // An outermost end carries its elapsed time and DBIO time; other
             // service records carry zeros there.
-            const bool figures = kind->log_type == '2' && digits_value(kit::field_text(m, body[0])) > 0;
+            const bool figures = kind->log_type == '2' && digits_value(collector::field_text(m, body[0])) > 0;
             add_fields(m, body, ascii, figures, d);
         }
     }

@@ -9,8 +9,10 @@
 
 #include <filesystem>
 
-#include "collector/kit.h"
+#include "collector/host_objects.h"
 #include "collector/metrics_server.h"
+#include "kit/collector.h"
+#include "kit/config_file.h"
 #include "support/in_child.h"
 #include "support/prometheus.h"
 #include "support/temp_dir.h"
@@ -107,7 +109,7 @@ TEST(AgentMetrics, PrometheusScrapesTheFiguresOfATracedRun) {
     conf.keys = kit::keys_for_pid(getpid());
     conf.log_home = "log";
     conf.tong_log_home = dir;
-    ASSERT_TRUE(kit::write_file(cfg, kit::config_text(conf) + "\n[VARNIX_AGENT]\nMETRICS_ADDRESS = 127.0.0.1:0\n"));
+    ASSERT_TRUE(kit::write_file(cfg, kit::config_text(conf) + "METRICS_ADDRESS = 127.0.0.1:0\n"));
     ASSERT_EQ(setenv("TRAN_HOME", dir.c_str(), 1) | setenv("TRAN_AGT_HOME", (dir + "/agt").c_str(), 1) |
                   setenv("TRAN_AGT_CFG_FILE", cfg.c_str(), 1),
               0);
@@ -116,7 +118,7 @@ TEST(AgentMetrics, PrometheusScrapesTheFiguresOfATracedRun) {
         const kit::AgentConfig& conf;
         ~Stop() {
             EXPECT_TRUE(kill(pid, SIGTERM) == 0 && exit_status(pid) == 0);
-            kit::remove_ids(kit::ids_of(conf.keys, conf.max_que_cnt));
+            collector::remove_ids(collector::ids_of(conf.keys, conf.max_que_cnt));
         }
     } stop{spawn({VARNIX_AGENT, "start", "--out", "/dev/null", "--otlp", "http://127.0.0.1:1"}, "/dev/null",
                  dir + "/agent.err"),
@@ -131,7 +133,7 @@ TEST(AgentMetrics, PrometheusScrapesTheFiguresOfATracedRun) {
     ASSERT_EQ(exit_status(spawn({BANK_SERVER}, dir + "/bank.out", "/dev/null")), 0);
     const pid_t holder = spawn({TRACED_CHILD, "hold"}, dir + "/hold.out", "/dev/null");
     ASSERT_TRUE(wait_for([&] { return read_file(dir + "/hold.out").find("holding") != std::string::npos; }));
-    const kit::Collector::Ids ids = kit::ids_of(conf.keys, conf.max_que_cnt);
+    const collector::HostObjects::Ids ids = collector::ids_of(conf.keys, conf.max_que_cnt);
     const TRAN_LOG_MSG junk{1, "short"};
     ASSERT_EQ(msgsnd(ids.msgq[2], &junk, 10, 0), 0);
     auto* qi = static_cast<TRAN_LOGF_QUE_INFO*>(shmat(ids.que_info_shm, nullptr, 0));

@@ -10,8 +10,8 @@
 
 #include <map>
 
-#include "collector/kit.h"
 #include "collector/otlp/exporter.h"
+#include "kit/config_file.h"
 #include "support/otlp_receiver.h"
 #include "support/temp_dir.h"
 

@@ -18,7 +18,7 @@ namespace {
 kit::Collector::Ids crash_ids;  // read by the crash handler
 
 void on_crash(int sig) {
-    kit::remove_ids(crash_ids);
+    collector::remove_ids(crash_ids);
     signal(sig, SIG_DFL);
     raise(sig);
 }

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "collector/kit.h"
+#include "kit/config_file.h"
 
 namespace varnix::test {
 

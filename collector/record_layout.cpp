@@ -1,9 +1,9 @@
-#include "collector/decode.h"
+#include "collector/record_layout.h"
 
 #include <array>
 #include <cstring>
 
-namespace varnix::kit {
+namespace varnix::collector {
 namespace {
 
 constexpr uint32_t kBodyMax = sizeof(TRAN_LOG_MSG::text) - sizeof(uint32_t);
@@ -116,4 +116,4 @@ std::string_view field_text(const TRAN_LOG_MSG& m, const NamedField& f) {
     return std::string_view(v, n);
 }
 
-}  // namespace varnix::kit
+}  // namespace varnix::collector
