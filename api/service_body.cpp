@@ -1,5 +1,7 @@
 #include <cstring>
 #include <ctime>
+#include <iterator>
+#include <utility>
 
 #include "api/service.h"
 #include "core/clock.h"
@@ -34,53 +36,59 @@ constexpr bool end_to_end(std::span<const FieldPos> tail) {
 static_assert(end_of(kTelegramTail) == 426 && end_of(kShortTail) == 386);
 static_assert(end_to_end(kTelegramTail) && end_to_end(kShortTail));
 
+// The caller's columns into the tail; a column not given is blank.  Each
+// column's width is a constant of its writer.
+template <const auto& Tail, size_t... I>
+void write_columns(char* body, std::span<const Text> cols, std::index_sequence<I...>) {
+    (put_field<Tail[I].width>(body + Tail[I].offset, I < cols.size() ? cols[I] : Text{}), ...);
+}
+template <const auto& Tail>
+void write_tail(char* body, std::span<const Text> cols) {
+    write_columns<Tail>(body, cols, std::make_index_sequence<std::size(Tail)>{});
+}
+
 }  // namespace
 
 const ServiceKind kStandardService{
-    "TRAN_START", kTranStartApi, kTranEndApi, kTranErrorApi, kTelegramTail, end_of(kTelegramTail), true, true, true,
+    "TRAN_START", kTranStartApi, kTranEndApi, kTranErrorApi, kTelegramTail, write_tail<kTelegramTail>,
+    end_of(kTelegramTail), true, true, true,
     "<!> START - service depth init (%d)->(0) GID-PID-TID |%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s) svc_depth_elapsed %d "
     "sec (base %d sec)",
     true,
 };
 
 const ServiceKind kProcessTraceService{
-    "TRAN_PT_START", kTranPtStartApi, kTranPtEndApi, 0, kShortTail, end_of(kShortTail), false, false,
-    false,
+    "TRAN_PT_START", kTranPtStartApi, kTranPtEndApi, 0, kShortTail, write_tail<kShortTail>, end_of(kShortTail), false,
+    false, false,
     "<!> START - service depth init (%d)->(0) GID-PID-TID|%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s), svc_depth_elapsed %d "
     "sec (base %d sec)",
     false,
 };
 
 const ServiceKind kClientHandlerService{
-    "TRAN_CLH_START", kTranClhStartApi, kTranClhEndApi, kTranClhErrorApi, kTelegramTail, end_of(kTelegramTail), false,
-    true, false, nullptr, false,
+    "TRAN_CLH_START", kTranClhStartApi, kTranClhEndApi, kTranClhErrorApi, kTelegramTail, write_tail<kTelegramTail>,
+    end_of(kTelegramTail), false, true, false, nullptr, false,
 };
 
 const ServiceKind kWebService{
-    "TRAN_WEB_START", kTranWebStartApi, kTranWebEndApi, 0, kShortTail, end_of(kShortTail), false, false, false, nullptr,
-    false,
+    "TRAN_WEB_START", kTranWebStartApi, kTranWebEndApi, 0, kShortTail, write_tail<kShortTail>, end_of(kShortTail),
+    false, false, false, nullptr, false,
 };
 
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r) {
     char* b = cxt.log_body;
-    write_header(b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str});
-    int64_t elapsed_us = 0, call_us = 0;
-    if (r.timed && !a.time_str.p) {
-        take_service_time(*cxt.ptrc, *r.timed);
-        put_time(b, *r.timed);
-        if (r.since) {
-            elapsed_us = usec_of(*r.timed) - usec_of(*r.since);
-            call_us = r.call_us;
-        }
+    Now now;
+    const timeval* timed = r.timed && !a.time_str.p ? r.timed : nullptr;
+    if (timed) take_service_time(*cxt.ptrc, *r.timed, now);
+    write_header(b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str}, now, timed);
+    if (timed && r.since) {
+        put_number<10>(b + kElapsedAt, usec_of(*timed) - usec_of(*r.since));
+        put_number<10>(b + kCallAt, r.call_us);
+    } else {
+        std::memcpy(b + kElapsedAt, "0000000000 0000000000 ", 22);
     }
-    put_number(b + kElapsedAt, 10, elapsed_us);
-    put_number(b + kCallAt, 10, call_us);
-    put_number(b + kDepthAt, 2, r.depth);
-    // The columns lie end to end, each with its blank: blank them all at
-    // once, then write the ones given.
-    std::memset(b + kind.tail.front().offset, ' ', static_cast<size_t>(kind.body_len - kind.tail.front().offset));
-    for (size_t i = 0; i < kind.tail.size(); ++i)
-        if (const Text t = tail_at(a, i); t.p) set_log_field(t, b + kind.tail[i].offset, kind.tail[i].width);
+    put_number<2>(b + kDepthAt, r.depth);
+    kind.write_tail(b, a.tail);
     *cxt.log_len = static_cast<uint32_t>(kind.body_len);
 }
 
@@ -101,12 +109,12 @@ void mark_outermost_end(PTRC_HASH& e) {
     e.svc_mark_time = std::time(nullptr);
 }
 
-void take_service_time(PTRC_HASH& e, timeval& into) {
+void take_service_time(PTRC_HASH& e, timeval& into, Now& now) {
     if (e.preset_start_tv.tv_sec != 0 || e.preset_start_tv.tv_usec != 0) {
         into = e.preset_start_tv;
         e.preset_start_tv = timeval{};
     } else {
-        into = clock_now();
+        into = now.get();
     }
 }
 

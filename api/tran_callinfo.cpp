@@ -31,8 +31,8 @@ namespace {
 constexpr char kDbio = 'B';
 constexpr char kBizcall = 'C';
 constexpr int kLastLevel = VARNIX_CALL_LVL_CNT - 1;
-constexpr int kTextWidth = 350;
-constexpr uint32_t kCallBodyLen = hdr::kEnd + kTextWidth + 1;
+constexpr size_t kTextWidth = 350;
+constexpr uint32_t kCallBodyLen = hdr::kEnd + static_cast<uint32_t>(kTextWidth) + 1;
 constexpr int kSignatureCompared = 7;
 constexpr size_t kNameMax = 70;
 constexpr size_t kSourceMax = 100;
@@ -61,6 +61,13 @@ void keep_name(char (&dst)[N], const char* src) {
     const size_t n = src ? strnlen(src, Max) : 0;
     std::memcpy(dst, src ? src : "", n);
     dst[n] = '\0';
+}
+
+// A name field of shared memory as far as it goes: up to its NUL, at most
+// its size.
+template <size_t N>
+std::string_view field_text(const char (&field)[N]) {
+    return {field, strnlen(field, N)};
 }
 
 // A NUL-terminated copy of a name field of shared memory.
@@ -240,27 +247,28 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Finis
     const Secs start = secs(lvl.start_tv);
     const Secs end = secs(lvl.end_tv);
     const char* label = a.kind_label ? a.kind_label : biz_form ? "METHOD" : "";
-    const Name<sizeof lvl.source_nm> kept_source(lvl.source_nm);
-    TextOut<kTextWidth> t;
+    TextOut<static_cast<int>(kTextWidth)> t;
     t.number(e.trc_lvl).ch(',').number(e.call_trc_depth_max).ch(',');
     for (const Secs& v : {all, own, called, dbio, start, end}) t.secs(v.s, v.us).ch(',');
-    t.ch('[').text(label).text("][").text(Name(lvl.func_nm).s).text(" at ").text(a.module_nm ? a.module_nm : "");
-    t.text(" (").text(a.source_nm ? a.source_nm : kept_source.s).text("::").number(a.line_no, 5).text("){");
-    t.number(lvl.call_seq).text("}]");
+    t.ch('[').cstr(label).text("]["sv).text(field_text(lvl.func_nm)).text(" at "sv).cstr(a.module_nm);
+    t.text(" ("sv);
+    if (a.source_nm) t.cstr(a.source_nm);
+    else t.text(field_text(lvl.source_nm));
+    t.text("::"sv).number(a.line_no, 5).text("){"sv).number(lvl.call_seq).text("}]"sv);
     const int32_t sql_code = static_cast<int32_t>(e.sql_code);
     switch (p.format) {
         case Format::kWithChildren:
-        case Format::kAlone: t.text("#RC ").number(lvl.rc); break;
+        case Format::kAlone: t.text("#RC "sv).number(lvl.rc); break;
         case Format::kDbioFirst:
         case Format::kDbioLater:
             // The later DBIO form has no blank before the fetch time.
-            t.text("#SQLCODE ").number(sql_code).text(", #RC ").number(lvl.rc).text(" (line ").number(e.fetch_last[2]);
-            t.text(") fetch ").number(e.fetch_last[0]).text(p.format == Format::kDbioFirst ? " rows (" : " rows(");
-            t.number(e.fetch_last[1] / 1000).ch('.').number(e.fetch_last[1] % 1000).text(" ms) DB ");
-            t.text(Name(e.db_user).s).ch('/').text(Name(e.db_sid).s);
+            t.text("#SQLCODE "sv).number(sql_code).text(", #RC "sv).number(lvl.rc).text(" (line "sv).number(e.fetch_last[2]);
+            t.text(") fetch "sv).number(e.fetch_last[0]).text(p.format == Format::kDbioFirst ? " rows ("sv : " rows("sv);
+            t.number(e.fetch_last[1] / 1000).ch('.').number(e.fetch_last[1] % 1000).text(" ms) DB "sv);
+            t.text(field_text(e.db_user)).ch('/').text(field_text(e.db_sid));
             break;
     }
-    set_log_field(t.data(), t.size(), body + hdr::kEnd, kTextWidth, 1);
+    put_bytes<kTextWidth>(body + hdr::kEnd, t.data(), static_cast<size_t>(t.size()));
 }
 
 // Header, GID of the open service and length around the text already in

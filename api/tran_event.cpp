@@ -9,8 +9,8 @@
 namespace varnix {
 namespace {
 
-constexpr NoticeLayout kEvent{'V', kTranEventApi, 197, true, 220, 512};
-constexpr NoticeLayout kErrinfo{'E', kTranErrinfoApi, 197, true, 220, 350};
+constexpr NoticeLayout kEvent{'V', kTranEventApi, 197, true, 220, kEventTextWidth};
+constexpr NoticeLayout kErrinfo{'E', kTranErrinfoApi, 197, true, 220, kNoticeTextWidth};
 
 int send_event(MTR_CXT_VAR& cxt, const Notice& n) {
     if (int rc = trace_validate(cxt, kEvent.log_type, kEvent.api_type, cxt.log_body, n.svc_id.p, n.svc_id.len,

@@ -12,8 +12,8 @@
 namespace varnix {
 namespace {
 
-constexpr NoticeLayout kInfo{'I', kTranInfoApi, -1, false, 197, 350};
-constexpr NoticeLayout kInfoEx{'X', kTranInfoExApi, 197, false, 202, 350};
+constexpr NoticeLayout kInfo{'I', kTranInfoApi, -1, false, 197, kNoticeTextWidth};
+constexpr NoticeLayout kInfoEx{'X', kTranInfoExApi, 197, false, 202, kNoticeTextWidth};
 constexpr int kGidPrintMax = 30;
 
 int gid_print_len(Text gid) {

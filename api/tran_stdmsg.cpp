@@ -198,12 +198,12 @@ void send_info(const StdCall& c, Text gid, Text svc, Text msg) {
 // to the one the telegram carries.
 void send_linked_notices(const StdCall& c, const TmsgColumns& col) {
     const Text svc = c.adjusted_svc();
-    const std::string_view kind = col.internal() ? "C/C " : "";
+    const std::string_view kind = col.internal() ? "C/C "sv : ""sv;
     TextOut<1023> created, exist;
-    created.text(col.internal() ? "C/C Transaction Created [ GID '" : "New Transaction Created [ GID '");
-    created.text(view(col.gid_printed())).text("', Service ").text(view(c_prefix(svc, svc.len))).text(" ]");
-    exist.text("Linked ").text(kind).text("Main Service Transaction Exist [ GID '");
-    exist.text(view(c_prefix(c.gid, kGidPrinted))).text("' ]");
+    created.text(col.internal() ? "C/C Transaction Created [ GID '"sv : "New Transaction Created [ GID '"sv);
+    created.text(view(col.gid_printed())).text("', Service "sv).text(view(c_prefix(svc, svc.len))).text(" ]"sv);
+    exist.text("Linked "sv).text(kind).text("Main Service Transaction Exist [ GID '"sv);
+    exist.text(view(c_prefix(c.gid, kGidPrinted))).text("' ]"sv);
     send_info(c, c.gid, svc, {created.data(), created.size()});
     send_info(c, col.gid_text(), svc, {exist.data(), exist.size()});
 }
@@ -234,7 +234,7 @@ int read_count(Text f) {
 // "[code] text", each as far as the telegram holds it.
 template <int N>
 void message_text(TextOut<N>& out, const TmsgView& t, int64_t at, int64_t code_len, const TableEntry& text) {
-    out.ch('[').text(view(t.span(at, code_len))).text("] ").text(view(t.span(at + code_len, table_field(text).len)));
+    out.ch('[').text(view(t.span(at, code_len))).text("] "sv).text(view(t.span(at + code_len, table_field(text).len)));
 }
 
 // The error-message part of an "EM" telegram: its first message as error

@@ -12,7 +12,7 @@
 namespace varnix {
 namespace {
 
-constexpr int kSvcIdWidth = 16;
+constexpr size_t kSvcIdWidth = 16;
 constexpr int8_t kSnapshotDepthMax = 50;
 
 struct Switches {
@@ -146,7 +146,7 @@ int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, c
     }
     if (log_type < '1' || log_type > 'X') return VARNIX_RC_BAD_TYPE;
     const Switches sw{shm_load(gvar.svc_filtering), shm_load(gvar.log_flag_set)};
-    auto write_svc_id = [&] { set_log_field(svc_nm, svc_len, body + hdr::kSvcId, kSvcIdWidth, 1); };
+    auto write_svc_id = [&] { put_field<kSvcIdWidth>(body + hdr::kSvcId, Text{svc_nm, svc_len}); };
     switch (log_type) {
         case '1':
             write_svc_id();
