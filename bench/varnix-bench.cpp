@@ -43,9 +43,14 @@ using varnix::bench::Scenario;
 
 constexpr unsigned long kQueueBytes = 4ul << 20;  // where permitted
 constexpr long kLoopWarmup = 1000;                // steps before the counted ones
-// Steps between two drains in a loop: their records (three at most) fit the
-// 20 of a default-sized queue.
+// Steps between two drains in a loop: four, or fewer when their records
+// would not fit the 20 of a default-sized queue with room to spare.
 constexpr long kLoopBatch = 4;
+constexpr long kLoopBatchRecords = 12;
+
+long loop_batch(const Scenario& sc) {
+    return std::clamp(kLoopBatchRecords / std::max(1, sc.records), 1L, kLoopBatch);
+}
 
 // What every benchmark works against.
 struct Rig {
@@ -143,7 +148,7 @@ int run_benchmarks(int argc, char** argv, const Rig& rig) {
 void counted_steps(const Rig& rig, const Scenario& sc, Caller& c, long n) {
     CALLGRIND_START_INSTRUMENTATION;
     for (long done = 0; done < n;) {
-        const long batch = std::min(kLoopBatch, n - done);
+        const long batch = std::min(loop_batch(sc), n - done);
         CALLGRIND_TOGGLE_COLLECT;
         for (long i = 0; i < batch; ++i) sc.step(c);
         CALLGRIND_TOGGLE_COLLECT;
@@ -161,7 +166,7 @@ int run_loop(const Rig& rig, const Scenario& sc, long n) {
     }
     for (long i = 0; i < kLoopWarmup; ++i) {
         sc.step(c);
-        if (i % kLoopBatch == 0) rig.drainer->settle();
+        if (i % loop_batch(sc) == 0) rig.drainer->settle();
     }
     rig.drainer->settle();
     c.tally = {};
