@@ -35,7 +35,8 @@ int64_t children_elapsed(const PTRC_HASH& e) {
 }
 
 // Event 1300 about the service, with the header codes of the thread's last
-// record; copied out first, since the event rewrites that record.
+// record and the service id of the call being finished; copied out first,
+// since the event rewrites that record.
 void report_excess(MTR_CXT_VAR& cxt, int32_t base_cnt) {
     const PTRC_HASH& e = *cxt.ptrc;
     char text[512];
@@ -47,7 +48,9 @@ void report_excess(MTR_CXT_VAR& cxt, int32_t base_cnt) {
     std::memcpy(cls_cd, cxt.log_body + hdr::kClsCd, sizeof cls_cd);
     std::memcpy(dtl_cd, cxt.log_body + hdr::kDtlCd, sizeof dtl_cd);
     std::memcpy(gid, cxt.log_body + hdr::kGid, sizeof gid);
-    std::memcpy(svc_id, cxt.log_body + hdr::kSvcId, sizeof svc_id);
+    const SvcLevel* level = current_svc_level(cxt);
+    if (level) std::memcpy(svc_id, level->svc_id, sizeof svc_id);
+    else std::memcpy(svc_id, cxt.log_body + hdr::kSvcId, sizeof svc_id);
     std::memcpy(recv_svc_cd, e.main_recv_svc_cd, sizeof recv_svc_cd);
     const char chnl_class = e.chnl_class;
     Notice n;

@@ -111,20 +111,9 @@ Printable printable(Text t, int cap);
 // The same, never longer than `max`.
 Printable printable_max(Text t, int cap, int max);
 
-// The channel type column doubles as the key that arms a snapshot; it is
-// compared with a trade code of up to 15 characters, so it is copied, bounded
-// by what the caller gave, and terminated.
-class SnapshotKey {
-public:
-    // The start's snapshot key, else its channel type column.
-    explicit SnapshotKey(const ServiceArgs& a);
-    const char* get() const { return set_ ? key_ : nullptr; }
-
-private:
-    static constexpr int kKeyMax = 15;
-    char key_[kKeyMax + 1] = {};
-    bool set_ = false;
-};
+// What a start compares with the trade code of an armed snapshot: the
+// caller's snapshot key, else the channel type column.
+inline Text snapshot_key(const ServiceArgs& a) { return a.snapshot_key.p ? a.snapshot_key : tail_at(a, kTailChnlTypCd); }
 
 int service_start(const ServiceKind& kind, const ServiceArgs& a);
 int service_end(const ServiceKind& kind, const ServiceArgs& a);

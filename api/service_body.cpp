@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -36,15 +38,29 @@ constexpr bool end_to_end(std::span<const FieldPos> tail) {
 static_assert(end_of(kTelegramTail) == 426 && end_of(kShortTail) == 386);
 static_assert(end_to_end(kTelegramTail) && end_to_end(kShortTail));
 
-// The caller's columns into the tail; a column not given is blank.  Each
-// column's width is a constant of its writer.
+// The caller's columns into the tail.  The tail is blanked in one go, so a
+// column not given costs only the test, and a given one only its bytes:
+// padding and separators are already there.  Each column's width is a
+// constant of its writer.
+template <size_t W>
+void put_given(char* at, Text t) {
+    if (t.p) field_detail::copy_short<W + 1>(at, t.p, shown_len<W>(t));
+}
 template <const auto& Tail, size_t... I>
-void write_columns(char* body, std::span<const Text> cols, std::index_sequence<I...>) {
-    (put_field<Tail[I].width>(body + Tail[I].offset, I < cols.size() ? cols[I] : Text{}), ...);
+void write_columns(char* body, std::span<const Text, sizeof...(I)> cols, std::index_sequence<I...>) {
+    (put_given<Tail[I].width>(body + Tail[I].offset, cols[I]), ...);
 }
 template <const auto& Tail>
 void write_tail(char* body, std::span<const Text> cols) {
-    write_columns<Tail>(body, cols, std::make_index_sequence<std::size(Tail)>{});
+    constexpr size_t n = std::size(Tail);
+    std::memset(body + Tail[0].offset, ' ', static_cast<size_t>(end_of(Tail) - Tail[0].offset));
+    if (cols.size() >= n) {
+        write_columns<Tail>(body, cols.first<n>(), std::make_index_sequence<n>{});
+    } else if (!cols.empty()) {  // fewer columns than the tail: the rest are blank
+        std::array<Text, n> all{};
+        std::copy(cols.begin(), cols.end(), all.begin());
+        write_columns<Tail>(body, std::span<const Text, n>(all), std::make_index_sequence<n>{});
+    }
 }
 
 }  // namespace
@@ -121,15 +137,6 @@ void take_service_time(PTRC_HASH& e, timeval& into, Now& now) {
 void set_service_depth(MTR_CXT_VAR& cxt, int depth) {
     cxt.service_depth = static_cast<int8_t>(depth);
     if (cxt.ptrc) cxt.ptrc->service_depth = static_cast<int8_t>(depth);
-}
-
-SnapshotKey::SnapshotKey(const ServiceArgs& a) {
-    const Text chnl = a.snapshot_key.p ? a.snapshot_key : tail_at(a, kTailChnlTypCd);
-    if (!chnl.p) return;
-    Printable p = printable_max(chnl, kKeyMax, kKeyMax);
-    std::memcpy(key_, p.p, static_cast<size_t>(p.len));
-    key_[p.len] = '\0';
-    set_ = true;
 }
 
 Printable printable(Text t, int cap) {

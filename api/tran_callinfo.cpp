@@ -37,29 +37,39 @@ constexpr int kSignatureCompared = 7;
 constexpr size_t kNameMax = 70;
 constexpr size_t kSourceMax = 100;
 
+// Pattern characters from `from` on are all NUL.
+bool rest_empty(const char* pattern, int from) {
+    for (int i = from; i < kSignatureCompared; ++i)
+        if (pattern[i] != '\0') return false;
+    return true;
+}
+
 // DBIO when the function name carries the configured signature: each of the
 // pattern's first characters is NUL or equals the name's character at the
-// configured position onwards.
-char call_kind(const char* func_nm) {
+// configured position onwards; no name character lies where the name has
+// ended.  The name is read no further than its NUL.
+[[gnu::always_inline]] inline char call_kind(const char* func_nm) {
     // The signature is configuration, published together with init_mark.
     if (!func_nm || gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return kBizcall;
     const int32_t pos = gvar.dbio_func_no;
     if (pos < 0) return kBizcall;
-    const size_t len = strnlen(func_nm, static_cast<size_t>(pos) + kSignatureCompared);
+    const char* pattern = gvar.dbio_func_nm;
+    for (int32_t i = 0; i < pos; ++i)
+        if (func_nm[i] == '\0') return rest_empty(pattern, 0) ? kDbio : kBizcall;
+    const char* at = func_nm + pos;
     for (int i = 0; i < kSignatureCompared; ++i) {
-        const char want = gvar.dbio_func_nm[i];
-        const size_t at = static_cast<size_t>(pos) + static_cast<size_t>(i);
-        if (want != '\0' && (at >= len || func_nm[at] != want)) return kBizcall;
+        if (at[i] == '\0') return rest_empty(pattern, i) ? kDbio : kBizcall;
+        if (pattern[i] != '\0' && at[i] != pattern[i]) return kBizcall;
     }
     return kDbio;
 }
 
 // At most `Max` characters of `src`, NUL-terminated; empty for null.
 template <size_t Max, size_t N>
-void keep_name(char (&dst)[N], const char* src) {
+[[gnu::always_inline]] inline void keep_name(char (&dst)[N], const char* src) {
     static_assert(Max < N);
     const size_t n = src ? strnlen(src, Max) : 0;
-    std::memcpy(dst, src ? src : "", n);
+    field_detail::copy_short<Max + 1>(dst, src, n);
     dst[n] = '\0';
 }
 
@@ -82,11 +92,10 @@ struct Name {
 };
 
 // The kind's checks shared by start and finish: an open service, then the
-// validation of the record, which writes its service id.
-int validate_call(MTR_CXT_VAR& cxt, char kind, char api_type) {
-    const SvcLevel* level = current_svc_level(cxt);
-    if (!level) return VARNIX_RC_SVC_DEPTH;
-    return trace_validate(cxt, kind, api_type, cxt.log_body, level->svc_id, sizeof level->svc_id, nullptr);
+// validation of the record.  Its service id is written when a record goes.
+int check_call(MTR_CXT_VAR& cxt, char kind) {
+    if (!current_svc_level(cxt)) return VARNIX_RC_SVC_DEPTH;
+    return validate_call(cxt, kind);
 }
 
 // The context of `tid` with its entry, after the library and record checks.
@@ -118,7 +127,7 @@ int callinfo_start(int32_t tid, const StartArgs& a) {
     if (int rc = resolve(tid, kind, &cxt); rc != kOk) return rc;
     PTRC_HASH& e = *cxt->ptrc;
     e.dbio_sts = kind == kDbio ? 1 : 0;
-    if (int rc = validate_call(*cxt, kind, kTranCallinfoSApi); rc != kOk) return rc;
+    if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
 
     // Counted before the checks below, which do not take them back.
     ++e.call_trc_depth;
@@ -271,11 +280,13 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Finis
     put_bytes<kTextWidth>(body + hdr::kEnd, t.data(), static_cast<size_t>(t.size()));
 }
 
-// Header, GID of the open service and length around the text already in
-// the body; the dispatcher's result.
+// Header, GID and service id of the open service and length around the
+// text already in the body; the dispatcher's result.
 int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h) {
-    h.gid = level_gid(*current_svc_level(cxt));
+    const SvcLevel& level = *current_svc_level(cxt);
+    h.gid = level_gid(level);
     write_header(cxt.log_body, kind, h);
+    put_bytes<sizeof level.svc_id>(cxt.log_body + hdr::kSvcId, level.svc_id, sizeof level.svc_id);
     *cxt.log_len = kCallBodyLen;
     return tran_logb(cxt, cxt.log_rec);
 }
@@ -284,7 +295,7 @@ int callinfo_finish(int32_t tid, const FinishArgs& a) {
     const char kind = call_kind(a.func_nm);
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = resolve(tid, kind, &cxt); rc != kOk) return rc;
-    if (int rc = validate_call(*cxt, kind, kTranCallinfoFApi); rc != kOk) return rc;
+    if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
     PTRC_HASH& e = *cxt->ptrc;
     const char* name = a.func_nm ? a.func_nm : "";
     if (e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) {

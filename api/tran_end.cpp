@@ -140,7 +140,7 @@ int service_end(const ServiceKind& kind, const ServiceArgs& a) {
     if (!depth_in_range(cxt, a)) return VARNIX_RC_SVC_DEPTH;
     const int depth = cxt.service_depth;
     const SvcLevel level = cxt.svc_stack[depth - 1];
-    if (int rc = trace_validate(cxt, '2', kind.end_api, cxt.log_body, level.svc_id, sizeof level.svc_id, nullptr);
+    if (int rc = trace_validate(cxt, '2', kind.end_api, cxt.log_body, level.svc_id, sizeof level.svc_id);
         rc != kOk) {
         set_service_depth(cxt, depth - 1);
         return rc;

@@ -109,7 +109,7 @@ void write_sql_header(MTR_CXT_VAR& cxt, const SvcLevel& level, Text date_str, Te
 int report(MTR_CXT_VAR& cxt, const CALL_LVL& call, const Stmt& st, Text date_str, Text time_str) {
     const SvcLevel& level = *current_svc_level(cxt);
     const Text svc_id = level_svc_id(level);
-    if (int rc = trace_validate(cxt, kLogType, kTranSqlStmtApi, cxt.log_body2, svc_id.p, svc_id.len, nullptr);
+    if (int rc = trace_validate(cxt, kLogType, kTranSqlStmtApi, cxt.log_body2, svc_id.p, svc_id.len);
         rc != kOk)
         return rc;
     PTRC_HASH& e = *cxt.ptrc;

@@ -256,17 +256,11 @@ void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller) {
     }
 }
 
-int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
-    // Sequentially consistent: read after the entry gate counted the caller.
-    if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
-    if (tid_arg < 0) {
-        const OwnContext own = own_context;
-        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp) {
-            __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
-            *out = own.cxt;
-            return kOk;
-        }
-    }
+namespace {
+
+// Every lookup but a thread's own that finds its cached context: under the
+// bucket's mutex.
+[[gnu::noinline]] int look_up(int32_t tid_arg, MTR_CXT_VAR** out) {
     const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
     MTR_TID_IDX& bucket = gvar.mtr_tid_idx[tid_arg < 0 ? handle_bucket_of(caller.tid) : bucket_of(caller.tid)];
     BucketLock lock(bucket.mtr_lock);
@@ -293,6 +287,22 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
                    cxt->ptrc->pidx);
     *out = cxt;
     return kOk;
+}
+
+}  // namespace
+
+int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
+    // Sequentially consistent: read after the entry gate counted the caller.
+    if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
+    if (tid_arg < 0) {
+        const OwnContext own = own_context;
+        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp) {
+            __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
+            *out = own.cxt;
+            return kOk;
+        }
+    }
+    return look_up(tid_arg, out);
 }
 
 int context_with_entry(int32_t tid, MTR_CXT_VAR** out) {

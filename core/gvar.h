@@ -9,6 +9,8 @@
 #include <type_traits>
 
 #include "context/mtr_cxt.h"
+#include "core/record_class.h"
+#include "core/status.h"
 #include "varnix_collector.h"
 
 namespace varnix {
@@ -83,8 +85,18 @@ T shm_load(const T* field) {
 // runs.  0 or a status.
 int tran_init(bool reset_que);
 // 0 when an API producing records of `log_type` may proceed; else 99, 100, 101,
-// 103 or 126.
-int check_gvar(char log_type);
+// 103 or 126.  Inline: every entry runs it first.
+inline int check_gvar(char log_type) {
+    // Sequentially consistent: read after the entry gate counted the caller.
+    if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
+    if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
+    const int32_t qcnt = shm_load(gvar.qcnt);
+    if (gvar.que_info_shmid < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT) return VARNIX_RC_NO_QUE_INFO;
+    if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
+    const uint8_t bit = record_class_bit(log_type);
+    if (bit != 0 && (shm_load(gvar.log_flag_set) & bit) == 0) return VARNIX_RC_CLASS_OFF;
+    return kOk;
+}
 void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid);
 // The verdict of the return-code table for a finished call level.
 int is_err_rc(CALL_LVL* lvl);

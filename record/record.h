@@ -89,8 +89,16 @@ inline void write_header(char* body, char log_type, const HeaderArgs& a) {
 void write_thread_ids(const MTR_CXT_VAR& cxt, char* body);
 
 // 0 to go on and send, else the status the API returns without sending.
+// `snapshot_key`: what a service start compares with the trade code of an
+// armed snapshot (read as a C string of at most 15 characters); absent for
+// every other record.
 int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, const char* svc_nm, int svc_len,
-                   const char* snapshot_key);
+                   Text snapshot_key = {});
+
+// trace_validate of a call record, 'B' (DBIO) or 'C' (BIZCALL), for the
+// call's start and finish: the service id is not written (the finish writes
+// it when it sends), and an api type makes no difference to these kinds.
+int validate_call(MTR_CXT_VAR& cxt, char kind);
 
 // Sends `rec` to the queue its GID slice picks: the queue number, 105 when the
 // queue refused it, 102 for a type that is not sent.

@@ -14,6 +14,7 @@ namespace {
 
 constexpr size_t kSvcIdWidth = 16;
 constexpr int8_t kSnapshotDepthMax = 50;
+constexpr size_t kSnapshotKeyMax = 15;  // the longest trade code a snapshot is armed with
 
 struct Switches {
     uint8_t filtering;  // F
@@ -56,13 +57,18 @@ void start_with_service(PTRC_HASH& e, const SVC_HASH& s) {
                  shm_load(&s.dbio_trc_limit), shm_load(&s.sql_trc_limit));
 }
 
-bool snapshot_matches(const PTRC_HASH& e, const char* key) {
-    if (!key || e.snapshot_state != 1) return false;
-    size_t n = strnlen(e.snapshot_tr_cd, sizeof e.snapshot_tr_cd);
-    return strncmp(key, e.snapshot_tr_cd, n) == 0;
+// The key begins with the armed trade code: strncmp over the code's length
+// of the key as a C string of at most 15 characters.
+bool snapshot_matches(const PTRC_HASH& e, Text key) {
+    if (!key.p || e.snapshot_state != 1) return false;
+    const size_t n = strnlen(e.snapshot_tr_cd, sizeof e.snapshot_tr_cd);
+    const size_t k = shown_len<kSnapshotKeyMax>(key);
+    return strnlen(key.p, k) >= n && std::memcmp(key.p, e.snapshot_tr_cd, n) == 0;
 }
 
-int validate_start(MTR_CXT_VAR& cxt, Switches sw, const char* body, const char* snapshot_key) {
+// Only the outermost start has work beyond a few tests: out of line, as the
+// mismatch report is, so that the other record types pay for neither.
+[[gnu::noinline]] int validate_start(MTR_CXT_VAR& cxt, Switches sw, const char* body, Text snapshot_key) {
     PTRC_HASH& e = *cxt.ptrc;
     const bool outermost = cxt.service_depth == 1;
     if (sw.filtering != 0 && outermost) cxt.svc_hash = get_svc_hash(&cxt, body + hdr::kSvcId);
@@ -121,6 +127,14 @@ int validate_class(const MTR_CXT_VAR& cxt, Switches sw, uint8_t bit) {
     return common_tail(*cxt.ptrc);
 }
 
+[[gnu::cold, gnu::noinline]] int mismatch(const MTR_CXT_VAR& cxt, char log_type) {
+    const PTRC_HASH& e = *cxt.ptrc;
+    if (log_type == '1' || log_type == '2')
+        log_printf("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", e.pid,
+                   static_cast<unsigned long>(e.tid), cxt.pid, static_cast<unsigned long>(cxt.tid));
+    return VARNIX_RC_PTRC_MISMATCH;
+}
+
 bool error_without_service_check(char api_type) {
     switch (api_type) {
         case kTranClhStartApi:
@@ -132,20 +146,35 @@ bool error_without_service_check(char api_type) {
     }
 }
 
+// The context has its process-thread entry, and the entry is still its own.
+int entry_check(const MTR_CXT_VAR& cxt, char log_type) {
+    if (cxt.cxt_init_flag == VARNIX_RC_PTRC_FULL || !cxt.ptrc) return VARNIX_RC_PTRC_FULL;
+    const PTRC_HASH& e = *cxt.ptrc;
+    if (e.pid != cxt.pid || e.tid != cxt.tid) return mismatch(cxt, log_type);
+    return kOk;
+}
+
+Switches switches() { return {shm_load(gvar.svc_filtering), shm_load(gvar.log_flag_set)}; }
+
+// A DBIO ('B') or BIZCALL ('C') record inside a service.
+int call_verdict(MTR_CXT_VAR& cxt, Switches sw, char kind) {
+    return kind == 'B' ? validate_dbio(cxt, sw) : validate_class(cxt, sw, VARNIX_FLAG_C);
+}
+
 }  // namespace
 
+int validate_call(MTR_CXT_VAR& cxt, char kind) {
+    if (int rc = entry_check(cxt, kind); rc != kOk) return rc;
+    if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
+    return call_verdict(cxt, switches(), kind);
+}
+
 int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, const char* svc_nm, int svc_len,
-                   const char* snapshot_key) {
-    if (cxt.cxt_init_flag == VARNIX_RC_PTRC_FULL || !cxt.ptrc) return VARNIX_RC_PTRC_FULL;
+                   Text snapshot_key) {
+    if (int rc = entry_check(cxt, log_type); rc != kOk) return rc;
     PTRC_HASH& e = *cxt.ptrc;
-    if (e.pid != cxt.pid || e.tid != cxt.tid) {
-        if (log_type == '1' || log_type == '2')
-            log_printf("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", e.pid,
-                       static_cast<unsigned long>(e.tid), cxt.pid, static_cast<unsigned long>(cxt.tid));
-        return VARNIX_RC_PTRC_MISMATCH;
-    }
     if (log_type < '1' || log_type > 'X') return VARNIX_RC_BAD_TYPE;
-    const Switches sw{shm_load(gvar.svc_filtering), shm_load(gvar.log_flag_set)};
+    const Switches sw = switches();
     auto write_svc_id = [&] { put_field<kSvcIdWidth>(body + hdr::kSvcId, Text{svc_nm, svc_len}); };
     switch (log_type) {
         case '1':
@@ -161,13 +190,10 @@ int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, c
             write_svc_id();
             return validate_class(cxt, sw, VARNIX_FLAG_E);
         case 'B':
-            if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
-            write_svc_id();
-            return validate_dbio(cxt, sw);
         case 'C':
             if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
             write_svc_id();
-            return validate_class(cxt, sw, VARNIX_FLAG_C);
+            return call_verdict(cxt, sw, log_type);
         case 'I':
             write_svc_id();
             return validate_class(cxt, sw, VARNIX_FLAG_I);
