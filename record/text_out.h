@@ -46,8 +46,10 @@ template <int N>
 class TextOut {
 public:
     TextOut& text(std::string_view s) {
+        // The size of a literal is a constant of the copy when it fits.
         const size_t n = s.size() <= room() ? s.size() : room();
-        std::memcpy(s_ + n_, s.data(), n);
+        if (n == s.size()) std::memcpy(s_ + n_, s.data(), s.size());
+        else std::memcpy(s_ + n_, s.data(), n);
         n_ += static_cast<int>(n);
         return *this;
     }
@@ -69,7 +71,20 @@ public:
         return text(std::string_view(buf, static_cast<size_t>(write_zero_padded(buf, v, width))));
     }
     // "%ld.%06ld"
-    TextOut& secs(int64_t s, int64_t us) { return number(s).ch('.').number(us, 6); }
+    TextOut& secs(int64_t s, int64_t us) {
+        if (us < 0 || us >= 1'000'000 || room() < static_cast<size_t>(kNumberMax + 7))
+            return number(s).ch('.').number(us, 6);
+        if (s == 0) {
+            s_[n_] = '0';
+            n_ += 1;
+        } else {
+            n_ += write_zero_padded(s_ + n_, s, 0);
+        }
+        s_[n_] = '.';
+        write_digits(s_ + n_ + 1, static_cast<uint64_t>(us), 6);
+        n_ += 7;
+        return *this;
+    }
     // "%*.2f" of a float, with a '.' whatever the host's locale.  A float
     // has 24 significant bits, so v x 100 is exact in a double, and rounding
     // that to the nearest integer (ties to even, as printf rounds) gives
