@@ -37,11 +37,12 @@ constexpr int kSignatureCompared = 7;
 constexpr size_t kNameMax = 70;
 constexpr size_t kSourceMax = 100;
 
-// Pattern characters from `from` on are all NUL.
-bool rest_empty(const char* pattern, int from) {
+// The name ended before the pattern's character `from`: DBIO only when no
+// pattern character is left to compare.
+[[gnu::cold, gnu::noinline]] char kind_of_short_name(const char* pattern, int from) {
     for (int i = from; i < kSignatureCompared; ++i)
-        if (pattern[i] != '\0') return false;
-    return true;
+        if (pattern[i] != '\0') return kBizcall;
+    return kDbio;
 }
 
 // DBIO when the function name carries the configured signature: each of the
@@ -55,10 +56,10 @@ bool rest_empty(const char* pattern, int from) {
     if (pos < 0) return kBizcall;
     const char* pattern = gvar.dbio_func_nm;
     for (int32_t i = 0; i < pos; ++i)
-        if (func_nm[i] == '\0') return rest_empty(pattern, 0) ? kDbio : kBizcall;
+        if (func_nm[i] == '\0') return kind_of_short_name(pattern, 0);
     const char* at = func_nm + pos;
     for (int i = 0; i < kSignatureCompared; ++i) {
-        if (at[i] == '\0') return rest_empty(pattern, i) ? kDbio : kBizcall;
+        if (at[i] == '\0') return kind_of_short_name(pattern, i);
         if (pattern[i] != '\0' && at[i] != pattern[i]) return kBizcall;
     }
     return kDbio;
@@ -99,8 +100,14 @@ int check_call(MTR_CXT_VAR& cxt, char kind) {
 }
 
 // The context of `tid` with its entry, after the library and record checks.
+// Every call runs this twice: the calling thread's own context is taken
+// here, without a call, once the checks found tracing on.
 int resolve(int32_t tid, char kind, MTR_CXT_VAR** out) {
     if (int rc = check_gvar(kind); rc != kOk) return rc;
+    if (MTR_CXT_VAR* own = tid < 0 ? own_context_now() : nullptr; own && own->ptrc) {
+        *out = own;
+        return kOk;
+    }
     return context_with_entry(tid, out);
 }
 

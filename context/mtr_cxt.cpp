@@ -32,13 +32,6 @@ namespace {
 // the wiping of the process block, so no stamp cached before it matches).
 std::atomic<uint64_t> next_stamp{1};
 
-// The calling thread's own context, found without the bucket: valid while
-// the slot's stamp is the one it had when found.
-struct OwnContext {
-    MTR_CXT_VAR* cxt = nullptr;
-    uint64_t stamp = 0;
-};
-thread_local OwnContext own_context;
 
 void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* host, int pid) {
     rec.mtype = 1;
@@ -291,14 +284,14 @@ namespace {
 
 }  // namespace
 
+constinit thread_local OwnContext own_context;
+
 int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     // Sequentially consistent: read after the entry gate counted the caller.
     if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
     if (tid_arg < 0) {
-        const OwnContext own = own_context;
-        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp) {
-            __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
-            *out = own.cxt;
+        if (MTR_CXT_VAR* own = own_context_now()) {
+            *out = own;
             return kOk;
         }
     }
