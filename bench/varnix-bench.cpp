@@ -172,12 +172,18 @@ int run_loop(const Rig& rig, const Scenario& sc, long n) {
     c.tally = {};
     const uint64_t before = rig.drainer->received();
     counted_steps(rig, sc, c, n);
-    const double records = static_cast<double>(rig.drainer->received() - before) / static_cast<double>(n);
+    const uint64_t received = rig.drainer->received() - before;
+    const double records = static_cast<double>(received) / static_cast<double>(n);
     const int end_rc = end_scenario(sc, c);
     std::printf("loop %s: %ld steps, records %.3f, fail %llu\n", sc.name, n, records,
                 static_cast<unsigned long long>(c.tally.fails));
     if (c.tally.unexpected) std::fprintf(stderr, "%s: a step returned %d\n", sc.name, c.tally.first_unexpected);
-    return c.tally.unexpected || end_rc != 0 ? 1 : 0;
+    // Every record a step sends arrives, but for those a full queue refused.
+    const uint64_t due = static_cast<uint64_t>(sc.records) * static_cast<uint64_t>(n) - c.tally.fails;
+    if (received != due)
+        std::fprintf(stderr, "%s: %llu records arrived, %llu were sent\n", sc.name,
+                     static_cast<unsigned long long>(received), static_cast<unsigned long long>(due));
+    return c.tally.unexpected || end_rc != 0 || received != due ? 1 : 0;
 }
 
 // The options of this program, taken out of argv before Google Benchmark
