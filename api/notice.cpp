@@ -40,8 +40,9 @@ int send_notice(MTR_CXT_VAR& cxt, const NoticeLayout& layout, const Notice& n, T
         put_field<12>(b + kRecvSvcCdAt, n.recv_svc_cd);
         put_field<4>(b + kChnlClassAt, n.chnl_class);
     }
-    if (layout.msg_width == kEventTextWidth) put_field<static_cast<size_t>(kEventTextWidth)>(b + layout.msg_at, n.msg_text);
-    else put_field<static_cast<size_t>(kNoticeTextWidth)>(b + layout.msg_at, n.msg_text);
+    char* msg = b + layout.msg_at;
+    if (layout.msg_width == kEventTextWidth) put_field<kEventTextWidth>(msg, n.msg_text);
+    else put_field<kNoticeTextWidth>(msg, n.msg_text);
     *cxt.log_len = static_cast<uint32_t>(layout.msg_at + layout.msg_width + 1);
     return tran_logb(cxt, cxt.log_rec);
 }

@@ -16,8 +16,8 @@ struct Notice {
 };
 
 // The widths of a notice's text: an event's, every other notice's.
-inline constexpr int kEventTextWidth = 512;
-inline constexpr int kNoticeTextWidth = 350;
+inline constexpr size_t kEventTextWidth = 512;
+inline constexpr size_t kNoticeTextWidth = 350;
 
 // Where a kind of notice puts its fields after the common header.
 struct NoticeLayout {
@@ -26,7 +26,7 @@ struct NoticeLayout {
     int code_at;       // -1: no code field
     bool has_receiver;  // recv_svc_cd and chnl_class
     int msg_at;
-    int msg_width;  // kEventTextWidth or kNoticeTextWidth
+    size_t msg_width;  // kEventTextWidth or kNoticeTextWidth
 };
 
 // The initialization check for `log_type`, then the context of `tid`: 0

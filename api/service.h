@@ -113,7 +113,9 @@ Printable printable_max(Text t, int cap, int max);
 
 // What a start compares with the trade code of an armed snapshot: the
 // caller's snapshot key, else the channel type column.
-inline Text snapshot_key(const ServiceArgs& a) { return a.snapshot_key.p ? a.snapshot_key : tail_at(a, kTailChnlTypCd); }
+inline Text snapshot_key(const ServiceArgs& a) {
+    return a.snapshot_key.p ? a.snapshot_key : tail_at(a, kTailChnlTypCd);
+}
 
 int service_start(const ServiceKind& kind, const ServiceArgs& a);
 int service_end(const ServiceKind& kind, const ServiceArgs& a);

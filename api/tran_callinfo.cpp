@@ -278,8 +278,9 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Finis
         case Format::kDbioFirst:
         case Format::kDbioLater:
             // The later DBIO form has no blank before the fetch time.
-            t.text("#SQLCODE "sv).number(sql_code).text(", #RC "sv).number(lvl.rc).text(" (line "sv).number(e.fetch_last[2]);
-            t.text(") fetch "sv).number(e.fetch_last[0]).text(p.format == Format::kDbioFirst ? " rows ("sv : " rows("sv);
+            t.text("#SQLCODE "sv).number(sql_code).text(", #RC "sv).number(lvl.rc);
+            t.text(" (line "sv).number(e.fetch_last[2]).text(") fetch "sv).number(e.fetch_last[0]);
+            t.text(p.format == Format::kDbioFirst ? " rows ("sv : " rows("sv);
             t.number(e.fetch_last[1] / 1000).ch('.').number(e.fetch_last[1] % 1000).text(" ms) DB "sv);
             t.text(field_text(e.db_user)).ch('/').text(field_text(e.db_sid));
             break;

@@ -106,7 +106,9 @@ std::string_view svc_string(Text svc) {
 // early, such as channel types.
 bool same_short_text(Text a, Text b, int64_t width) {
     if (width <= 0) return false;
-    const auto cap = [width](Text t) -> int64_t { return !t.p ? 0 : t.len >= 0 ? std::min<int64_t>(t.len, width) : width; };
+    const auto cap = [width](Text t) -> int64_t {
+        return !t.p ? 0 : t.len >= 0 ? std::min<int64_t>(t.len, width) : width;
+    };
     const int64_t ca = cap(a), cb = cap(b);
     for (int64_t i = 0;; ++i) {
         const char x = i < ca ? a.p[i] : '\0';

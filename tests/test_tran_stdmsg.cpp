@@ -137,7 +137,8 @@ TEST_F(TranStdmsg, MovedChannelShortErrorTelegramFixedLayoutAndGateway) {
     EXPECT_LT(call(TRAN_STARTX, "SVCLONGNAME1234", 5) + call(TRAN_STARTX, "ACCT_INQUIRY", 3), 99);
     EXPECT_LT(call(TRAN_ENDX, "ACCT_INQUIRY", 3) + call(TRAN_ENDX, "SVCLONGNAME1234", 5), 99);
     std::string svc_ids;
-    for (const TRAN_LOG_MSG& m : take()) svc_ids += std::string(body_field(m, 0, 1)) + std::string(body_field(m, 56, 16));
+    for (const TRAN_LOG_MSG& m : take())
+        svc_ids += std::string(body_field(m, 0, 1)) + std::string(body_field(m, 56, 16));
     EXPECT_EQ(svc_ids, "1SVCLONGNAME1234 1ACCT_INQU       2ACCT_INQU       2SVCLONGNAME1234 ");
 
     // The older fixed layout: its own offsets, fields read up to a NUL, the binary length as "%08d", the GID at 10
