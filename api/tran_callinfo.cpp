@@ -290,10 +290,11 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Finis
 
 // Header, GID and service id of the open service and length around the
 // text already in the body; the dispatcher's result.
-int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h) {
+int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h, const timeval& end) {
     const SvcLevel& level = *current_svc_level(cxt);
     h.gid = level_gid(level);
-    write_header(cxt.log_body, kind, h);
+    Now now(end);  // the call ended now
+    write_header(cxt.log_body, kind, h, now);
     put_bytes<sizeof level.svc_id>(cxt.log_body + hdr::kSvcId, level.svc_id, sizeof level.svc_id);
     *cxt.log_len = kCallBodyLen;
     return tran_logb(cxt, cxt.log_rec);
@@ -342,7 +343,7 @@ int callinfo_finish(int32_t tid, const FinishArgs& a) {
         --e.call_trc_depth;
         return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
     }
-    const int result = plan.wanted ? send_call_record(*cxt, kind, a.header)
+    const int result = plan.wanted ? send_call_record(*cxt, kind, a.header, lvl.end_tv)
                                    : kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
     --e.call_trc_depth;
     return result;

@@ -65,6 +65,9 @@ struct HeaderArgs {
 // the time of the call.
 class Now {
 public:
+    Now() = default;
+    // A reading the caller already took.
+    explicit Now(const timeval& taken) : tv_(taken), read_(true) {}
     const timeval& get() {
         if (!read_) {
             tv_ = clock_now();
