@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 
 #include "api/notice.h"
 #include "core/encoding_util.h"
@@ -162,6 +163,33 @@ TextOut<128> piece_header(const SQL_SLOT& slot, int slot_no, int cnt, int piece)
     return h;
 }
 
+bool is_cut_byte(char c) { return static_cast<unsigned char>(c) >= 0xB0 && static_cast<unsigned char>(c) <= 0xC8; }
+
+// Bytes of `text` that go into a piece with `room` bytes for text: cut on a
+// character boundary when the rest does not fit.  A piece that is cut short
+// is space-padded, and only the character rule shortens one, so the piece
+// after it begins with a byte the rule drops (0xB0..0xC8).  A reader tells
+// padding from the text's own spaces by that byte: whenever the first
+// non-space byte after a cut is such a byte, the piece before it ends on a
+// non-space byte, its own spaces going into the next piece; a piece of
+// spaces alone, unless it is the last, fills its room.
+int piece_length(const char* text, int remaining, int room) {
+    if (remaining <= room) return remaining;
+    int n = hcut(text, remaining, room, kEncEucKr);
+    if (n < 1) {
+        n = room;
+        log_printf("<!> send_len(%d) length error", n);
+    }
+    const char* after = std::find_if(text + n, text + remaining, [](char c) { return c != ' '; });
+    if (after == text + remaining || !is_cut_byte(*after)) return n;
+    const char* last = std::find_if(std::make_reverse_iterator(text + n), std::make_reverse_iterator(text),
+                                    [](char c) { return c != ' '; })
+                           .base();
+    // Spaces alone fill the whole room, even when that splits the character
+    // after them.
+    return last == text ? room : static_cast<int>(last - text);
+}
+
 // Sends one statement as pieces cut on character boundaries; the last send's
 // result.
 int send_slot(MTR_CXT_VAR& cxt, SQL_SLOT& slot, int slot_no, int cnt) {
@@ -173,15 +201,7 @@ int send_slot(MTR_CXT_VAR& cxt, SQL_SLOT& slot, int slot_no, int cnt) {
         const TextOut<128> head = piece_header(slot, slot_no, cnt, piece);
         const int h = head.size();
         const int room = kTextField - h;
-        const int remaining = len - offset;
-        int n = remaining;
-        if (remaining >= room) {
-            n = hcut(slot.sql_text + offset, remaining, room, kEncEucKr);
-            if (n < 1) {
-                n = room;
-                log_printf("<!> send_len(%d) length error", n);
-            }
-        }
+        const int n = piece_length(slot.sql_text + offset, len - offset, room);
         std::memcpy(text_field, head.data(), static_cast<size_t>(h));
         set_log_field(slot.sql_text + offset, n, text_field + h, room, 1);
         *cxt.log_len2 = kBodyLen;

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "collector/kit.h"
+#include "kit/collector.h"
 
 namespace varnix::bench {
 

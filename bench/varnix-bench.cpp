@@ -24,7 +24,7 @@
 
 #include "bench/drainer.h"
 #include "bench/scenarios.h"
-#include "collector/session.h"
+#include "kit/session.h"
 #include "varnix.h"
 
 #if defined(VARNIX_HAVE_CALLGRIND)

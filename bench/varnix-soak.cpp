@@ -25,7 +25,7 @@
 #include <cstring>
 
 #include "bench/app_calls.h"
-#include "collector/session.h"
+#include "kit/session.h"
 #include "varnix.h"
 
 namespace {

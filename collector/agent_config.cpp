@@ -1,8 +1,11 @@
 #include "collector/agent_config.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string_view>
 
 #include "core/readcfg.h"
 
@@ -27,6 +30,7 @@ constexpr KeySpec kKeys[] = {
     {"COMMON", "LOG_HOME", 1, Kind::Text},
     {"COMMON", "TONG_LOG_HOME", 1, Kind::Text},
     {"TRAN_LOGF", "LOG_INTERFACE", 1, Kind::Text},
+    {"TRAN_LOGF", "TR_SECTION", 1, Kind::Text},
     {"TRAN_LOGF", "QUE_CNT", 1, Kind::Count},
     {"TRAN_LOGF", "MAX_QUE_CNT", 1, Kind::Count},
     {"TRAN_LOGF", "TRAN_LOG_FLAG_SET", 1, Kind::Text},
@@ -50,6 +54,50 @@ constexpr KeySpec kKeys[] = {
     {"DATA_SIGNATURE", "DBIO_FUNC", 2, Kind::Text},
     {"SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", 1, Kind::Number},
 };
+
+// Keys that may be left out: the agent's own, and the error-code rules.
+constexpr KeySpec kOptional[] = {
+    {"TRAN_LOGF", "FST_ERR_RC_SET", 1, Kind::Text},
+    {"VARNIX_AGENT", "OTLP_URL", 1, Kind::Text},
+    {"VARNIX_AGENT", "IPC_MODE", 1, Kind::Text},
+    {"VARNIX_AGENT", "IPC_GROUP", 1, Kind::Text},
+};
+
+bool is_known(std::string_view section, std::string_view key) {
+    auto named = [&](const KeySpec& k) { return section == k.section && key == k.key; };
+    return std::any_of(std::begin(kKeys), std::end(kKeys), named) ||
+           std::any_of(std::begin(kOptional), std::end(kOptional), named);
+}
+
+std::string_view trimmed(std::string_view s) {
+    const size_t from = s.find_first_not_of(" \t\r\n");
+    if (from == std::string_view::npos) return {};
+    return s.substr(from, s.find_last_not_of(" \t\r\n") - from + 1);
+}
+
+// Names every key line that is not a key of kKeys or kOptional in its
+// section, as the reader sees sections and keys; false when there is one.
+bool only_known_keys(const char* cfg) {
+    std::FILE* fp = std::fopen(cfg, "r");
+    if (!fp) return true;  // check_config said it
+    char line[4096];
+    std::string section;
+    bool ok = true;
+    for (int no = 1; std::fgets(line, sizeof line, fp); ++no) {
+        const std::string_view l(line);
+        if (l[0] == '[') {
+            section = trimmed(l.substr(1, l.find(']') - 1));
+            continue;
+        }
+        const std::string_view word = trimmed(l).substr(0, trimmed(l).find_first_of(" \t="));
+        if (l[0] == '#' || word.empty() || is_known(section, word)) continue;
+        std::fprintf(stderr, "varnix-agent: %s:%d: unknown key %.*s in section %s\n", cfg, no,
+                     static_cast<int>(word.size()), word.data(), section.empty() ? "(none)" : section.c_str());
+        ok = false;
+    }
+    std::fclose(fp);
+    return ok;
+}
 
 bool read_number(const char* cfg, const char* section, const char* key, int token, long& value, bool& present) {
     char t[kCfgTokenMax + 1];
@@ -94,7 +142,7 @@ bool check_config(const char* cfg) {
     if (std::FILE* fp = std::fopen(cfg, "r"))
         std::fclose(fp);
     else {
-        std::fprintf(stderr, "varnix-agent: cannot read the configuration %s\n", cfg);
+        std::fprintf(stderr, "varnix-agent: cannot read the configuration %s: %s\n", cfg, std::strerror(errno));
         return false;
     }
     for (const KeySpec& k : kKeys) {
@@ -111,6 +159,24 @@ bool check_config(const char* cfg) {
     return true;
 }
 
+bool check_every_key(const char* cfg) {
+    bool ok = only_known_keys(cfg);
+    char letters[kCfgTokenMax + 1];
+    std::string unknown;
+    if (get_nth_token_in_file_section(cfg, "TRAN_LOGF", "TRAN_LOG_FLAG_SET", 1, letters) == 1 &&
+        std::strcmp(letters, "-") != 0)
+        for (const char* p = letters; *p; ++p)
+            if (!std::strchr(kFlagLetters, *p) && unknown.find(*p) == std::string::npos) unknown += *p;
+    if (!unknown.empty()) {
+        std::fprintf(stderr,
+                     "varnix-agent: %s: key TRAN_LOG_FLAG_SET (section TRAN_LOGF): unknown record classes %s (letters "
+                     "of %s, or -)\n",
+                     cfg, unknown.c_str(), kFlagLetters);
+        ok = false;
+    }
+    return ok;
+}
+
 ConfigKeys config_keys(const char* cfg) {
     ConfigKeys c;
     c.keys.que_info = static_cast<key_t>(number(cfg, "IPC_SHARED_MEMORY", "TRAN_LOGF_QUE_INFO_SHMKEY"));
@@ -121,6 +187,32 @@ ConfigKeys config_keys(const char* cfg) {
     c.keys.msgq = static_cast<key_t>(number(cfg, "IPC_MESSAGE_QUE", "TRAN_LOGF_MSGQKEY"));
     c.max_que_cnt = static_cast<int>(number(cfg, "TRAN_LOGF", "MAX_QUE_CNT"));
     return c;
+}
+
+std::string optional_token(const char* cfg, const char* section, const char* key) {
+    std::FILE* fp = std::fopen(cfg, "r");
+    if (!fp) return "";
+    // Read as the library's reader reads: the section is the first header (a
+    // line that opens with '[') holding its name, and ends at the next one;
+    // a key line is "KEY = token ...".
+    char line[1024];
+    bool in_section = false;
+    std::string token;
+    while (token.empty() && std::fgets(line, sizeof line, fp)) {
+        if (line[0] == '[') {
+            if (in_section) break;
+            in_section = std::strstr(line, section) != nullptr;
+            continue;
+        }
+        char* save = nullptr;
+        const char* word = in_section ? strtok_r(line, " \t\n=", &save) : nullptr;
+        if (!word || std::strcmp(word, key) != 0) continue;
+        const char* eq = std::strchr(word + std::strlen(word) + 1, '=');
+        char* rest = const_cast<char*>(eq ? eq + 1 : save);
+        if (const char* first = strtok_r(rest, " \t\r\n", &save)) token = first;
+    }
+    std::fclose(fp);
+    return token.substr(0, kCfgTokenMax);
 }
 
 }  // namespace varnix::agent

@@ -14,18 +14,20 @@
 namespace varnix::agent {
 namespace {
 
-std::string describe(const char* kind, const char* name, key_t key) {
-    char buf[128];
-    std::snprintf(buf, sizeof buf, "%s %s (key %d)", kind, name, static_cast<int>(key));
-    return buf;
+// What an operator does about a failed look-up or attachment.
+const char* hint(int err) {
+    if (err == ENOENT) return "; is the agent running?";
+    if (err == EACCES) return "; the objects are for their owner and the members of their group (ipcs -c)";
+    return "";
 }
 
 void* attach(key_t key, size_t size, int flags, const char* name) {
     const int id = shmget(key, size, 0);
     void* addr = id < 0 ? reinterpret_cast<void*>(-1) : shmat(id, nullptr, flags);
     if (addr == reinterpret_cast<void*>(-1)) {
-        std::fprintf(stderr, "varnix-agent: shared memory %s (key %d): %s; is the agent running?\n", name,
-                     static_cast<int>(key), std::strerror(errno));
+        const int err = errno;
+        std::fprintf(stderr, "varnix-agent: shared memory %s (key 0x%08x): %s%s\n", name, static_cast<unsigned>(key),
+                     std::strerror(err), hint(err));
         return nullptr;
     }
     return addr;
@@ -33,34 +35,14 @@ void* attach(key_t key, size_t size, int flags, const char* name) {
 
 int semaphore(key_t key, const char* name) {
     const int id = semget(key, 1, 0);
+    const int err = errno;
     if (id < 0)
-        std::fprintf(stderr, "varnix-agent: semaphore %s (key %d): %s\n", name, static_cast<int>(key),
-                     std::strerror(errno));
+        std::fprintf(stderr, "varnix-agent: semaphore set %s (key 0x%08x): %s%s\n", name, static_cast<unsigned>(key),
+                     std::strerror(err), hint(err));
     return id;
 }
 
 }  // namespace
-
-std::vector<std::string> existing_objects(const ConfigKeys& c) {
-    std::vector<std::string> found;
-    const struct {
-        const char* name;
-        key_t key;
-    } shms[] = {{"TRAN_LOGF_QUE_INFO", c.keys.que_info},
-                {"SVC_HASH_TBL", c.keys.svc_shm},
-                {"PTRC_HASH_TBL", c.keys.ptrc_shm}},
-      sems[] = {{"SVC_HASH_TBL", c.keys.svc_sem}, {"PTRC_HASH_TBL", c.keys.ptrc_sem}};
-    for (const auto& s : shms)
-        if (shmget(s.key, 0, 0) >= 0) found.push_back(describe("shared memory", s.name, s.key));
-    for (const auto& s : sems)
-        if (semget(s.key, 0, 0) >= 0) found.push_back(describe("semaphore", s.name, s.key));
-    for (int i = 0; i < c.max_que_cnt; ++i) {
-        char name[32];
-        std::snprintf(name, sizeof name, "queue %d", i);
-        if (msgget(c.keys.msgq + i, 0) >= 0) found.push_back(describe("message", name, c.keys.msgq + i));
-    }
-    return found;
-}
 
 bool Attached::open(const char* cfg, unsigned parts, bool writable) {
     if (!check_config(cfg)) return false;

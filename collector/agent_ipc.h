@@ -3,15 +3,9 @@
 // under which the shared tables' chains and stacks change.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "collector/agent_config.h"
 
 namespace varnix::agent {
-
-// Names and keys of the objects of `keys` that exist already.
-std::vector<std::string> existing_objects(const ConfigKeys& c);
 
 class Attached {
 public:

@@ -4,13 +4,14 @@
 
 #include <string_view>
 
-#include "collector/json_record.h"
+#include "collector/record_fields.h"
 
 namespace varnix::agent {
 
 // Adds the figures of `text` to `out`; false when even the leading numbers
 // (levels and the six times) are not there.  A text cut at its field's width
-// gives the fields before the cut.
-bool parse_call_text(std::string_view text, char kind, Json& out);
+// gives the fields before the cut; empty names are left out.  Texts are
+// views into `text`.
+bool parse_call_text(std::string_view text, char kind, Fields& out);
 
 }  // namespace varnix::agent

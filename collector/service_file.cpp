@@ -38,7 +38,7 @@ bool to_flags(const char* t, uint8_t& flags) {
 }
 
 // A listing from the six columns of a line, or the reason it is none.
-const char* parse_line(char* line, kit::ServiceListing& s) {
+const char* parse_line(char* line, collector::ServiceListing& s) {
     char* col[7] = {};
     int n = 0;
     char* save = nullptr;
@@ -63,7 +63,7 @@ std::string padded_id(const std::string& id) {
     return p;
 }
 
-void update_entry(SVC_HASH& e, const kit::ServiceListing& s) {
+void update_entry(SVC_HASH& e, const collector::ServiceListing& s) {
     e.svc_flag_set = s.flags;
     e.call_trc_depth = s.call_trc_depth;
     e.call_trc_limit = s.call_trc_limit;
@@ -91,7 +91,7 @@ void drop_entry(SVC_HASH_TBL& tbl, uint32_t n) {
 
 }  // namespace
 
-bool read_service_file(const std::string& path, std::vector<kit::ServiceListing>& out) {
+bool read_service_file(const std::string& path, std::vector<collector::ServiceListing>& out) {
     std::FILE* fp = std::fopen(path.c_str(), "r");
     if (!fp) {
         std::fprintf(stderr, "varnix-agent: %s: %s\n", path.c_str(), std::strerror(errno));
@@ -103,7 +103,7 @@ bool read_service_file(const std::string& path, std::vector<kit::ServiceListing>
     for (int no = 1; ok && std::fgets(line, sizeof line, fp); ++no) {
         const char* p = line + std::strspn(line, " \t");
         if (*p == '#' || *p == '\n' || *p == '\r' || *p == '\0') continue;
-        kit::ServiceListing s;
+        collector::ServiceListing s;
         const char* why = parse_line(line, s);
         if (!why && !ids.insert(s.svc_id).second) why = "service listed twice";
         if (!why && out.size() == VARNIX_TBL_ENTRIES) why = "more services than the table holds";
@@ -117,11 +117,11 @@ bool read_service_file(const std::string& path, std::vector<kit::ServiceListing>
     return ok;
 }
 
-void load_services(SVC_HASH_TBL& tbl, const std::vector<kit::ServiceListing>& listings) {
+void load_services(SVC_HASH_TBL& tbl, const std::vector<collector::ServiceListing>& listings) {
     HASH_IDX_STK& used = tbl.svc_used_stk;
     if (used.cnt > VARNIX_TBL_ENTRIES || tbl.svc_free_stk.cnt > VARNIX_TBL_ENTRIES) {
         init_svc_hash_tbl(tbl);  // nothing in it can be trusted: built afresh
-        for (const kit::ServiceListing& s : listings) kit::add_service(tbl, s);
+        for (const collector::ServiceListing& s : listings) collector::add_service(tbl, s);
         return;
     }
     std::map<std::string, size_t> wanted;  // padded id -> listing
@@ -142,7 +142,7 @@ void load_services(SVC_HASH_TBL& tbl, const std::vector<kit::ServiceListing>& li
     }
     // New ones are complete before they are linked.
     for (size_t i = 0; i < listings.size(); ++i)
-        if (!present[i]) kit::add_service(tbl, listings[i]);
+        if (!present[i]) collector::add_service(tbl, listings[i]);
     // From the top down: the number moved into a freed position has been
     // looked at already.
     for (uint32_t i = used.cnt; i-- > 0;) {

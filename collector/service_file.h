@@ -15,18 +15,18 @@
 #include <string>
 #include <vector>
 
-#include "collector/kit.h"
+#include "collector/service_table.h"
 
 namespace varnix::agent {
 
 // The listings of the file; false, with "FILE:LINE: reason" on standard
 // error, for a file that cannot be read or a line that is not a listing.
-bool read_service_file(const std::string& path, std::vector<kit::ServiceListing>& out);
+bool read_service_file(const std::string& path, std::vector<collector::ServiceListing>& out);
 
 // Makes the table list exactly these services while traced processes read it
 // without a lock: entries of services listed before and after are updated in
 // place, new ones linked once complete, the others unlinked.  A service that
 // stays listed is found at every moment.  The caller holds the semaphore.
-void load_services(SVC_HASH_TBL& tbl, const std::vector<kit::ServiceListing>& listings);
+void load_services(SVC_HASH_TBL& tbl, const std::vector<collector::ServiceListing>& listings);
 
 }  // namespace varnix::agent

@@ -16,8 +16,6 @@
 namespace varnix::agent {
 namespace {
 
-constexpr char kFlagLetters[] = "SEVBCIXQ";
-
 struct Limit {
     const char* name;
     int64_t TRAN_LOGF_QUE_INFO::*field;
@@ -36,7 +34,7 @@ bool to_number(const std::string& t, long long lo, long long hi, long long& v) {
 // What one word changes, applied to `q` (a copy while checking).
 // The reason a word is refused, or null.
 const char* apply(TRAN_LOGF_QUE_INFO& q, const std::string& name, const std::string& value,
-                  std::vector<kit::ServiceListing>* services) {
+                  std::vector<collector::ServiceListing>* services) {
     long long v = 0;
     if (name == "log_flag_set") {
         if (value != "-" && value.find_first_not_of(kFlagLetters) != std::string::npos)
@@ -98,7 +96,7 @@ int set_command(const Options& o) {
     if (!a.open(o.cfg.c_str(), Attached::kQueInfo | Attached::kSvc)) return 1;
     // Checked on a copy first, so that a bad word changes nothing.
     TRAN_LOGF_QUE_INFO copy = *a.que_info;
-    std::vector<kit::ServiceListing> services;
+    std::vector<collector::ServiceListing> services;
     bool load = false;
     for (const std::string& word : o.args) {
         std::string name, value;

@@ -91,8 +91,14 @@ int top_command(const Options& o) {
         show_table(*a.ptrc);
         return 0;
     }
-    for (;;) {  // until interrupted
-        std::printf("\033[H\033[2J");
+    // A terminal's screen is cleared before each view; a file or a pipe
+    // gets the views one after another, a blank line between them.
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    for (bool first = true;; first = false) {  // until interrupted
+        if (terminal)
+            std::printf("\033[H\033[2J");
+        else if (!first)
+            std::printf("\n");
         show_table(*a.ptrc);
         sleep(1);
     }

@@ -1,9 +1,11 @@
 // The process-thread table is shared by every traced process on the host and
 // by the collector.  Chains, stacks and used_cnt change only under the
 // PTRC_HASH_TBL semaphore, which every caller of get_ptrc_hash holds; an entry
-// once handed out is written by its own thread alone.  Nothing read from the
-// table is used as an index before it is range-checked: a corrupt table must
-// stop tracing, never crash the host.
+// once handed out is written by its own thread alone.  The process holds the
+// entry's owner token (context/ptrc_owner.h) from right after the pop, so an
+// entry off the free stack whose token is down belongs to nobody.  Nothing
+// read from the table is used as an index before it is range-checked: a
+// corrupt table must stop tracing, never crash the host.
 #include "context/get_ptrc_hash.h"
 
 #include <algorithm>
@@ -14,6 +16,7 @@
 
 #include "context/hash.h"
 #include "context/ptrc_hash_stk.h"
+#include "context/ptrc_owner.h"
 #include "context/tables.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
@@ -124,19 +127,26 @@ void link_entry(PTRC_HASH_TBL& tbl, uint32_t n, uint32_t bucket, int32_t last) {
 
 }  // namespace
 
-PTRC_HASH* get_ptrc_hash(MTR_CXT_VAR* cxt, DeferredLine* created) {
-    PTRC_HASH_TBL* tbl = gvar.ptrc_hash_tbl;
+PTRC_HASH* get_ptrc_hash(PTRC_HASH_TBL* tbl, int semid, MTR_CXT_VAR* cxt, DeferredLine* created) {
     Key key;
     if (!tbl || !cxt || cxt->idx < 0 || cxt->idx >= kMtrBuckets || !format_key(*cxt, key)) return nullptr;
     uint32_t bucket = get_hidx(key, kKeyIdent, kBucketMask);
     ChainPos pos = walk_chain(*tbl, bucket, key);
-    if (pos.found) return pos.found;
+    if (pos.found) {
+        // Its own entry from before, normally with the token still held.
+        const auto n = static_cast<uint32_t>(pos.found - tbl->entry);
+        return take_owner_token(semid, n) ? pos.found : nullptr;
+    }
     if (pos.corrupt) {
         report_corrupt_chain(*tbl, *cxt);
         return nullptr;
     }
     uint32_t n = ptrc_hash_pop(&tbl->free_stk);
     if (n >= VARNIX_TBL_ENTRIES) return nullptr;  // empty, or a number that cannot be an entry: full
+    if (!take_owner_token(semid, n)) {
+        ptrc_hash_push(&tbl->free_stk, n);  // where it was: the pop left room
+        return nullptr;
+    }
     init_entry(tbl->entry[n], *cxt, key);
     link_entry(*tbl, n, bucket, pos.last);
     // used_stk is the collector's list of registrations; were it full, its

@@ -18,10 +18,12 @@
 
 #include "context/get_ptrc_hash.h"
 #include "context/mtr_cxt.h"
+#include "context/ptrc_owner.h"
 #include "context/ptrc_sem.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
+#include "core/throttle.h"
 #include "record/log_field.h"
 #include "record/record.h"
 
@@ -42,6 +44,28 @@ void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* 
     put_number(body + 138, 8, pid);
 }
 
+// Registers the context in the process-thread table attached now: 0, or 116
+// with the context left without an entry.
+int register_entry(MTR_CXT_VAR& cxt) {
+    DeferredLine created;  // written after the semaphore is released
+    PtrcSemGuard sem;
+    cxt.ptrc = sem.owns() ? get_ptrc_hash(sem.attach().tbl, sem.attach().semid, &cxt, &created) : nullptr;
+    if (!cxt.ptrc) {
+        cxt.cxt_init_flag = VARNIX_RC_PTRC_FULL;
+        return VARNIX_RC_PTRC_FULL;
+    }
+    cxt.gen = sem.attach().gen;
+    cxt.cxt_init_flag = 0;
+    return kOk;
+}
+
+// Out of any service, as at registration.
+void leave_services(MTR_CXT_VAR& cxt) {
+    cxt.service_depth = 0;
+    cxt.log_bit = 0;
+    cxt.svc_hash = nullptr;
+}
+
 // Fills the context taken for `tid` and registers it in the process-thread
 // table: 0, or 116 with the slot left free.
 int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t ktid) {
@@ -49,20 +73,9 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     cxt.tid = tid;
     cxt.idx = bucket.mtr_tid_idx;
     cxt.ktid = ktid;
-    DeferredLine created;  // written after the semaphore is released
-    {
-        PtrcSemGuard sem;
-        cxt.ptrc = sem.owns() ? get_ptrc_hash(&cxt, &created) : nullptr;
-        if (!cxt.ptrc) {
-            cxt.cxt_init_flag = VARNIX_RC_PTRC_FULL;
-            return VARNIX_RC_PTRC_FULL;
-        }
-        cxt.cxt_init_flag = 0;
-    }
+    if (int rc = register_entry(cxt); rc != kOk) return rc;
     cxt.in_use = 1;
-    cxt.service_depth = 0;
-    cxt.log_bit = 0;
-    cxt.svc_hash = nullptr;
+    leave_services(cxt);
     cxt.gid_key_len = -1;
     cxt.lasted_access = std::time(nullptr);
     int pid = static_cast<int>(getpid());
@@ -71,6 +84,9 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     write_thread_ids(cxt, cxt.log_body);
     write_thread_ids(cxt, cxt.log_body2);
     set_log_field(gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm, -1, cxt.log_body + 40, 15, 1);
+    // Blank service levels: a level read before any service wrote it must
+    // not carry NUL bytes or a previous thread's identity into a record.
+    std::memset(cxt.svc_stack, ' ', sizeof cxt.svc_stack);
     __atomic_store_n(&cxt.stamp, next_stamp.fetch_add(1, std::memory_order_relaxed), __ATOMIC_RELEASE);
     return kOk;
 }
@@ -89,9 +105,6 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out
     MTR_CXT_VAR* cxt = get_empty_mtr_cxt_var(bucket.mtr_var);
     if (!cxt) return VARNIX_RC_NO_CONTEXT;
     if (int rc = create_context(bucket, *cxt, tid, ktid); rc != kOk) return rc;
-    // Blank service levels: a level read before any service wrote it must
-    // not carry NUL bytes or a previous thread's identity into a record.
-    std::memset(cxt->svc_stack, ' ', sizeof cxt->svc_stack);
     bucket.mtr_idx_list[bucket.mtr_cnt++] = MtrIdxEntry{tid, cxt};
     std::sort(bucket.mtr_idx_list, bucket.mtr_idx_list + bucket.mtr_cnt,
               [](const MtrIdxEntry& a, const MtrIdxEntry& b) { return comp_chk_tid(a, b) < 0; });
@@ -100,11 +113,34 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out
     return kOk;
 }
 
+// The context's entry lies in a process-thread table that the collector has
+// replaced since: the thread registers in the table attached now, out of any
+// service.  A service it had open is forgotten, since its state lay in the
+// entry, which is not read again; its records were cut off with the old
+// queues anyway.  The context keeps its slot, its records and its service
+// levels: a call that was inside when it registered again (an end that sends
+// an event of its own) finishes as it began.  0, or 116 with the context left
+// to register on the thread's next call.
+int register_again(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt) {
+    if (cxt.service_depth != 0)
+        log_printf("(I) mtr_tid_idx#%d, tid %lu service (depth %d) dropped: ptrc_hash_tbl re-created", bucket.mtr_tid_idx,
+                   static_cast<unsigned long>(cxt.tid), cxt.service_depth);
+    leave_services(cxt);
+    if (int rc = register_entry(cxt); rc != kOk) return rc;
+    write_thread_ids(cxt, cxt.log_body);
+    write_thread_ids(cxt, cxt.log_body2);
+    return kOk;
+}
+
+Throttle bucket_busy_report{1'000'000};
+
 // The bucket mutex is held only for list work and for one bounded semaphore
-// wait, so a waiter gets it soon; the wait is bounded all the same.
+// wait, so a waiter gets it soon; the wait is bounded all the same, and a
+// time-out, which the status cannot tell from a full bucket, is reported (at
+// most once a second).
 class BucketLock {
 public:
-    explicit BucketLock(pthread_mutex_t& m) : m_(m), rc_(pthread_mutex_trylock(&m)) {
+    explicit BucketLock(MTR_TID_IDX& bucket) : m_(bucket.mtr_lock), rc_(pthread_mutex_trylock(&m_)) {
         if (rc_ != EBUSY) return;
         // The wall clock, as pthread_mutex_timedlock takes it (the race
         // detector knows that call, not its monotonic twin): a clock step
@@ -113,7 +149,10 @@ public:
         (void)clock_gettime(CLOCK_REALTIME, &ts);  // CLOCK_REALTIME is always there
         const int64_t deadline = static_cast<int64_t>(ts.tv_sec) * 1'000'000 + ts.tv_nsec / 1000 + kBucketWaitUs;
         ts = timespec{static_cast<time_t>(deadline / 1'000'000), static_cast<long>(deadline % 1'000'000) * 1000};
-        rc_ = pthread_mutex_timedlock(&m, &ts);
+        rc_ = pthread_mutex_timedlock(&m_, &ts);
+        if (rc_ == ETIMEDOUT && bucket_busy_report.pass())
+            log_printf("<!> mtr_tid_idx#%d mutex busy for %d ms, thread context lookup deferred", bucket.mtr_tid_idx,
+                       static_cast<int>(kBucketWaitUs / 1000));
     }
     ~BucketLock() {
         if (rc_ == 0) (void)pthread_mutex_unlock(&m_);
@@ -124,7 +163,9 @@ public:
     int status() const { return rc_ == 0 ? kOk : rc_ == ETIMEDOUT ? VARNIX_RC_NO_CONTEXT : VARNIX_RC_MUTEX; }
 
 private:
-    static constexpr int64_t kBucketWaitUs = 2 * kPtrcSemWaitMs * 1000;  // a holder may wait for the semaphore twice
+    // A holder may wait for the semaphore twice (more while the collector's
+    // objects are being created anew).
+    static constexpr int64_t kBucketWaitUs = 2 * kPtrcSemWaitMs * 1000;
     pthread_mutex_t& m_;
     int rc_;
 };
@@ -140,7 +181,8 @@ pid_t current_ktid() {
 
 // The entry still describes this context's thread.
 bool entry_is_ours(const MTR_CXT_VAR& cxt) {
-    return cxt.ptrc && cxt.ptrc->pid == cxt.pid && cxt.ptrc->tid == cxt.tid;
+    const PTRC_HASH* e = live_entry(cxt);
+    return e && e->pid == cxt.pid && e->tid == cxt.tid;
 }
 
 // The context was made by another kernel thread that had the same handle: the
@@ -152,10 +194,12 @@ bool left_by_earlier_thread(const MTR_CXT_VAR& cxt, const ThreadKey& caller) {
 void free_context(MTR_TID_IDX& bucket, int pos, const char* thread_state) {
     MTR_CXT_VAR& cxt = *bucket.mtr_idx_list[pos].var;
     const bool ours = entry_is_ours(cxt);
+    const PTRC_HASH* e = live_entry(cxt);
     log_printf("(I) mtr_tid_idx#%d-%d, tid %lu (thread %s, ptrc %d) resource clear.(%d->%d)", bucket.mtr_tid_idx, pos,
-               static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), thread_state,
-               cxt.ptrc ? cxt.ptrc->ptrc_state : 0, bucket.mtr_cnt, bucket.mtr_cnt - 1);
+               static_cast<unsigned long>(bucket.mtr_idx_list[pos].tid), thread_state, e ? e->ptrc_state : 0,
+               bucket.mtr_cnt, bucket.mtr_cnt - 1);
     if (ours) cxt.ptrc->ptrc_state = VARNIX_PTRC_RELEASED;
+    give_back_owner_token(cxt.ptrc);
     __atomic_store_n(&cxt.stamp, 0, __ATOMIC_RELEASE);
     cxt.in_use = 0;
     --bucket.mtr_cnt;
@@ -240,8 +284,12 @@ void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller) {
         const bool process_context = entry.tid == 0 && i == 0 && bucket.mtr_tid_idx == 0;
         const bool alive = process_context || (!left_by_earlier_thread(cxt, caller) && isalive(cxt));
         // A context without an entry, or whose entry now belongs to another
-        // thread, has nothing left to keep: it is treated as released.
-        if (process_context || (alive && entry_is_ours(cxt) && cxt.ptrc->ptrc_state != VARNIX_PTRC_RELEASE_ASKED)) {
+        // thread, has nothing left to keep: it is treated as released.  One
+        // whose entry lies in a replaced table goes only with its thread: the
+        // thread registers again on its next call.
+        const bool replaced = cxt.gen != tables_gen();
+        if (process_context ||
+            (alive && (replaced || (entry_is_ours(cxt) && cxt.ptrc->ptrc_state != VARNIX_PTRC_RELEASE_ASKED)))) {
             bucket.mtr_idx_list[j++] = entry;
             continue;
         }
@@ -256,7 +304,7 @@ namespace {
 [[gnu::noinline]] int look_up(int32_t tid_arg, MTR_CXT_VAR** out) {
     const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
     MTR_TID_IDX& bucket = gvar.mtr_tid_idx[tid_arg < 0 ? handle_bucket_of(caller.tid) : bucket_of(caller.tid)];
-    BucketLock lock(bucket.mtr_lock);
+    BucketLock lock(bucket);
     if (int rc = lock.status(); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = nullptr;
     if (bucket.last_var && bucket.last_var->pid == gvar.pid && bucket.last_var->tid == caller.tid) {
@@ -267,6 +315,8 @@ namespace {
     if (cxt && left_by_earlier_thread(*cxt, caller)) cxt = nullptr;  // the miss reclaims it
     if (!cxt) {
         if (int rc = miss(bucket, caller.tid, caller.ktid, &cxt); rc != kOk) return rc;
+    } else if (cxt->gen != tables_gen()) {
+        if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
     __atomic_store_n(&cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
     if (tid_arg < 0) own_context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};

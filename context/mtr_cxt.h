@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "core/reattach.h"
 #include "varnix_collector.h"
 
 namespace varnix {
@@ -51,6 +52,10 @@ struct MTR_CXT_VAR {
     uint32_t* log_len2;
     SVC_HASH* svc_hash;
     PTRC_HASH* ptrc;
+    // The generation of the process-thread table attachment that ptrc lies in
+    // (core/reattach.h).  Written under the bucket mutex; an entry of an older
+    // generation is never read again.
+    uint32_t gen;
     SvcLevel svc_stack[VARNIX_SVC_DEPTH_MAX];
     TRAN_LOG_MSG log_rec;
     TRAN_LOG_MSG log_rec2;
@@ -85,6 +90,10 @@ struct MTR_TID_IDX {
     MTR_CXT_VAR* last_var;
 };
 
+// The context's process-thread entry, or null when it has none or when it lies
+// in a table the collector has replaced since.
+inline PTRC_HASH* live_entry(const MTR_CXT_VAR& cxt) { return cxt.gen == tables_gen() ? cxt.ptrc : nullptr; }
+
 // The service level now open on the thread (level n describes depth n), or
 // null outside a service.
 inline SvcLevel* current_svc_level(MTR_CXT_VAR& cxt) {
@@ -107,11 +116,13 @@ struct OwnContext {
 extern constinit thread_local OwnContext own_context;
 
 // The lookup's fast path: the calling thread's own context, when it still
-// holds the slot it was found in (its last access now); else null.  Only
-// after tracing was found on.
+// holds the slot it was found in and its entry lies in the table attached now
+// (its last access now); else null.  Only after tracing was found on.
 inline MTR_CXT_VAR* own_context_now() {
     const OwnContext own = own_context;
-    if (!own.cxt || __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) != own.stamp) return nullptr;
+    if (!own.cxt || __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) != own.stamp ||
+        own.cxt->gen != tables_gen())
+        return nullptr;
     __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
     return own.cxt;
 }

@@ -1,13 +1,11 @@
 #include "context/ptrc_sem.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdint>
 
-#include "core/clock.h"
-#include "core/gvar.h"
 #include "core/ipc.h"
 #include "core/log_printf.h"
+#include "core/throttle.h"
 
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
@@ -27,30 +25,38 @@ void held() {}
 void releasing() {}
 #endif
 
-constexpr int64_t kReportEveryUs = 1'000'000;
-std::atomic<int64_t> last_report_us{-kReportEveryUs};
-
-void report_busy(int timeout_ms) {
-    const int64_t now = monotonic_us();
-    int64_t last = last_report_us.load(std::memory_order_relaxed);
-    if (now - last < kReportEveryUs || !last_report_us.compare_exchange_strong(last, now)) return;
-    log_printf("<!> ptrc_hash_tbl semaphore busy for %d ms, thread registration deferred", timeout_ms);
-}
+Throttle busy_report{1'000'000};
 
 }  // namespace
 
-PtrcSemGuard::PtrcSemGuard(int timeout_ms)
-    : owned_(sem_lock_for(gvar.ptrc_hash_semid, 0, kSemUndo, timeout_ms) == 0) {
-    if (owned_)
+PtrcSemGuard::PtrcSemGuard(int timeout_ms) : attach_(current_ptrc()), owned_(false) {
+    int err = take(timeout_ms);
+    // A semaphore removed, while waiting or before, may have been created anew
+    // with the collector's other objects: they are taken up, and the new
+    // semaphore is tried once.
+    if (err != EIDRM && err != EINVAL) return;
+    look_for_new_collector();
+    if (tables_gen() == attach_.gen) return;
+    attach_ = current_ptrc();
+    (void)take(timeout_ms);
+}
+
+int PtrcSemGuard::take(int timeout_ms) {
+    owned_ = sem_lock_for(attach_.semid, 0, kSemUndo, timeout_ms) == 0;
+    if (owned_) {
         held();
-    else if (errno == EAGAIN)
-        report_busy(timeout_ms);
+        return 0;
+    }
+    const int err = errno;
+    if (err == EAGAIN && busy_report.pass())
+        log_printf("<!> ptrc_hash_tbl semaphore busy for %d ms, thread registration deferred", timeout_ms);
+    return err;
 }
 
 PtrcSemGuard::~PtrcSemGuard() {
     if (!owned_) return;
     releasing();
-    (void)sem_unlock(gvar.ptrc_hash_semid, 0, kSemUndo);  // fails only when the semaphore is gone
+    (void)sem_unlock(attach_.semid, 0, kSemUndo);  // fails only when the semaphore is gone
 }
 
 }  // namespace varnix

@@ -91,7 +91,8 @@ inline int check_gvar(char log_type) {
     if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
     if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
     const int32_t qcnt = shm_load(gvar.qcnt);
-    if (gvar.que_info_shmid < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT) return VARNIX_RC_NO_QUE_INFO;
+    if (__atomic_load_n(&gvar.que_info_shmid, __ATOMIC_RELAXED) < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT)
+        return VARNIX_RC_NO_QUE_INFO;
     if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
     const uint8_t bit = record_class_bit(log_type);
     if (bit != 0 && (shm_load(gvar.log_flag_set) & bit) == 0) return VARNIX_RC_CLASS_OFF;

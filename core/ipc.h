@@ -20,6 +20,9 @@ int send_msgq(int qid, const void* msg, int size);
 // most every 100 ms, so that records flow again once the collector re-creates
 // it; the failed record itself is dropped.
 int send_to_queue(int q, const void* msg, int size);
+// Looks every attached queue up again by its key, at once: the collector has
+// created its objects anew.
+void look_up_queues();
 
 int create_sem(key_t key, int nsems);
 int sem_lock(int semid, int semnum, short flags);

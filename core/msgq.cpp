@@ -10,6 +10,7 @@
 #include "core/gvar.h"
 #include "core/ipc.h"
 #include "core/no_cancel.h"
+#include "core/reattach.h"
 
 namespace varnix {
 namespace {
@@ -35,6 +36,14 @@ void look_up_again(int q) {
 
 }  // namespace
 
+void look_up_queues() {
+    const key_t base = __atomic_load_n(&gvar.msgq_key_base, __ATOMIC_RELAXED);
+    for (int q = 0; q < __atomic_load_n(&gvar.msgq_cnt, __ATOMIC_RELAXED); ++q) {
+        const int id = create_msgq(base + q);
+        if (id >= 0) __atomic_store_n(&gvar.msgq_id[q], id, __ATOMIC_RELAXED);
+    }
+}
+
 int create_msgq(key_t key) { return msgget(key, kIpcPerm); }
 
 int send_msgq(int qid, const void* msg, int size) {
@@ -52,8 +61,12 @@ int send_msgq(int qid, const void* msg, int size) {
 int send_to_queue(int q, const void* msg, int size) {
     if (send_msgq(__atomic_load_n(&gvar.msgq_id[q], __ATOMIC_RELAXED), msg, size) == 0) return 0;
     // EAGAIN is a full queue that is still there; EIDRM and EINVAL say that
-    // the id no longer names a queue.
-    if (errno == EIDRM || errno == EINVAL) look_up_again(q);
+    // the id no longer names a queue, and perhaps that the collector has
+    // created all its objects anew.
+    if (errno == EIDRM || errno == EINVAL) {
+        look_up_again(q);
+        look_for_new_collector();
+    }
     return -1;
 }
 

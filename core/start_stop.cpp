@@ -11,6 +11,10 @@
 // in order and, inside it, the process-thread table semaphore once per
 // context: bucket mutex before semaphore, as everywhere.
 //
+// A process-thread table that the collector replaced (core/reattach.cpp) is
+// detached by the writer thread, under main_lock, once no caller can still
+// use it, or by the teardown with the rest.
+//
 // A forked child has only the thread that called fork: it is left untraced,
 // with every lock of the library fresh and nothing of its parent's attached,
 // until it calls TRAN_INIT itself.
@@ -30,8 +34,10 @@
 #include "core/log_printf.h"
 #include "core/mutex.h"
 #include "core/no_cancel.h"
+#include "core/reattach.h"
 #include "core/start_stop.h"
 #include "core/status.h"
+#include "core/throttle.h"
 #include "tong/th_job.h"
 #include "tong/tong.h"
 #include "varnix.h"
@@ -136,7 +142,7 @@ const char* yes_no(bool b) { return b ? "true" : "false"; }
 void close_context(int bucket_no, int pos, int count, uint64_t list_tid, MTR_CXT_VAR& cxt, int64_t deadline_us) {
     const int64_t left_us = deadline_us - monotonic_us();
     PtrcSemGuard sem(left_us > 0 ? static_cast<int>(left_us / 1000) : 0);
-    PTRC_HASH* e = cxt.ptrc;
+    PTRC_HASH* e = live_entry(cxt);
     if (!e) {
         log_printf("(I) mtr_tid_idx[%04d - %d of %d] pid(%d/?\?)-tid(%lu/?\?) closing error. get_ptrc is [ null ]",
                    bucket_no, pos + 1, count, cxt.pid, static_cast<unsigned long>(cxt.tid));
@@ -183,10 +189,15 @@ int detach(Block*& addr, const char* what) {
     return kOk;
 }
 
+// Also a process-thread table that the collector replaced and that is still
+// attached.
 int detach_blocks() {
     if (int rc = detach(gvar.que_info, "tran_logf_que_info"); rc != 0) return rc;
     if (int rc = detach(gvar.svc_hash_tbl, "svc_hash_tbl"); rc != 0) return rc;
-    return detach(gvar.ptrc_hash_tbl, "ptrc_hash_tbl");
+    const void* const ptrc = gvar.ptrc_hash_tbl;
+    if (int rc = detach(gvar.ptrc_hash_tbl, "ptrc_hash_tbl"); rc != 0) return rc;
+    drop_table_attachments(ptrc);
+    return kOk;
 }
 
 // Withdraws init_mark (sequentially consistent: see the entry gate) and waits
@@ -229,6 +240,17 @@ __attribute__((constructor)) void register_fork_handler() {
 }
 
 }  // namespace
+
+void follow_collector() {
+    static Throttle look_period{1'000'000};
+    if (look_period.pass()) {
+        const EntryGate gate;
+        look_for_new_collector();  // it reads init_mark after the gate counted the writer
+    }
+    if (!old_table_pending() || pthread_mutex_trylock(&main_lock) != 0) return;
+    retire_old_table();
+    (void)pthread_mutex_unlock(&main_lock);  // ours, locked just now
+}
 
 int tran_destroy() {
     if (!teardown_pending && gvar.init_mark.load() != kInitMarkReady) return kOk;

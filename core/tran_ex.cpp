@@ -1,10 +1,11 @@
 // Process block and initialization.
 //
 // `gvar` is written by tran_init and teardown, which the process lock of
-// TRAN_INIT/TRAN_DONE serializes.  Application threads read it without a lock:
-// init_mark (acquire) tells them whether the rest is ready, and the fields of
-// the shared control block are read relaxed on every call because the
-// collector process may change them at any time.
+// TRAN_INIT/TRAN_DONE serializes, and its attachments also when the collector
+// creates its objects anew (core/reattach.cpp).  Application threads read it
+// without a lock: init_mark (acquire) tells them whether the rest is ready,
+// and the fields of the shared control block are read relaxed on every call
+// because the collector process may change them at any time.
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -27,6 +28,7 @@
 #include "core/log_printf.h"
 #include "core/mutex.h"
 #include "core/readcfg.h"
+#include "core/reattach.h"
 #include "core/record_class.h"
 #include "core/status.h"
 #include "tong/tong.h"
@@ -65,11 +67,6 @@ bool read_key(const char* section, const char* key, int n, Token& out, bool repo
     if (report) log_printf("<!> tran_init fail, not found section [%s]", key);
     return false;
 }
-
-// The IPC keys of the configuration, read and checked before the first attach.
-struct IpcKeys {
-    key_t que_info, svc_shm, svc_sem, ptrc_shm, ptrc_sem, msgq;
-};
 
 // An IPC key is a decimal number that fits key_t and is not 0.  Key 0 is
 // IPC_PRIVATE, for which the system makes a new private object on every
@@ -284,6 +281,7 @@ int attach_all(const IpcKeys& keys, int max_que_cnt) {
     SharedTable ptrc{keys.ptrc_shm, keys.ptrc_sem, "PTRC_HASH_TBL", "ptrc_hash_tbl", sizeof(PTRC_HASH_TBL),
                      &gvar.ptrc_hash_shmid, &gvar.ptrc_hash_semid, reinterpret_cast<void**>(&gvar.ptrc_hash_tbl)};
     if (int rc = attach_table(ptrc); rc != kOk) return rc;
+    note_attachments(keys);
     return attach_queues(keys.msgq, max_que_cnt);
 }
 
@@ -332,7 +330,8 @@ void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid) {
     if (!fp) return;
     long id = 0;
     char state = 0;
-    (void)std::fscanf(fp, "%ld (%30[^)]) %c", &id, proc_nm, &state);  // a partial match changes what it matched
+    // A partial match changes only what it matched: any count will do.
+    [[maybe_unused]] const int matched = std::fscanf(fp, "%ld (%30[^)]) %c", &id, proc_nm, &state);
     copy_prefix(cont_nm, init_cont_nm, 30);
     std::fclose(fp);
 }

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "collector/service_table.h"
 #include "core/gvar.h"
 #include "fuzz/api_ops.h"
 #include "fuzz/fuzz_session.h"
@@ -106,13 +107,13 @@ void settle(const Args& args, bool init_failed, bool timed_out) {
 void list_services(SVC_HASH_TBL& svc) {
     // One listed service with tight limits, so that filtering and the service
     // table's own limits are reachable; SVC_TRANSFER stays unlisted.
-    varnix::kit::ServiceListing listing;
+    varnix::collector::ServiceListing listing;
     listing.svc_id = "SVC_ACCT_INQUIRY";
     listing.call_trc_depth = 3;
     listing.call_trc_limit = 1;
     listing.dbio_trc_limit = 1;
     listing.sql_trc_limit = 1;
-    if (!varnix::kit::add_service(svc, listing)) std::abort();
+    if (!varnix::collector::add_service(svc, listing)) std::abort();
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 
 #include <cstdlib>
 
-#include "collector/session.h"
+#include "kit/session.h"
 
 namespace varnix::fuzz {
 

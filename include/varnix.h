@@ -14,6 +14,19 @@
 
 #include <stdint.h>
 
+/* The version of the package this header belongs to; the build takes the
+ * project's version from these three lines.  VARNIX_VERSION_NUMBER compares
+ * in #if: 10203 for 1.2.3. */
+#define VARNIX_VERSION_MAJOR 1
+#define VARNIX_VERSION_MINOR 0
+#define VARNIX_VERSION_PATCH 0
+#define VARNIX_VERSION_NUMBER (VARNIX_VERSION_MAJOR * 10000 + VARNIX_VERSION_MINOR * 100 + VARNIX_VERSION_PATCH)
+#define VARNIX_VERSION_TEXT_(n) #n
+#define VARNIX_VERSION_TEXT(n) VARNIX_VERSION_TEXT_(n)
+#define VARNIX_VERSION                                                                      \
+    VARNIX_VERSION_TEXT(VARNIX_VERSION_MAJOR) "." VARNIX_VERSION_TEXT(VARNIX_VERSION_MINOR) "." \
+        VARNIX_VERSION_TEXT(VARNIX_VERSION_PATCH)
+
 #ifndef VARNIX_API
 #define VARNIX_API __attribute__((visibility("default")))
 #endif
@@ -31,7 +44,7 @@ enum {
     VARNIX_RC_ALREADY_INIT = 104,
     VARNIX_RC_SEND_FAIL = 105,      /* the queue refused the record */
     VARNIX_RC_NO_ENV = 106,         /* a required environment variable is missing */
-    VARNIX_RC_NO_CONTEXT = 107,     /* no free thread context in the bucket */
+    VARNIX_RC_NO_CONTEXT = 107,     /* no free thread context in the bucket, or its mutex stayed busy (logged) */
     VARNIX_RC_NOT_TRACED = 109,     /* call finish not traced at this depth */
     VARNIX_RC_BIZ_FAST = 110,       /* BIZCALL below its limit: no record */
     VARNIX_RC_DBIO_FAST = 111,      /* DBIO below its limit: no record */

@@ -10,7 +10,6 @@
 #ifndef VARNIX_COLLECTOR_H
 #define VARNIX_COLLECTOR_H
 
-#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/time.h>
@@ -22,6 +21,19 @@
 
 #ifdef __cplusplus
 extern "C" {
+#endif
+
+/* VARNIX_LAYOUT_CHECK(cond, what): a compile-time check of the layouts below.
+ * C99 has no static assertion: there a false condition declares an array of
+ * negative size, named after the line, which every compiler rejects. */
+#if defined(__cplusplus)
+#define VARNIX_LAYOUT_CHECK(cond, what) static_assert(cond, what)
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+#define VARNIX_LAYOUT_CHECK(cond, what) _Static_assert(cond, what)
+#else
+#define VARNIX_LAYOUT_NAME_(line) varnix_layout_check_##line
+#define VARNIX_LAYOUT_NAME(line) VARNIX_LAYOUT_NAME_(line)
+#define VARNIX_LAYOUT_CHECK(cond, what) typedef char VARNIX_LAYOUT_NAME(__LINE__)[(cond) ? 1 : -1]
 #endif
 
 /* ---- Shared control block ------------------------------------------------ */
@@ -59,18 +71,18 @@ typedef struct TRAN_LOGF_QUE_INFO {
     char reserved5[4];
 } TRAN_LOGF_QUE_INFO;
 
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, que_mask) == 4, "que_mask");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, magic_code) == 8, "magic_code");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, log_flag_set) == 12, "log_flag_set");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, fst_err_rc_set) == 13, "fst_err_rc_set");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, call_trc_depth) == 144, "call_trc_depth");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, call_trc_limit) == 152, "call_trc_limit");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, dbio_trc_limit) == 160, "dbio_trc_limit");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, sql_trc_limit) == 168, "sql_trc_limit");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, svc_filtering) == 176, "svc_filtering");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, tong_log_flag) == 178, "tong_log_flag");
-static_assert(offsetof(TRAN_LOGF_QUE_INFO, msgq_fail_cnt) == 180, "msgq_fail_cnt");
-static_assert(sizeof(TRAN_LOGF_QUE_INFO) == 248, "TRAN_LOGF_QUE_INFO size");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, que_mask) == 4, "que_mask");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, magic_code) == 8, "magic_code");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, log_flag_set) == 12, "log_flag_set");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, fst_err_rc_set) == 13, "fst_err_rc_set");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, call_trc_depth) == 144, "call_trc_depth");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, call_trc_limit) == 152, "call_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, dbio_trc_limit) == 160, "dbio_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, sql_trc_limit) == 168, "sql_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, svc_filtering) == 176, "svc_filtering");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, tong_log_flag) == 178, "tong_log_flag");
+VARNIX_LAYOUT_CHECK(offsetof(TRAN_LOGF_QUE_INFO, msgq_fail_cnt) == 180, "msgq_fail_cnt");
+VARNIX_LAYOUT_CHECK(sizeof(TRAN_LOGF_QUE_INFO) == 248, "TRAN_LOGF_QUE_INFO size");
 
 /* ---- Index stacks (u32 count, then entry numbers) ------------------------ */
 
@@ -82,7 +94,7 @@ typedef struct HASH_IDX_STK {
     uint32_t idx[VARNIX_TBL_ENTRIES];
 } HASH_IDX_STK;
 
-static_assert(sizeof(HASH_IDX_STK) == 40004, "HASH_IDX_STK size");
+VARNIX_LAYOUT_CHECK(sizeof(HASH_IDX_STK) == 40004, "HASH_IDX_STK size");
 
 /* The large index stack of the collector side; the library never uses one. */
 #define VARNIX_JCACHE_ENTRIES 2000000
@@ -92,7 +104,7 @@ typedef struct JCACHE_IDX_STK {
     uint32_t idx[VARNIX_JCACHE_ENTRIES];
 } JCACHE_IDX_STK;
 
-static_assert(sizeof(JCACHE_IDX_STK) == 8000004, "JCACHE_IDX_STK size");
+VARNIX_LAYOUT_CHECK(sizeof(JCACHE_IDX_STK) == 8000004, "JCACHE_IDX_STK size");
 
 /* ---- Process-thread table ------------------------------------------------ */
 
@@ -115,19 +127,19 @@ typedef struct CALL_LVL {
     int64_t dbio_sum;
 } CALL_LVL;
 
-static_assert(offsetof(CALL_LVL, end_tv) == 16, "end_tv");
-static_assert(offsetof(CALL_LVL, call_kind) == 32, "call_kind");
-static_assert(offsetof(CALL_LVL, call_seq) == 36, "call_seq");
-static_assert(offsetof(CALL_LVL, func_nm) == 40, "func_nm");
-static_assert(offsetof(CALL_LVL, module_nm) == 111, "module_nm");
-static_assert(offsetof(CALL_LVL, source_nm) == 182, "source_nm");
-static_assert(offsetof(CALL_LVL, line_no) == 284, "line_no");
-static_assert(offsetof(CALL_LVL, start_opt) == 288, "start_opt");
-static_assert(offsetof(CALL_LVL, rc) == 292, "rc");
-static_assert(offsetof(CALL_LVL, force_rec) == 296, "force_rec");
-static_assert(offsetof(CALL_LVL, elapsed_sum) == 304, "elapsed_sum");
-static_assert(offsetof(CALL_LVL, dbio_sum) == 312, "dbio_sum");
-static_assert(sizeof(CALL_LVL) == 320, "CALL_LVL size");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, end_tv) == 16, "end_tv");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, call_kind) == 32, "call_kind");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, call_seq) == 36, "call_seq");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, func_nm) == 40, "func_nm");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, module_nm) == 111, "module_nm");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, source_nm) == 182, "source_nm");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, line_no) == 284, "line_no");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, start_opt) == 288, "start_opt");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, rc) == 292, "rc");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, force_rec) == 296, "force_rec");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, elapsed_sum) == 304, "elapsed_sum");
+VARNIX_LAYOUT_CHECK(offsetof(CALL_LVL, dbio_sum) == 312, "dbio_sum");
+VARNIX_LAYOUT_CHECK(sizeof(CALL_LVL) == 320, "CALL_LVL size");
 
 /* One SQL statement kept for the current DBIO call. */
 typedef struct SQL_SLOT {
@@ -144,15 +156,15 @@ typedef struct SQL_SLOT {
     char reserved3[4];
 } SQL_SLOT;
 
-static_assert(offsetof(SQL_SLOT, sql_len) == 200, "sql_len");
-static_assert(offsetof(SQL_SLOT, sql_no) == 202, "sql_no");
-static_assert(offsetof(SQL_SLOT, start_tv) == 208, "start_tv");
-static_assert(offsetof(SQL_SLOT, end_tv) == 224, "end_tv");
-static_assert(offsetof(SQL_SLOT, func_nm) == 240, "func_nm");
-static_assert(offsetof(SQL_SLOT, func_nm_end) == 310, "func_nm_end");
-static_assert(offsetof(SQL_SLOT, sql_text) == 311, "sql_text");
-static_assert(offsetof(SQL_SLOT, rep_cnt) == 8504, "rep_cnt");
-static_assert(sizeof(SQL_SLOT) == 8512, "SQL_SLOT size");
+VARNIX_LAYOUT_CHECK(offsetof(SQL_SLOT, sql_len) == 200, "sql_len");
+VARNIX_LAYOUT_CHECK(offsetof(SQL_SLOT, sql_no) == 202, "sql_no");
+VARNIX_LAYOUT_CHECK(offsetof(SQL_SLOT, start_tv) == 208, "start_tv");
+VARNIX_LAYOUT_CHECK(offsetof(SQL_SLOT, end_tv) == 224, "end_tv");
+VARNIX_LAYOUT_CHECK(offsetof(SQL_SLOT, func_nm) == 240, "func_nm");
+VARNIX_LAYOUT_CHECK(offsetof(SQL_SLOT, func_nm_end) == 310, "func_nm_end");
+VARNIX_LAYOUT_CHECK(offsetof(SQL_SLOT, sql_text) == 311, "sql_text");
+VARNIX_LAYOUT_CHECK(offsetof(SQL_SLOT, rep_cnt) == 8504, "rep_cnt");
+VARNIX_LAYOUT_CHECK(sizeof(SQL_SLOT) == 8512, "SQL_SLOT size");
 
 /* Service identity of one nesting level, as the collector sees it. */
 typedef struct PTRC_SVC_LVL {
@@ -162,8 +174,8 @@ typedef struct PTRC_SVC_LVL {
     char reserved2[14];
 } PTRC_SVC_LVL;
 
-static_assert(offsetof(PTRC_SVC_LVL, svc_id) == 33, "svc_id");
-static_assert(sizeof(PTRC_SVC_LVL) == 63, "PTRC_SVC_LVL size");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_SVC_LVL, svc_id) == 33, "svc_id");
+VARNIX_LAYOUT_CHECK(sizeof(PTRC_SVC_LVL) == 63, "PTRC_SVC_LVL size");
 
 #define VARNIX_SVC_DEPTH_MAX 10
 #define VARNIX_CALL_LVL_CNT 51
@@ -246,57 +258,57 @@ typedef struct PTRC_HASH {
     int64_t svc_mark_time;
 } PTRC_HASH;
 
-static_assert(offsetof(PTRC_HASH, main_gid) == 0x10, "main_gid");
-static_assert(offsetof(PTRC_HASH, main_svc_id) == 0x31, "main_svc_id");
-static_assert(offsetof(PTRC_HASH, main_recv_svc_cd) == 0x42, "main_recv_svc_cd");
-static_assert(offsetof(PTRC_HASH, svc_stack) == 0x4F, "svc_stack");
-static_assert(offsetof(PTRC_HASH, service_depth) == 709, "service_depth");
-static_assert(offsetof(PTRC_HASH, chnl_class) == 710, "chnl_class");
-static_assert(offsetof(PTRC_HASH, saved_svc_state) == 711, "saved_svc_state");
-static_assert(offsetof(PTRC_HASH, reg_flag) == 712, "reg_flag");
-static_assert(offsetof(PTRC_HASH, err_rc_marked) == 713, "err_rc_marked");
-static_assert(offsetof(PTRC_HASH, svctimeout_flag) == 714, "svctimeout_flag");
-static_assert(offsetof(PTRC_HASH, dbio_sts) == 715, "dbio_sts");
-static_assert(offsetof(PTRC_HASH, proc_nm) == 718, "proc_nm");
-static_assert(offsetof(PTRC_HASH, cont_nm) == 749, "cont_nm");
-static_assert(offsetof(PTRC_HASH, key_pid) == 780, "key_pid");
-static_assert(offsetof(PTRC_HASH, key_tid) == 789, "key_tid");
-static_assert(offsetof(PTRC_HASH, key_idx) == 805, "key_idx");
-static_assert(offsetof(PTRC_HASH, pid) == 812, "pid");
-static_assert(offsetof(PTRC_HASH, tid) == 816, "tid");
-static_assert(offsetof(PTRC_HASH, snapshot_state) == 0x338, "snapshot_state");
-static_assert(offsetof(PTRC_HASH, snapshot_tr_cd) == 0x339, "snapshot_tr_cd");
-static_assert(offsetof(PTRC_HASH, snapshot_aux) == 0x348, "snapshot_aux");
-static_assert(offsetof(PTRC_HASH, preset_start_tv) == 0x350, "preset_start_tv");
-static_assert(offsetof(PTRC_HASH, svc_start_tv) == 0x360, "svc_start_tv");
-static_assert(offsetof(PTRC_HASH, svc_end_tv) == 0x370, "svc_end_tv");
-static_assert(offsetof(PTRC_HASH, svc_state) == 0x380, "svc_state");
-static_assert(offsetof(PTRC_HASH, ptrc_state) == 897, "ptrc_state");
-static_assert(offsetof(PTRC_HASH, trc_lvl) == 898, "trc_lvl");
-static_assert(offsetof(PTRC_HASH, last_fin_lvl) == 899, "last_fin_lvl");
-static_assert(offsetof(PTRC_HASH, call_trc_depth_max) == 900, "call_trc_depth_max");
-static_assert(offsetof(PTRC_HASH, call_trc_depth) == 904, "call_trc_depth");
-static_assert(offsetof(PTRC_HASH, total_call_cnt) == 0x38C, "total_call_cnt");
-static_assert(offsetof(PTRC_HASH, qidx) == 912, "qidx");
-static_assert(offsetof(PTRC_HASH, dbio_skip) == 915, "dbio_skip");
-static_assert(offsetof(PTRC_HASH, call_trc_limit) == 920, "call_trc_limit");
-static_assert(offsetof(PTRC_HASH, dbio_trc_limit) == 928, "dbio_trc_limit");
-static_assert(offsetof(PTRC_HASH, sql_trc_limit) == 0x3A8, "sql_trc_limit");
-static_assert(offsetof(PTRC_HASH, call_lvl) == 944, "call_lvl");
-static_assert(offsetof(PTRC_HASH, call_elapsed_sum) == 0x4370, "call_elapsed_sum");
-static_assert(offsetof(PTRC_HASH, sql_rec_cnt) == 17272, "sql_rec_cnt");
-static_assert(offsetof(PTRC_HASH, sql_slot) == 17280, "sql_slot");
-static_assert(offsetof(PTRC_HASH, sql_id) == 59840, "sql_id");
-static_assert(offsetof(PTRC_HASH, sql_code) == 0xEB10, "sql_code");
-static_assert(offsetof(PTRC_HASH, sql_err_msg) == 0xEB18, "sql_err_msg");
-static_assert(offsetof(PTRC_HASH, fetch_last) == 0xEB80, "fetch_last");
-static_assert(offsetof(PTRC_HASH, fetch_cnt) == 0xEB8C, "fetch_cnt");
-static_assert(offsetof(PTRC_HASH, fetch_rows_sum) == 0xEB90, "fetch_rows_sum");
-static_assert(offsetof(PTRC_HASH, fetch_time_sum) == 0xEB94, "fetch_time_sum");
-static_assert(offsetof(PTRC_HASH, db_user) == 0xEB98, "db_user");
-static_assert(offsetof(PTRC_HASH, db_sid) == 0xEBA3, "db_sid");
-static_assert(offsetof(PTRC_HASH, svc_mark_time) == 0xEBB0, "svc_mark_time");
-static_assert(sizeof(PTRC_HASH) == 60344, "PTRC_HASH size");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, main_gid) == 0x10, "main_gid");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, main_svc_id) == 0x31, "main_svc_id");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, main_recv_svc_cd) == 0x42, "main_recv_svc_cd");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, svc_stack) == 0x4F, "svc_stack");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, service_depth) == 709, "service_depth");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, chnl_class) == 710, "chnl_class");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, saved_svc_state) == 711, "saved_svc_state");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, reg_flag) == 712, "reg_flag");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, err_rc_marked) == 713, "err_rc_marked");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, svctimeout_flag) == 714, "svctimeout_flag");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, dbio_sts) == 715, "dbio_sts");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, proc_nm) == 718, "proc_nm");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, cont_nm) == 749, "cont_nm");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, key_pid) == 780, "key_pid");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, key_tid) == 789, "key_tid");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, key_idx) == 805, "key_idx");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, pid) == 812, "pid");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, tid) == 816, "tid");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, snapshot_state) == 0x338, "snapshot_state");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, snapshot_tr_cd) == 0x339, "snapshot_tr_cd");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, snapshot_aux) == 0x348, "snapshot_aux");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, preset_start_tv) == 0x350, "preset_start_tv");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, svc_start_tv) == 0x360, "svc_start_tv");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, svc_end_tv) == 0x370, "svc_end_tv");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, svc_state) == 0x380, "svc_state");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, ptrc_state) == 897, "ptrc_state");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, trc_lvl) == 898, "trc_lvl");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, last_fin_lvl) == 899, "last_fin_lvl");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, call_trc_depth_max) == 900, "call_trc_depth_max");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, call_trc_depth) == 904, "call_trc_depth");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, total_call_cnt) == 0x38C, "total_call_cnt");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, qidx) == 912, "qidx");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, dbio_skip) == 915, "dbio_skip");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, call_trc_limit) == 920, "call_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, dbio_trc_limit) == 928, "dbio_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, sql_trc_limit) == 0x3A8, "sql_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, call_lvl) == 944, "call_lvl");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, call_elapsed_sum) == 0x4370, "call_elapsed_sum");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, sql_rec_cnt) == 17272, "sql_rec_cnt");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, sql_slot) == 17280, "sql_slot");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, sql_id) == 59840, "sql_id");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, sql_code) == 0xEB10, "sql_code");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, sql_err_msg) == 0xEB18, "sql_err_msg");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, fetch_last) == 0xEB80, "fetch_last");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, fetch_cnt) == 0xEB8C, "fetch_cnt");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, fetch_rows_sum) == 0xEB90, "fetch_rows_sum");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, fetch_time_sum) == 0xEB94, "fetch_time_sum");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, db_user) == 0xEB98, "db_user");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, db_sid) == 0xEBA3, "db_sid");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH, svc_mark_time) == 0xEBB0, "svc_mark_time");
+VARNIX_LAYOUT_CHECK(sizeof(PTRC_HASH) == 60344, "PTRC_HASH size");
 
 typedef struct PTRC_HASH_TBL {
     uint32_t used_cnt;
@@ -307,11 +319,11 @@ typedef struct PTRC_HASH_TBL {
     HASH_IDX_STK used_stk;
 } PTRC_HASH_TBL;
 
-static_assert(offsetof(PTRC_HASH_TBL, hash_idx) == 4, "hash_idx");
-static_assert(offsetof(PTRC_HASH_TBL, entry) == 262152, "entry");
-static_assert(offsetof(PTRC_HASH_TBL, free_stk) == 603702152, "free_stk");
-static_assert(offsetof(PTRC_HASH_TBL, used_stk) == 603742156, "used_stk");
-static_assert(sizeof(PTRC_HASH_TBL) == 603782160, "PTRC_HASH_TBL size");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH_TBL, hash_idx) == 4, "hash_idx");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH_TBL, entry) == 262152, "entry");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH_TBL, free_stk) == 603702152, "free_stk");
+VARNIX_LAYOUT_CHECK(offsetof(PTRC_HASH_TBL, used_stk) == 603742156, "used_stk");
+VARNIX_LAYOUT_CHECK(sizeof(PTRC_HASH_TBL) == 603782160, "PTRC_HASH_TBL size");
 
 /* ---- Process-thread table semaphore set ------------------------------------ */
 
@@ -347,14 +359,14 @@ typedef struct SVC_HASH {
     char collector_data3[3];
 } SVC_HASH;
 
-static_assert(offsetof(SVC_HASH, next) == 12, "next");
-static_assert(offsetof(SVC_HASH, svc_id) == 97, "svc_id");
-static_assert(offsetof(SVC_HASH, call_trc_depth) == 116, "call_trc_depth");
-static_assert(offsetof(SVC_HASH, call_trc_limit) == 120, "call_trc_limit");
-static_assert(offsetof(SVC_HASH, dbio_trc_limit) == 128, "dbio_trc_limit");
-static_assert(offsetof(SVC_HASH, sql_trc_limit) == 136, "sql_trc_limit");
-static_assert(offsetof(SVC_HASH, svc_flag_set) == 148, "svc_flag_set");
-static_assert(sizeof(SVC_HASH) == 152, "SVC_HASH size");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH, next) == 12, "next");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH, svc_id) == 97, "svc_id");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH, call_trc_depth) == 116, "call_trc_depth");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH, call_trc_limit) == 120, "call_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH, dbio_trc_limit) == 128, "dbio_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH, sql_trc_limit) == 136, "sql_trc_limit");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH, svc_flag_set) == 148, "svc_flag_set");
+VARNIX_LAYOUT_CHECK(sizeof(SVC_HASH) == 152, "SVC_HASH size");
 
 typedef struct SVC_HASH_TBL {
     uint32_t svc_cnt;
@@ -365,11 +377,11 @@ typedef struct SVC_HASH_TBL {
     HASH_IDX_STK svc_used_stk;
 } SVC_HASH_TBL;
 
-static_assert(offsetof(SVC_HASH_TBL, svc_hash_idx) == 4, "svc_hash_idx");
-static_assert(offsetof(SVC_HASH_TBL, entry) == 262152, "entry");
-static_assert(offsetof(SVC_HASH_TBL, svc_free_stk) == 1782152, "svc_free_stk");
-static_assert(offsetof(SVC_HASH_TBL, svc_used_stk) == 1822156, "svc_used_stk");
-static_assert(sizeof(SVC_HASH_TBL) == 1862160, "SVC_HASH_TBL size");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH_TBL, svc_hash_idx) == 4, "svc_hash_idx");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH_TBL, entry) == 262152, "entry");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH_TBL, svc_free_stk) == 1782152, "svc_free_stk");
+VARNIX_LAYOUT_CHECK(offsetof(SVC_HASH_TBL, svc_used_stk) == 1822156, "svc_used_stk");
+VARNIX_LAYOUT_CHECK(sizeof(SVC_HASH_TBL) == 1862160, "SVC_HASH_TBL size");
 
 /* ---- Trace record on the collector's queues ------------------------------- */
 
@@ -381,7 +393,7 @@ typedef struct TRAN_LOG_MSG {
     char text[VARNIX_REC_TEXT]; /* u32 body length, then the body */
 } TRAN_LOG_MSG;
 
-static_assert(sizeof(TRAN_LOG_MSG) == 792, "TRAN_LOG_MSG size");
+VARNIX_LAYOUT_CHECK(sizeof(TRAN_LOG_MSG) == 792, "TRAN_LOG_MSG size");
 
 /* ---- Helpers exported for the collector side ------------------------------ */
 

@@ -16,7 +16,7 @@ bench="$dir/bench/varnix-bench"
 out="$(mktemp -d /tmp/varnix-callgrind-XXXXXX)"
 # A run killed half-way cannot remove its collector: varnix-ipc-clean removes
 # the IPC objects that the manifests of dead kit processes list.
-trap 'rm -rf "$out"; "$dir/collector/varnix-ipc-clean" >/dev/null 2>&1 || true' EXIT
+trap 'rm -rf "$out"; "$dir/tests/kit/varnix-ipc-clean" >/dev/null 2>&1 || true' EXIT
 
 printf '%-14s %14s %8s %6s\n' entry instr/call records fail
 status=0

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# The demo: installs what is missing, builds, starts varnix-agent, runs the
-# traced banking server against it, shows a `top --once` view taken while the
-# transfer runs and the records as JSON lines, stops the agent and checks that
-# no IPC object is left behind.
+# The demo: installs what is missing, builds, starts an OTLP receiver on
+# 127.0.0.1 (the tests' receiver, which decodes with OpenTelemetry's own
+# code) and varnix-agent exporting to it, runs the traced banking server,
+# shows a `top --once` view taken while the transfer runs and the records as
+# JSON lines, stops the agent, shows the trace tree as the receiver decoded
+# it and checks that no IPC object is left behind.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/deps.sh"
@@ -10,10 +12,16 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 agent="$root/build/collector/varnix-agent"
 server="$root/build/examples/bank_server"
 
+receiver_dir="$root/build/tests/otlp"
+[ -d "$receiver_dir/node_modules/@opentelemetry" ] ||
+  (cd "$receiver_dir" && npm install --no-audit --no-fund --loglevel=error >/dev/null)
+
 home="$(mktemp -d /tmp/varnix-demo-XXXXXX)"
 agent_pid=""
+receiver_pid=""
 cleanup() {
   if [ -n "$agent_pid" ]; then kill -TERM "$agent_pid" 2>/dev/null || true; wait "$agent_pid" || true; fi
+  if [ -n "$receiver_pid" ]; then kill -TERM "$receiver_pid" 2>/dev/null || true; wait "$receiver_pid" || true; fi
   rm -rf "$home"
 }
 trap cleanup EXIT
@@ -63,8 +71,15 @@ DEFAULT_TIMEOUT_SEC = 60
 EOF
 export TRAN_HOME="$home" TRAN_AGT_HOME="$home/agt" TRAN_AGT_CFG_FILE="$home/agt/varnix.cfg"
 
-echo "=== varnix-agent start (configuration $TRAN_AGT_CFG_FILE)"
-"$agent" start --out "$home/records.jsonl" 2>"$home/agent.err" &
+echo "=== OTLP receiver on 127.0.0.1 (at most 300 s)"
+node "$receiver_dir/receiver.js" "$home/receiver.port" "$home/otlp.jsonl" 300 &
+receiver_pid=$!
+for _ in $(seq 100); do [ -s "$home/receiver.port" ] && break; sleep 0.1; done
+otlp="http://127.0.0.1:$(cat "$home/receiver.port")"
+echo "$otlp"
+
+echo "=== varnix-agent start --otlp $otlp (configuration $TRAN_AGT_CFG_FILE)"
+"$agent" start --out "$home/records.jsonl" --otlp "$otlp" 2>"$home/agent.err" &
 agent_pid=$!
 for _ in $(seq 100); do grep -q running "$home/agent.err" && break; sleep 0.1; done
 cat "$home/agent.err"
@@ -89,7 +104,9 @@ echo "=== varnix-agent stops on SIGTERM"
 kill -TERM "$agent_pid"
 wait "$agent_pid"
 agent_pid=""
-tail -n +4 "$home/agent.err"
+tail -n +5 "$home/agent.err"
+echo "=== the trace as the OTLP receiver decoded it"
+node "$root/scripts/otlp_tree.js" "$home/otlp.jsonl"
 left=0
 for k in "${keys[@]}"; do
   for kind in shm sem msg; do

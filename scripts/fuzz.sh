@@ -42,7 +42,7 @@ for t in "${targets[@]}"; do
 done
 # A target killed by a finding cannot remove its collector; this removes the
 # IPC objects that the manifests of dead kit processes list.
-"$dir/collector/varnix-ipc-clean" || true
+"$dir/tests/kit/varnix-ipc-clean" || true
 if ((${#failed[@]})); then
   echo "fuzzing found problems in: ${failed[*]}"
   exit 1

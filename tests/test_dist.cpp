@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "collector/kit.h"
 #include "core/readcfg.h"
+#include "kit/config_file.h"
 #include "support/test_ipc.h"
 
 namespace varnix {

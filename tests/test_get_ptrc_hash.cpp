@@ -24,6 +24,7 @@ using test::LogCapture;
 constexpr int32_t kPid = 4321;
 constexpr uint64_t kTid = 140001234567890;
 constexpr int32_t kIdx = 7;
+constexpr int kNoSet = -1;  // a semaphore set id that names none
 
 // The binary's one 603 MB table, initialized afresh by each test.
 PTRC_HASH_TBL* const kTable = static_cast<PTRC_HASH_TBL*>(std::calloc(1, sizeof(PTRC_HASH_TBL)));
@@ -39,7 +40,6 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(LogCapture::get().ok() && tbl_);
         ASSERT_EQ(init_ptrc_hash_tbl(*tbl_), 0);
-        keep(gvar.ptrc_hash_tbl) = tbl_;
         que_.magic_code = VARNIX_MAGIC_CODE;
         keep(gvar.magic_code) = &que_.magic_code;
         std::memset(keep(gvar.proc_nm), 'p', sizeof gvar.proc_nm);  // 31 bytes, no terminator
@@ -57,7 +57,7 @@ protected:
     }
     PTRC_HASH* reg(uint64_t tid, int32_t pid = kPid, int32_t idx = kIdx) {
         cxt_.pid = pid, cxt_.tid = tid, cxt_.idx = idx;
-        return get_ptrc_hash(&cxt_);
+        return get_ptrc_hash(tbl_, kNoSet, &cxt_);  // entries go out without owner tokens
     }
     PTRC_HASH& entry(int n) { return tbl_->entry[n]; }
 
@@ -128,13 +128,11 @@ TEST_F(PtrcHashTest, BadKeysAndCorruptChainsYieldNull) {
     // a free number that cannot be an entry: null, silently.
     for (auto [pid, idx] : {std::pair{123456789, kIdx}, {kPid, 256}, {kPid, -1}})
         EXPECT_EQ(reg(kTid, pid, idx), nullptr) << pid << " " << idx;
-    EXPECT_EQ(get_ptrc_hash(nullptr), nullptr);
+    EXPECT_EQ(get_ptrc_hash(tbl_, kNoSet, nullptr), nullptr);
     tbl_->free_stk.cnt = 1;
     tbl_->free_stk.idx[0] = VARNIX_TBL_ENTRIES;
     EXPECT_EQ(reg(kTid), nullptr);
-    gvar.ptrc_hash_tbl = nullptr;
-    EXPECT_EQ(reg(kTid), nullptr);
-    gvar.ptrc_hash_tbl = tbl_;
+    EXPECT_EQ(get_ptrc_hash(nullptr, kNoSet, &cxt_), nullptr);
     EXPECT_EQ(tbl_->used_cnt + tbl_->used_stk.cnt, 2u);
     EXPECT_EQ(que_.magic_code, VARNIX_MAGIC_CODE);
     EXPECT_EQ(LogCapture::get().take().size(), 1u);  // the wide id's registration only

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "collector/kit.h"
-#include "collector/manifest.h"
+#include "kit/collector.h"
+#include "kit/manifest.h"
 
 namespace varnix {
 namespace {
@@ -48,7 +48,8 @@ TEST(IpcClean, RemovesOnlyListedObjectsOfDeadCreatorsThatTheUserOwns) {
     ASSERT_EQ(m.objects.size(), 2u);
     Held held{{m.objects[0].id, m.objects[1].id}};
     const key_t base = kit::keys_for_pid(child).msgq;
-    EXPECT_TRUE(m.objects[0].kind == kit::IpcKind::msg && m.objects[0].key == base && m.objects[1].key == base + 1);
+    EXPECT_TRUE(m.objects[0].kind == collector::IpcKind::msg && m.objects[0].key == base &&
+                m.objects[1].key == base + 1);
 
     const int unlisted = msgget(base + 2, IPC_CREAT | IPC_EXCL | 0666);
     ASSERT_GE(unlisted, 0);

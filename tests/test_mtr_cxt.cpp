@@ -1,5 +1,8 @@
 // Thread contexts: buckets of ten, reclaiming of dead and released threads,
 // registration in the process-thread table.
+#include <sys/sem.h>
+#include <sys/wait.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,7 +11,11 @@
 #include <thread>
 #include <tuple>
 
+#include "context/get_ptrc_hash.h"
+#include "context/ptrc_owner.h"
+#include "context/ptrc_sem.h"
 #include "core/gvar.h"
+#include "core/mutex.h"
 #include "support/drainer.h"
 #include "support/service_calls.h"
 #include "support/thread_group.h"
@@ -18,6 +25,11 @@ namespace varnix::test {
 namespace {
 
 using Lines = std::vector<std::string>;
+
+// The value of entry n's owner semaphore: the number of processes holding it.
+int owner(uint32_t n) {
+    return semctl(TestIpc::get().collector().ids().ptrc_sem, VARNIX_PTRC_SEM_OWNER(n), GETVAL);
+}
 
 class MtrCxt : public ::testing::Test {
 protected:
@@ -53,6 +65,24 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     MTR_CXT_VAR* eleventh = nullptr;
     EXPECT_EQ(get_mtr_cxt_var(tid_of(11), &eleventh), VARNIX_RC_NO_CONTEXT);
     EXPECT_EQ(log.take(), Lines{});
+    // A bucket whose mutex stays busy past the bounded wait refuses with the same status, but says so (at most
+    // once a second).
+    {
+        std::latch locked(1), release(1);
+        std::thread holder([&] {
+            const MutexGuard held(gvar.mtr_tid_idx[kBucket].mtr_lock);
+            locked.count_down(), release.wait();
+        });
+        locked.wait();
+        const auto t0 = std::chrono::steady_clock::now();
+        for (int k : {1, 2}) EXPECT_EQ(get_mtr_cxt_var(tid_of(k), &eleventh), VARNIX_RC_NO_CONTEXT);
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - t0);
+        release.count_down(), holder.join();
+        const Lines busy = log.take();
+        ASSERT_FALSE(busy.empty());
+        EXPECT_EQ(busy, Lines(busy.size(), "<!> mtr_tid_idx#7 mutex busy for 100 ms, thread context lookup deferred"));
+        EXPECT_LE(busy.size(), 1u + seconds.count());
+    }
 
     PTRC_HASH* released = cxts[3]->ptrc;
     released->ptrc_state = VARNIX_PTRC_RELEASE_ASKED;
@@ -62,6 +92,14 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     EXPECT_EQ(gvar.mtr_tid_idx[kBucket].mtr_cnt, 10);
     EXPECT_EQ(log.take(), (Lines{"(I) mtr_tid_idx#7-2, tid 775 (thread alive, ptrc 2) resource clear.(10->9)",
                                  created_line(tid_of(11), kBucket, 10)}));
+    // Owner tokens: up once while the entry is held, however often it is
+    // found; down once released.
+    EXPECT_EQ(std::tuple(owner(released->pidx), owner(eleventh->ptrc->pidx)), std::tuple(0, 1));
+    {
+        PtrcSemGuard sem;
+        EXPECT_EQ(get_ptrc_hash(sem.attach().tbl, sem.attach().semid, cxts[1]), cxts[1]->ptrc);
+    }
+    EXPECT_EQ(owner(cxts[1]->ptrc->pidx), 1);
 
     cxts[5]->lasted_access -= 31;
     cxts[6]->lasted_access -= 59;
@@ -77,6 +115,16 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     EXPECT_EQ(more, cxts[6]);
     EXPECT_EQ(log.take(), (Lines{"(I) mtr_tid_idx#7-3, tid 1543 (thread idle, ptrc 1) resource clear.(10->9)",
                                  created_line(tid_of(13), kBucket, 10)}));
+
+    // A forked child holds none of its parent's tokens: it takes its own,
+    // which goes with it.
+    const uint32_t held = cxts[1]->ptrc->pidx;
+    const pid_t child = fork();
+    if (child == 0) _exit(take_owner_token(gvar.ptrc_hash_semid, held) && owner(held) == 2 ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(owner(held), 1);
 }
 
 TEST_F(MtrCxt, DeadThreadIsReclaimedOnTheNextMissOfItsBucket) {
@@ -179,7 +227,17 @@ TEST_F(MtrCxt, FullTableKeepsTheSlotFreeListingAndStamps) {
     EXPECT_EQ(gvar.mtr_tid_idx[9].mtr_cnt, 0);
     EXPECT_EQ(log.take(), Lines{});
     t.free_stk.cnt = free_cnt;
+    // An owner token the set refuses (its semaphore at the largest value)
+    // refuses the same, and the entry stays free.
+    const uint32_t top = t.free_stk.idx[free_cnt - 1];
+    const int sem = TestIpc::get().collector().ids().ptrc_sem;
+    ASSERT_EQ(semctl(sem, VARNIX_PTRC_SEM_OWNER(top), SETVAL, 32767), 0);
+    EXPECT_EQ(get_mtr_cxt_var(0x0909, &cxt), VARNIX_RC_PTRC_FULL);
+    EXPECT_EQ(std::tuple(t.free_stk.cnt, t.free_stk.idx[free_cnt - 1]), std::tuple(free_cnt, top));
+    ASSERT_EQ(semctl(sem, VARNIX_PTRC_SEM_OWNER(top), SETVAL, 0), 0);
+    EXPECT_EQ(log.take(), Lines{});
     EXPECT_EQ(get_mtr_cxt_var(0x0909, &cxt), 0);
+    EXPECT_EQ(owner(top), 1);
     log.take();  // the registration; the listing counts the bucket's one context
     testing::internal::CaptureStdout();
     show_mtr_idx_list(9);

@@ -8,7 +8,7 @@
 #include <string>
 #include <tuple>
 
-#include "collector/kit.h"
+#include "kit/config_file.h"
 #include "support/temp_dir.h"
 
 namespace varnix {

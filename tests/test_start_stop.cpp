@@ -212,12 +212,17 @@ TEST_F(StartStop, StopAndRestartWhileCallersAreInside) {
     Drainer drainer;
     std::atomic<bool> stop{false};
     std::atomic<int32_t> unexpected{0};
+    std::atomic<bool> deferred{false};
     ThreadGroup tracers(6, [&](int t) {
         ServiceCall s{.gid = "GID-" + std::to_string(t), .svc_id = "SVC-LOAD"};
         while (!stop.load()) {
-            // A restart between a start and its end leaves the end without a service.
+            // A restart between a start and its end leaves the end without a service.  A registration after a
+            // restart may find the table semaphore busy on a loaded machine (116, and a line that says so).
             for (int32_t rc : {call(TRAN_START, s), event(), call(TRAN_END, s)})
-                if (!traced(rc) && rc != VARNIX_RC_NOT_INIT && rc != VARNIX_RC_NO_SERVICE && rc != VARNIX_RC_SVC_DEPTH)
+                if (rc == VARNIX_RC_PTRC_FULL)
+                    deferred.store(true);
+                else if (!traced(rc) && rc != VARNIX_RC_NOT_INIT && rc != VARNIX_RC_NO_SERVICE &&
+                         rc != VARNIX_RC_SVC_DEPTH)
                     unexpected.store(rc);
         }
     });
@@ -236,6 +241,7 @@ TEST_F(StartStop, StopAndRestartWhileCallersAreInside) {
     stop.store(true);
     tracers.join();
     EXPECT_EQ(unexpected.load(), 0);
+    EXPECT_TRUE(!deferred.load() || TestIpc::get().read_log().find("semaphore busy for 50 ms") != std::string::npos);
 }
 
 // Servers that fork workers: a child is untraced and touches nothing of the parent's until it starts tracing

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "collector/service_table.h"
 #include "core/gvar.h"
 #include "core/status.h"
 #include "record/record.h"
@@ -30,7 +31,7 @@ protected:
     }
     // A listed service with depth 7 (only the low byte of 0x107 is one) and limits 11, 12 and 13.
     SVC_HASH* add_service(const char* id, uint8_t flags) {
-        return kit::add_service(*TestIpc::get().collector().svc(), {id, flags, 0x107, 11, 12, 13});
+        return collector::add_service(*TestIpc::get().collector().svc(), {id, flags, 0x107, 11, 12, 13});
     }
 };
 

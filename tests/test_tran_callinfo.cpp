@@ -6,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "collector/service_table.h"
 #include "core/gvar.h"
 #include "support/calls.h"
 
@@ -219,8 +220,8 @@ TEST_F(CallInfo, AbsentAndOverlongTexts) {
 
 TEST_F(CallInfo, FilteredDbioRecordsAreSuppressedByTheValidationMark) {
     TestIpc::get().que_info().svc_filtering = 1;
-    const kit::ServiceListing listing{.svc_id = kCallSvc, .flags = 0xFF & ~VARNIX_FLAG_B, .call_trc_depth = 10};
-    ASSERT_NE(kit::add_service(*TestIpc::get().collector().svc(), listing), nullptr);
+    const collector::ServiceListing listing{.svc_id = kCallSvc, .flags = 0xFF & ~VARNIX_FLAG_B, .call_trc_depth = 10};
+    ASSERT_NE(collector::add_service(*TestIpc::get().collector().svc(), listing), nullptr);
     ASSERT_EQ(open_service(*cxt_, kCallGid, kCallSvc), 0);
     open_call("DBIO_q", kSecond);
     e_->sql_rec_cnt = 2;

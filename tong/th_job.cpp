@@ -31,6 +31,10 @@
 // run (TRAN_DONE, the next start) changes the state first and then signals
 // under idle_lock, so the writer leaves at once instead of after its step.
 //
+// Between records the writer also follows a collector that created its
+// objects anew (core/start_stop.h, follow_collector): it looks once a second
+// and detaches a replaced table once no caller can still use it.
+//
 // Cancellation is enabled only between records (before one is taken, and
 // while idling), never with a record in hand.
 #include "tong/th_job.h"
@@ -54,6 +58,7 @@
 #include "core/log_printf.h"
 #include "core/mutex.h"
 #include "core/no_cancel.h"
+#include "core/start_stop.h"
 #include "core/status.h"
 #include "tong/deffered_que.h"
 #include "tong/tong_slot.h"
@@ -237,6 +242,7 @@ void* th_job(void* arg) {
     pthread_cleanup_push(writer_left, nullptr);
     while (keep_running(generation)) {
         if (const DeferredSlot* slot = next_record(generation)) store_record(*slot, generation);
+        follow_collector();
     }
     pthread_cleanup_pop(1);
     return nullptr;

@@ -8,8 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "collector/kit.h"
-#include "collector/session.h"
+#include "kit/session.h"
 
 #define VARNIX_TEST_METHOD(result, name) \
     JNIEXPORT result JNICALL Java_com_tolvo_tran_test_TranApiAdapterTest_##name

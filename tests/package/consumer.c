@@ -1,5 +1,6 @@
 /* A user's program: both installed headers, linked against the installed
- * libvarnix.  Without the environment TRAN_INIT must refuse with 106. */
+ * libvarnix.  Without the environment TRAN_INIT must refuse with 106; it
+ * prints the version of the headers it was built with. */
 #define _POSIX_C_SOURCE 200809L
 #include <stdio.h>
 #include <stdlib.h>
@@ -13,6 +14,6 @@ int main(void) {
         fprintf(stderr, "TRAN_INIT returned %d\n", rc);
         return 1;
     }
-    puts("libvarnix loaded: TRAN_INIT without environment returns 106");
+    printf("libvarnix %s\n", VARNIX_VERSION);
     return 0;
 }

@@ -18,7 +18,7 @@ namespace {
 kit::Collector::Ids crash_ids;  // read by the crash handler
 
 void on_crash(int sig) {
-    kit::remove_ids(crash_ids);
+    collector::remove_ids(crash_ids);
     signal(sig, SIG_DFL);
     raise(sig);
 }
@@ -108,6 +108,13 @@ void TestIpc::reset() {
     q.tong_log_flag = '0';
     init_svc_hash_tbl(*collector_.svc());
     collector_.drain();
+}
+
+int TestIpc::recreate() {
+    collector_.remove();
+    if (collector_.create(cfg_path().c_str()) != 0) return -1;
+    remove_on_crash(collector_.ids());
+    return 0;
 }
 
 std::string TestIpc::log_path() const {

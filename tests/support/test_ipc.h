@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "collector/kit.h"
+#include "kit/config_file.h"
 
 namespace varnix::test {
 
@@ -34,6 +34,9 @@ public:
     // Puts back the default configuration and control block, empties the
     // service table and drains the queues.
     void reset();
+    // Removes every object and creates them anew under the same keys, as an
+    // agent stopped and started again does; 0 or -1.
+    int recreate();
 
     // Today's diagnostic log file, and its whole text.
     std::string log_path() const;

@@ -246,11 +246,14 @@ class TranApiAdapterTest {
         switches(0, false);
         long traced = received.get() + refused() - refused;
         String log = log();
-        assertFalse(log.contains("return code 107"));
         assertTrue(log.contains("(thread idle, ptrc 1) resource clear."));
-        // On a loaded machine a registration may find the table's semaphore busy past its bounded wait; nothing
-        // else may cost a record.
+        // On a loaded machine a new thread may find its bucket's mutex, or the table's semaphore, busy past its
+        // bounded wait, and each says so; nothing else may cost a record.  A bucket that times out refuses with 107,
+        // as a full one does: a 107 needs the bucket's line.
+        boolean bucketBusy = log.contains(" mutex busy for ");
+        if (log.contains("return code 107"))
+            assertTrue(bucketBusy, "107 from a full bucket; log:\n" + errorLines(log));
         if (traced != 3L * rounds * threads)
-            assertTrue(log.contains("semaphore busy"), traced + " records; log:\n" + errorLines(log));
+            assertTrue(bucketBusy || log.contains("semaphore busy"), traced + " records; log:\n" + errorLines(log));
     }
 }

@@ -1,9 +1,9 @@
-#include "collector/decode.h"
+#include "collector/record_layout.h"
 
 #include <array>
 #include <cstring>
 
-namespace varnix::kit {
+namespace varnix::collector {
 namespace {
 
 constexpr uint32_t kBodyMax = sizeof(TRAN_LOG_MSG::text) - sizeof(uint32_t);
@@ -107,9 +107,13 @@ uint32_t body_length(const TRAN_LOG_MSG& m) {
 
 std::string_view field_text(const TRAN_LOG_MSG& m, const NamedField& f) {
     if (f.offset < 0 || f.width <= 0 || static_cast<uint32_t>(f.offset + f.width) > body_length(m)) return {};
-    std::string_view v(m.text + sizeof(uint32_t) + f.offset, static_cast<size_t>(f.width));
-    size_t end = v.find_last_not_of(' ');
-    return end == std::string_view::npos ? std::string_view{} : v.substr(0, end + 1);
+    const char* v = m.text + sizeof(uint32_t) + f.offset;
+    size_t n = static_cast<size_t>(f.width);
+    // Most of a wide text field is padding: eight blanks at a time.
+    constexpr uint64_t kBlanks = 0x2020202020202020ull;
+    for (uint64_t w; n >= sizeof w && (std::memcpy(&w, v + n - sizeof w, sizeof w), w == kBlanks);) n -= sizeof w;
+    while (n > 0 && v[n - 1] == ' ') --n;
+    return std::string_view(v, n);
 }
 
-}  // namespace varnix::kit
+}  // namespace varnix::collector

@@ -7,7 +7,7 @@
 
 #include "varnix_collector.h"
 
-namespace varnix::kit {
+namespace varnix::collector {
 
 struct NamedField {
     std::string_view name;
@@ -28,4 +28,4 @@ std::string_view field_text(const TRAN_LOG_MSG& m, const NamedField& f);
 // Body length from the record's length word.
 uint32_t body_length(const TRAN_LOG_MSG& m);
 
-}  // namespace varnix::kit
+}  // namespace varnix::collector

@@ -1,4 +1,4 @@
-#include "collector/session.h"
+#include "kit/session.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -14,7 +14,7 @@ Session* the_session = nullptr;  // never destroyed: the exit handler uses it
 Collector::Ids signal_ids;       // read by the signal handler
 
 void on_signal(int sig) {
-    remove_ids(signal_ids);
+    collector::remove_ids(signal_ids);
     signal(sig, SIG_DFL);
     raise(sig);
 }

@@ -1,7 +1,7 @@
-// Manifests of the System V objects the collector kit creates, so that the
+// Manifests of the System V objects the tests' collector creates, so that the
 // leftovers of a crashed test process can be removed without guessing.
 //
-// Each process that creates objects through the kit keeps one manifest file,
+// Each process that creates objects through kit::Collector keeps one manifest file,
 // <manifest_dir()>/<pid>: a line "pid N", then one line "kind id key" per
 // object it created and has not removed.  The file is rewritten under a
 // process-wide mutex at every change and deleted when nothing is left; a
@@ -14,21 +14,13 @@
 
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
+
+#include "collector/ipc_object.h"
 
 namespace varnix::kit {
 
-enum class IpcKind { shm, sem, msg };
-
-// "shm", "sem" or "msg", as manifests name the kinds.
-std::string_view kind_name(IpcKind kind);
-
-struct IpcObject {
-    IpcKind kind;
-    int id;
-    key_t key;
-};
+using collector::IpcObject;
 
 // The current user's manifest directory (/tmp/varnix-ipc-<uid>), created when
 // missing; "" when it is not a directory that only this user can write.
@@ -47,15 +39,5 @@ struct Manifest {
 };
 // Parses a manifest file; false when it is missing or malformed.
 bool read_manifest(const std::string& path, Manifest& out);
-
-// The owner's and creator's uids and the key of a live object; false when the
-// object no longer exists (or cannot be inspected).
-struct IpcOwner {
-    uid_t uid, cuid;
-    key_t key;
-};
-bool stat_object(const IpcObject& obj, IpcOwner& out);
-// IPC_RMID; 0, or -1 with errno.
-int remove_object(const IpcObject& obj);
 
 }  // namespace varnix::kit

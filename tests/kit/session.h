@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "collector/kit.h"
+#include "kit/config_file.h"
 
 namespace varnix::kit {
 

@@ -1,12 +1,12 @@
 // varnix-ipc-clean: removes the System V objects that processes of this
-// project (a test that crashed, a fuzz target stopped by a finding, a demo
-// that was killed) created through the collector kit and left behind.
+// project (a test that crashed, a fuzz target stopped by a finding, a
+// benchmark that was killed) created through kit::Collector and left behind.
 //
-// It trusts nothing but the manifests of the current user (collector/
-// manifest.h): an object is removed only when a manifest lists it, the
-// process that wrote the manifest is gone, the object's key is still the
-// listed one and lies in that process's own key block, and the current user
-// both created and owns it.  The manifest is deleted afterwards.  Everything
+// It trusts nothing but the manifests of the current user (kit/manifest.h):
+// an object is removed only when a manifest lists it, the process that wrote
+// the manifest is gone, the object's key is still the listed one and lies in
+// that process's own key block, and the current user both created and owns
+// it.  The manifest is deleted afterwards.  Everything
 // else, other users' objects included, is never touched.
 #include <dirent.h>
 #include <unistd.h>
@@ -17,20 +17,20 @@
 #include <cstdlib>
 #include <string>
 
-#include "collector/kit.h"
-#include "collector/manifest.h"
+#include "kit/collector.h"
+#include "kit/manifest.h"
 
 namespace {
 
-using varnix::kit::IpcObject;
+using varnix::collector::IpcObject;
 
 bool alive(pid_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 
 bool provably_left_by(const IpcObject& obj, pid_t creator) {
-    varnix::kit::IpcOwner owner{};
+    varnix::collector::IpcPerm owner{};
     const uid_t me = geteuid();
     return varnix::kit::owner_of_key(obj.key) == creator % varnix::kit::kMaxPid &&
-           varnix::kit::stat_object(obj, owner) && owner.key == obj.key && owner.uid == me && owner.cuid == me;
+           varnix::collector::stat_object(obj, owner) && owner.key == obj.key && owner.uid == me && owner.cuid == me;
 }
 
 // Removes what the manifest at `path` proves to be left over and deletes the
@@ -40,8 +40,8 @@ int clean(const std::string& path) {
     if (!varnix::kit::read_manifest(path, m) || alive(m.creator)) return 0;
     int removed = 0;
     for (const IpcObject& obj : m.objects) {
-        if (!provably_left_by(obj, m.creator) || varnix::kit::remove_object(obj) != 0) continue;
-        std::printf("removed id %d (key 0x%x) of pid %d\n", obj.id, static_cast<unsigned>(obj.key), m.creator);
+        if (!provably_left_by(obj, m.creator) || varnix::collector::remove_object(obj) != 0) continue;
+        std::printf("removed id %d (key 0x%08x) of pid %d\n", obj.id, static_cast<unsigned>(obj.key), m.creator);
         ++removed;
     }
     if (unlink(path.c_str()) != 0) std::perror(path.c_str());

@@ -1,40 +1,29 @@
-#include "collector/manifest.h"
+#include "kit/manifest.h"
 
-#include <sys/ipc.h>
-#include <sys/msg.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
 #include <string_view>
 
-#include "collector/kit.h"
+#include "kit/config_file.h"
 
 namespace varnix::kit {
 namespace {
 
-constexpr std::array<std::string_view, 3> kKindNames{"shm", "sem", "msg"};
+using collector::IpcKind;
 
 bool kind_of(std::string_view name, IpcKind& out) {
-    for (size_t i = 0; i < kKindNames.size(); ++i) {
-        if (kKindNames[i] == name) {
-            out = static_cast<IpcKind>(i);
+    for (IpcKind k : {IpcKind::shm, IpcKind::sem, IpcKind::msg}) {
+        if (collector::kind_name(k) == name) {
+            out = k;
             return true;
         }
     }
     return false;
 }
-
-union SemArg {
-    int val;
-    semid_ds* buf;
-    unsigned short* array;
-};
 
 // The list of this process; `owner` tells a forked child that the list it
 // inherited is its parent's.
@@ -62,7 +51,7 @@ std::string manifest_text(const Registry& r) {
     std::snprintf(line, sizeof line, "pid %d\n", static_cast<int>(r.owner));
     std::string text = line;
     for (const IpcObject& o : r.objects) {
-        const std::string_view kind = kind_name(o.kind);
+        const std::string_view kind = collector::kind_name(o.kind);
         std::snprintf(line, sizeof line, "%.*s %d %d\n", static_cast<int>(kind.size()), kind.data(), o.id,
                       static_cast<int>(o.key));
         text += line;
@@ -75,8 +64,8 @@ std::string manifest_text(const Registry& r) {
 // library's own wrappers, say) are dropped here.
 void save(Registry& r) {
     std::erase_if(r.objects, [](const IpcObject& o) {
-        IpcOwner owner;
-        return !stat_object(o, owner) && (errno == EINVAL || errno == EIDRM);
+        collector::IpcPerm perm;
+        return !collector::stat_object(o, perm) && (errno == EINVAL || errno == EIDRM);
     });
     const std::string dir = manifest_dir();
     const std::string path = dir.empty() ? dir : std::string(dir).append("/").append(std::to_string(r.owner));
@@ -105,8 +94,6 @@ void change(std::span<const IpcObject> objects, Drop drop, bool add) {
 }
 
 }  // namespace
-
-std::string_view kind_name(IpcKind kind) { return kKindNames[static_cast<size_t>(kind)]; }
 
 std::string manifest_dir() {
     const uid_t uid = geteuid();
@@ -140,36 +127,6 @@ bool read_manifest(const std::string& path, Manifest& out) {
     }
     std::fclose(fp);
     return ok && n == EOF;
-}
-
-bool stat_object(const IpcObject& obj, IpcOwner& out) {
-    ipc_perm perm{};
-    if (obj.kind == IpcKind::shm) {
-        shmid_ds ds{};
-        if (shmctl(obj.id, IPC_STAT, &ds) != 0) return false;
-        perm = ds.shm_perm;
-    } else if (obj.kind == IpcKind::sem) {
-        semid_ds ds{};
-        SemArg arg{};
-        arg.buf = &ds;
-        if (semctl(obj.id, 0, IPC_STAT, arg) != 0) return false;
-        perm = ds.sem_perm;
-    } else {
-        msqid_ds ds{};
-        if (msgctl(obj.id, IPC_STAT, &ds) != 0) return false;
-        perm = ds.msg_perm;
-    }
-    out = IpcOwner{perm.uid, perm.cuid, perm.__key};
-    return true;
-}
-
-int remove_object(const IpcObject& obj) {
-    switch (obj.kind) {
-    case IpcKind::shm: return shmctl(obj.id, IPC_RMID, nullptr);
-    case IpcKind::sem: return semctl(obj.id, 0, IPC_RMID);
-    case IpcKind::msg: return msgctl(obj.id, IPC_RMID, nullptr);
-    }
-    return -1;
 }
 
 }  // namespace varnix::kit
