@@ -19,7 +19,9 @@
 #include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
+#include "core/short_cstr.h"
 #include "core/status.h"
+#include "record/call_validate.h"
 #include "record/record.h"
 #include "record/text_out.h"
 #include "varnix.h"
@@ -48,10 +50,11 @@ constexpr size_t kSourceMax = 100;
 // DBIO when the function name carries the configured signature: each of the
 // pattern's first characters is NUL or equals the name's character at the
 // configured position onwards; no name character lies where the name has
-// ended.  The name is read no further than its NUL.
+// ended.  The name is read no further than its NUL.  The signature is
+// configuration, published together with init_mark: read once the library
+// was found ready.
 [[gnu::always_inline]] inline char call_kind(const char* func_nm) {
-    // The signature is configuration, published together with init_mark.
-    if (!func_nm || gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return kBizcall;
+    if (!func_nm) return kBizcall;
     const int32_t pos = gvar.dbio_func_no;
     if (pos < 0) return kBizcall;
     const char* pattern = gvar.dbio_func_nm;
@@ -68,7 +71,8 @@ constexpr size_t kSourceMax = 100;
 // At most `Max` characters of `src`, NUL-terminated; empty for null.
 template <size_t Max, size_t N>
 [[gnu::always_inline]] inline void keep_name(char (&dst)[N], const char* src) {
-    static_assert(Max < N);
+    static_assert(Max < N && Max >= 16);
+    if (src && copy_short_cstr(dst, src) >= 0) return;
     const size_t n = src ? strnlen(src, Max) : 0;
     field_detail::copy_short<Max + 1>(dst, src, n);
     dst[n] = '\0';
@@ -99,16 +103,16 @@ int check_call(MTR_CXT_VAR& cxt, char kind) {
     return validate_call(cxt, kind);
 }
 
-// The context of `tid` with its entry, after the library and record checks.
-// Every call runs this twice: the calling thread's own context is taken
-// here, without a call, once the checks found tracing on.
-int resolve(int32_t tid, char kind, MTR_CXT_VAR** out) {
-    if (int rc = check_gvar(kind); rc != kOk) return rc;
-    if (MTR_CXT_VAR* own = tid < 0 ? own_context_now() : nullptr; own && own->ptrc) {
-        *out = own;
-        return kOk;
-    }
-    return context_with_entry(tid, out);
+// The call's kind and the context of `tid` with its entry, after the library
+// and collector checks.  Every call runs this twice: the calling thread's own
+// context is taken here, without a call, once the checks found tracing on.
+[[gnu::always_inline]] inline int resolve(int32_t tid, const char* func_nm, char& kind, MTR_CXT_VAR*& cxt) {
+    if (!library_ready()) return VARNIX_RC_NOT_INIT;
+    kind = call_kind(func_nm);
+    if (int rc = check_collector(kind); rc != kOk) return rc;
+    cxt = tid < 0 ? own_context_now() : nullptr;
+    if (cxt && cxt->ptrc) return kOk;
+    return context_with_entry(tid, &cxt);
 }
 
 // Refuses a DBIO call inside an open DBIO call.
@@ -129,9 +133,9 @@ struct StartArgs {
 };
 
 int callinfo_start(int32_t tid, const StartArgs& a) {
-    const char kind = call_kind(a.func_nm);
+    char kind = kBizcall;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = resolve(tid, kind, &cxt); rc != kOk) return rc;
+    if (int rc = resolve(tid, a.func_nm, kind, cxt); rc != kOk) return rc;
     PTRC_HASH& e = *cxt->ptrc;
     e.dbio_sts = kind == kDbio ? 1 : 0;
     if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
@@ -170,12 +174,17 @@ int callinfo_start(int32_t tid, const StartArgs& a) {
 }
 
 struct FinishArgs {
+    int32_t rc;
+    const char* func_nm;
+};
+
+// What a call's record shows besides the call's own state: the caller's
+// arguments, gathered only when a record goes.
+struct RecordArgs {
     HeaderArgs header;
     const char* module_nm;
     const char* source_nm;
     int32_t line_no;
-    int32_t rc;
-    const char* func_nm;
     const char* kind_label;
 };
 
@@ -252,7 +261,7 @@ struct Secs {
 Secs secs(int64_t us) { return {static_cast<long>(us / 1000000), static_cast<long>(us % 1000000)}; }
 Secs secs(const timeval& tv) { return {static_cast<long>(tv.tv_sec), static_cast<long>(tv.tv_usec)}; }
 
-void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const FinishArgs& a, const Plan& p,
+void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const RecordArgs& a, const Plan& p,
                 int64_t elapsed) {
     const bool biz_form = p.format == Format::kWithChildren || p.format == Format::kAlone;
     const bool children = p.format == Format::kWithChildren;
@@ -300,10 +309,12 @@ int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h, const timeval& e
     return tran_logb(cxt, cxt.log_rec);
 }
 
-int callinfo_finish(int32_t tid, const FinishArgs& a) {
-    const char kind = call_kind(a.func_nm);
+// `record` gives the RecordArgs, asked for only when a record goes.
+template <typename Record>
+int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
+    char kind = kBizcall;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = resolve(tid, kind, &cxt); rc != kOk) return rc;
+    if (int rc = resolve(tid, a.func_nm, kind, cxt); rc != kOk) return rc;
     if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
     PTRC_HASH& e = *cxt->ptrc;
     const char* name = a.func_nm ? a.func_nm : "";
@@ -329,7 +340,7 @@ int callinfo_finish(int32_t tid, const FinishArgs& a) {
     force_on_error(e, k);
     const Plan plan = plan_record(*cxt, k, elapsed, kind);
     if (plan.wanted) {
-        write_text(cxt->log_body, e, lvl, a, plan, elapsed);
+        write_text(cxt->log_body, e, lvl, record(), plan, elapsed);
         lvl.force_rec = 0;
     }
     const bool skipped = kind == kDbio && e.dbio_skip != 0;
@@ -343,7 +354,7 @@ int callinfo_finish(int32_t tid, const FinishArgs& a) {
         --e.call_trc_depth;
         return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
     }
-    const int result = plan.wanted ? send_call_record(*cxt, kind, a.header, lvl.end_tv)
+    const int result = plan.wanted ? send_call_record(*cxt, kind, record().header, lvl.end_tv)
                                    : kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
     --e.call_trc_depth;
     return result;
@@ -370,10 +381,13 @@ int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, con
                         const char* module_nm, int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t rc,
                         const char* func_nm, int32_t, const char* kind_label, int32_t) {
     const varnix::EntryGate gate;
-    const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len}, Text{dtl_cd, dtl_cd_len}, Text{},
-                                    Text{pid_str, pid_str_len}, Text{date_str, date_str_len},
-                                    Text{time_str, time_str_len}};
-    return varnix::callinfo_finish(tid, {header, module_nm, source_nm, line_no, rc, func_nm, kind_label});
+    auto record = [&] {
+        const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len},       Text{dtl_cd, dtl_cd_len},
+                                        Text{},                         Text{pid_str, pid_str_len},
+                                        Text{date_str, date_str_len},   Text{time_str, time_str_len}};
+        return varnix::RecordArgs{header, module_nm, source_nm, line_no, kind_label};
+    };
+    return varnix::callinfo_finish(tid, {rc, func_nm}, record);
 }
 
 }  // extern "C"

@@ -355,15 +355,6 @@ int apply_fst_err_rc(std::span<int8_t, 128> table, const char* rule) {
     return 0;
 }
 
-int is_err_rc(CALL_LVL* lvl) {
-    if (lvl->start_opt == 0xFFFFFFFFu) {
-        lvl->rc = 99;
-        return 0;
-    }
-    if (lvl->rc < 0 && lvl->rc >= -127) return shm_load(&gvar.fst_err_rc_set[-lvl->rc]);
-    return 0;
-}
-
 }  // namespace varnix
 
 using namespace varnix;

@@ -98,11 +98,6 @@ void write_thread_ids(const MTR_CXT_VAR& cxt, char* body);
 int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, const char* svc_nm, int svc_len,
                    Text snapshot_key = {});
 
-// trace_validate of a call record, 'B' (DBIO) or 'C' (BIZCALL), for the
-// call's start and finish: the service id is not written (the finish writes
-// it when it sends), and an api type makes no difference to these kinds.
-int validate_call(MTR_CXT_VAR& cxt, char kind);
-
 // Sends `rec` to the queue its GID slice picks: the queue number, 105 when the
 // queue refused it, 102 for a type that is not sent.
 int tran_logb(MTR_CXT_VAR& cxt, TRAN_LOG_MSG& rec);

@@ -7,32 +7,17 @@
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
+#include "record/call_validate.h"
 #include "record/record.h"
 
 namespace varnix {
 namespace {
 
+using namespace validate_detail;
+
 constexpr size_t kSvcIdWidth = 16;
 constexpr int8_t kSnapshotDepthMax = 50;
 constexpr size_t kSnapshotKeyMax = 15;  // the longest trade code a snapshot is armed with
-
-struct Switches {
-    uint8_t filtering;  // F
-    uint8_t flags;      // L
-};
-
-// FILTER(bit): the service table's verdict when filtering is on; -1 to go on.
-int filter(const MTR_CXT_VAR& cxt, Switches sw, uint8_t bit) {
-    if (sw.filtering == 0) return -1;
-    if (cxt.svc_hash) return (shm_load(&cxt.svc_hash->svc_flag_set) & bit) ? kOk : VARNIX_RC_FILTERED;
-    return sw.filtering == 2 ? VARNIX_RC_FILTERED : -1;
-}
-
-// Records of a class switched off still go while a snapshot runs.
-int common_tail(const PTRC_HASH& e) { return e.snapshot_state == 2 ? kOk : VARNIX_RC_CLASS_OFF; }
-
-// A service has started and not yet ended.
-bool in_service(const MTR_CXT_VAR& cxt) { return (cxt.log_bit & 3) < 3 && cxt.log_bit != 0; }
 
 void reset_call_levels(PTRC_HASH& e) {
     e.last_fin_lvl = 0;
@@ -103,38 +88,6 @@ int validate_end(MTR_CXT_VAR& cxt, Switches sw) {
     return kOk;
 }
 
-int validate_dbio(MTR_CXT_VAR& cxt, Switches sw) {
-    PTRC_HASH& e = *cxt.ptrc;
-    e.dbio_skip = 0;
-    if (sw.filtering != 0) {
-        if (cxt.svc_hash) {
-            // The mark, not a refusal: the call finish suppresses the record.
-            if (!(shm_load(&cxt.svc_hash->svc_flag_set) & VARNIX_FLAG_B)) e.dbio_skip = 'y';
-            return kOk;
-        }
-        if (sw.filtering == 2) return VARNIX_RC_FILTERED;
-    }
-    if ((sw.flags & VARNIX_FLAG_B) || e.snapshot_state == 2) return kOk;
-    e.dbio_skip = 'd';
-    return kOk;
-}
-
-// The record classes with a plain switch: filter, then the class bit, then
-// the snapshot tail.
-int validate_class(const MTR_CXT_VAR& cxt, Switches sw, uint8_t bit) {
-    if (int rc = filter(cxt, sw, bit); rc >= 0) return rc;
-    if (sw.flags & bit) return kOk;
-    return common_tail(*cxt.ptrc);
-}
-
-[[gnu::cold, gnu::noinline]] int mismatch(const MTR_CXT_VAR& cxt, char log_type) {
-    const PTRC_HASH& e = *cxt.ptrc;
-    if (log_type == '1' || log_type == '2')
-        log_printf("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", e.pid,
-                   static_cast<unsigned long>(e.tid), cxt.pid, static_cast<unsigned long>(cxt.tid));
-    return VARNIX_RC_PTRC_MISMATCH;
-}
-
 bool error_without_service_check(char api_type) {
     switch (api_type) {
         case kTranClhStartApi:
@@ -146,28 +99,19 @@ bool error_without_service_check(char api_type) {
     }
 }
 
-// The context has its process-thread entry, and the entry is still its own.
-int entry_check(const MTR_CXT_VAR& cxt, char log_type) {
-    if (cxt.cxt_init_flag == VARNIX_RC_PTRC_FULL || !cxt.ptrc) return VARNIX_RC_PTRC_FULL;
-    const PTRC_HASH& e = *cxt.ptrc;
-    if (e.pid != cxt.pid || e.tid != cxt.tid) return mismatch(cxt, log_type);
-    return kOk;
-}
-
-Switches switches() { return {shm_load(gvar.svc_filtering), shm_load(gvar.log_flag_set)}; }
-
-// A DBIO ('B') or BIZCALL ('C') record inside a service.
-int call_verdict(MTR_CXT_VAR& cxt, Switches sw, char kind) {
-    return kind == 'B' ? validate_dbio(cxt, sw) : validate_class(cxt, sw, VARNIX_FLAG_C);
-}
-
 }  // namespace
 
-int validate_call(MTR_CXT_VAR& cxt, char kind) {
-    if (int rc = entry_check(cxt, kind); rc != kOk) return rc;
-    if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
-    return call_verdict(cxt, switches(), kind);
+namespace validate_detail {
+
+int mismatch(const MTR_CXT_VAR& cxt, char log_type) {
+    const PTRC_HASH& e = *cxt.ptrc;
+    if (log_type == '1' || log_type == '2')
+        log_printf("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", e.pid,
+                   static_cast<unsigned long>(e.tid), cxt.pid, static_cast<unsigned long>(cxt.tid));
+    return VARNIX_RC_PTRC_MISMATCH;
 }
+
+}  // namespace validate_detail
 
 int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, const char* svc_nm, int svc_len,
                    Text snapshot_key) {
