@@ -382,9 +382,9 @@ int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, con
                         const char* func_nm, int32_t, const char* kind_label, int32_t) {
     const varnix::EntryGate gate;
     auto record = [&] {
-        const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len},       Text{dtl_cd, dtl_cd_len},
-                                        Text{},                         Text{pid_str, pid_str_len},
-                                        Text{date_str, date_str_len},   Text{time_str, time_str_len}};
+        const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len}, Text{dtl_cd, dtl_cd_len}, Text{},
+                                        Text{pid_str, pid_str_len}, Text{date_str, date_str_len},
+                                        Text{time_str, time_str_len}};
         return varnix::RecordArgs{header, module_nm, source_nm, line_no, kind_label};
     };
     return varnix::callinfo_finish(tid, {rc, func_nm}, record);
