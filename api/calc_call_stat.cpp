@@ -17,25 +17,13 @@ namespace {
 // are recorded for the rest of the service.
 constexpr int64_t kExcessCallLimitUs = 200000;
 
-int32_t to_ms(int64_t us) { return static_cast<int32_t>(us / 1000); }
-
-void raise_to(int32_t& max, int32_t value) {
-    if (value > max) max = value;
-}
-
-void raise_to(int64_t& limit, int64_t floor) {
+void raise_limit(int64_t& limit, int64_t floor) {
     if (limit < floor) limit = floor;
 }
 
-// Time spent in the calls the finishing call made: the sums of the level
-// below it (none below the last level).
-int64_t children_elapsed(const PTRC_HASH& e) {
-    const int below = e.trc_lvl;
-    return below >= 0 && below < VARNIX_CALL_LVL_CNT ? e.call_lvl[below].elapsed_sum : 0;
-}
-
 // Event 1300 about the service, with the header codes of the thread's last
-// record; copied out first, since the event rewrites that record.
+// record and the service id of the call being finished; copied out first,
+// since the event rewrites that record.
 void report_excess(MTR_CXT_VAR& cxt, int32_t base_cnt) {
     const PTRC_HASH& e = *cxt.ptrc;
     char text[512];
@@ -47,7 +35,9 @@ void report_excess(MTR_CXT_VAR& cxt, int32_t base_cnt) {
     std::memcpy(cls_cd, cxt.log_body + hdr::kClsCd, sizeof cls_cd);
     std::memcpy(dtl_cd, cxt.log_body + hdr::kDtlCd, sizeof dtl_cd);
     std::memcpy(gid, cxt.log_body + hdr::kGid, sizeof gid);
-    std::memcpy(svc_id, cxt.log_body + hdr::kSvcId, sizeof svc_id);
+    const SvcLevel* level = current_svc_level(cxt);
+    if (level) std::memcpy(svc_id, level->svc_id, sizeof svc_id);
+    else std::memcpy(svc_id, cxt.log_body + hdr::kSvcId, sizeof svc_id);
     std::memcpy(recv_svc_cd, e.main_recv_svc_cd, sizeof recv_svc_cd);
     const char chnl_class = e.chnl_class;
     Notice n;
@@ -64,27 +54,17 @@ void report_excess(MTR_CXT_VAR& cxt, int32_t base_cnt) {
 
 }  // namespace
 
-void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind) {
-    if (!cxt.ptrc) return;
+namespace call_stat_detail {
+
+void excess_calls(MTR_CXT_VAR& cxt, int32_t base_cnt) {
     PTRC_HASH& e = *cxt.ptrc;
-    CallStat& st = cxt.call_stat;
-    if (kind == 'B') {
-        st.dbio_elapsed_sum += elapsed_us;
-        ++st.dbio_cnt;
-        raise_to(st.dbio_max_ms, to_ms(elapsed_us));
-    } else {
-        st.biz_elapsed_sum += elapsed_us;
-        ++st.biz_cnt;
-        raise_to(st.biz_max_ms, to_ms(elapsed_us));
-        raise_to(st.biz_self_max_ms, to_ms(elapsed_us - children_elapsed(e)));
-    }
-    const int32_t base_cnt = gvar.infinite_loop_base_cnt;
-    if (static_cast<int64_t>(st.biz_cnt) + st.dbio_cnt <= base_cnt || st.excess_call_flag != 0) return;
     report_excess(cxt, base_cnt);
-    raise_to(e.call_trc_limit, kExcessCallLimitUs);
-    raise_to(e.dbio_trc_limit, kExcessCallLimitUs);
-    raise_to(e.sql_trc_limit, kExcessCallLimitUs);
-    st.excess_call_flag = 1;
+    raise_limit(e.call_trc_limit, kExcessCallLimitUs);
+    raise_limit(e.dbio_trc_limit, kExcessCallLimitUs);
+    raise_limit(e.sql_trc_limit, kExcessCallLimitUs);
+    cxt.call_stat.excess_call_flag = 1;
 }
+
+}  // namespace call_stat_detail
 
 }  // namespace varnix

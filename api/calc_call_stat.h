@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "context/mtr_cxt.h"
+#include "core/gvar.h"
 
 namespace varnix {
 
@@ -12,6 +13,50 @@ namespace varnix {
 // `trc_lvl` of the process-thread entry numbers it, and the level at that
 // index holds the sums of the calls it made.  The first call of a service
 // beyond INFINITE_LOOP_BASE_CNT sends event 1300 and raises the limits.
-void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind);
+//
+// Inline: every traced call's finish runs it; only the rule's event is out of
+// line.
+inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind);
+
+namespace call_stat_detail {
+
+// A maximum in milliseconds raised to `us`, in whole milliseconds.  The
+// maxima start at 0, and us / 1000 exceeds a maximum m >= 0 exactly when us
+// reaches (m + 1) ms: a product rather than a division per call.
+inline void raise_ms(int32_t& max_ms, int64_t us) {
+    if (us >= (static_cast<int64_t>(max_ms) + 1) * 1000) max_ms = static_cast<int32_t>(us / 1000);
+}
+
+// Time spent in the calls the finishing call made: the sums of the level
+// below it (none below the last level).
+inline int64_t children_elapsed(const PTRC_HASH& e) {
+    const int below = e.trc_lvl;
+    return below >= 0 && below < VARNIX_CALL_LVL_CNT ? e.call_lvl[below].elapsed_sum : 0;
+}
+
+// The service's calls have gone beyond `base_cnt`: the event, and the limits
+// raised for the rest of the service.
+[[gnu::cold, gnu::noinline]] void excess_calls(MTR_CXT_VAR& cxt, int32_t base_cnt);
+
+}  // namespace call_stat_detail
+
+inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind) {
+    using namespace call_stat_detail;
+    if (!cxt.ptrc) return;
+    CallStat& st = cxt.call_stat;
+    if (kind == 'B') {
+        st.dbio_elapsed_sum += elapsed_us;
+        ++st.dbio_cnt;
+        raise_ms(st.dbio_max_ms, elapsed_us);
+    } else {
+        st.biz_elapsed_sum += elapsed_us;
+        ++st.biz_cnt;
+        raise_ms(st.biz_max_ms, elapsed_us);
+        raise_ms(st.biz_self_max_ms, elapsed_us - children_elapsed(*cxt.ptrc));
+    }
+    const int32_t base_cnt = gvar.infinite_loop_base_cnt;
+    if (static_cast<int64_t>(st.biz_cnt) + st.dbio_cnt <= base_cnt || st.excess_call_flag != 0) return;
+    excess_calls(cxt, base_cnt);
+}
 
 }  // namespace varnix

@@ -37,9 +37,8 @@ int front_end_service(const ServiceKind& kind, char log_type, const ServiceArgs&
     if (int rc = pinned_context(log_type, start ? kind.start_name : nullptr, a.tid, cp); rc != kOk) return rc;
     MTR_CXT_VAR& cxt = *cp;
     // Only a start may arm a snapshot.
-    const SnapshotKey key(a);
     if (int rc = trace_validate(cxt, log_type, api_of(kind, log_type), cxt.log_body, a.svc_id.p, a.svc_id.len,
-                                start ? key.get() : nullptr);
+                                start ? snapshot_key(a) : Text{});
         rc != kOk)
         return rc;
     // Never timed: a preset start time is left for the next TRAN_START.

@@ -7,7 +7,7 @@
 namespace varnix {
 namespace {
 
-constexpr int kCodeWidth = 4;
+constexpr size_t kCodeWidth = 4;
 constexpr int kRecvSvcCdAt = 202;
 constexpr int kChnlClassAt = 215;
 
@@ -35,12 +35,14 @@ Text level_svc_id(const SvcLevel& level) { return {level.svc_id, sizeof level.sv
 int send_notice(MTR_CXT_VAR& cxt, const NoticeLayout& layout, const Notice& n, Text gid) {
     char* b = cxt.log_body;
     write_header(b, layout.log_type, HeaderArgs{n.cls_cd, n.dtl_cd, gid, n.pid_str, n.date_str, n.time_str});
-    if (layout.code_at >= 0) set_log_field(n.code, b + layout.code_at, kCodeWidth);
+    if (layout.code_at >= 0) put_field<kCodeWidth>(b + layout.code_at, n.code);
     if (layout.has_receiver) {
-        set_log_field(n.recv_svc_cd, b + kRecvSvcCdAt, 12);
-        set_log_field(n.chnl_class, b + kChnlClassAt, 4);
+        put_field<12>(b + kRecvSvcCdAt, n.recv_svc_cd);
+        put_field<4>(b + kChnlClassAt, n.chnl_class);
     }
-    set_log_field(n.msg_text, b + layout.msg_at, layout.msg_width);
+    char* msg = b + layout.msg_at;
+    if (layout.msg_width == kEventTextWidth) put_field<kEventTextWidth>(msg, n.msg_text);
+    else put_field<kNoticeTextWidth>(msg, n.msg_text);
     *cxt.log_len = static_cast<uint32_t>(layout.msg_at + layout.msg_width + 1);
     return tran_logb(cxt, cxt.log_rec);
 }

@@ -15,6 +15,10 @@ struct Notice {
     Text cls_cd, dtl_cd, gid, svc_id, pid_str, date_str, time_str, code, recv_svc_cd, chnl_class, msg_text;
 };
 
+// The widths of a notice's text: an event's, every other notice's.
+inline constexpr size_t kEventTextWidth = 512;
+inline constexpr size_t kNoticeTextWidth = 350;
+
 // Where a kind of notice puts its fields after the common header.
 struct NoticeLayout {
     char log_type;
@@ -22,7 +26,7 @@ struct NoticeLayout {
     int code_at;       // -1: no code field
     bool has_receiver;  // recv_svc_cd and chnl_class
     int msg_at;
-    int msg_width;
+    size_t msg_width;  // kEventTextWidth or kNoticeTextWidth
 };
 
 // The initialization check for `log_type`, then the context of `tid`: 0

@@ -13,6 +13,7 @@
 
 #include "context/mtr_cxt.h"
 #include "record/log_field.h"
+#include "record/record.h"
 
 namespace varnix {
 
@@ -52,6 +53,8 @@ struct ServiceKind {
     const char* start_name;
     char start_api, end_api, error_api;
     std::span<const FieldPos> tail;
+    // Writes the caller's columns into the tail, blanks where none is given.
+    void (*write_tail)(char* body, std::span<const Text> cols);
     int body_len;
     bool quiet_channels;   // ICT/ICC start nested levels without linked notices
     bool channel_class;    // chnl_class from the channel type, else always 'O'
@@ -84,8 +87,8 @@ struct ServiceRecord {
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r);
 
 // The instant of an outermost start or end into `into`: a time preset by
-// TRAN_SET_TIME, used once, else the clock.
-void take_service_time(PTRC_HASH& e, timeval& into);
+// TRAN_SET_TIME, used once, else now.
+void take_service_time(PTRC_HASH& e, timeval& into, Now& now);
 
 // Keeps the entry's copy of the depth in step for the collector.
 void set_service_depth(MTR_CXT_VAR& cxt, int depth);
@@ -108,20 +111,11 @@ Printable printable(Text t, int cap);
 // The same, never longer than `max`.
 Printable printable_max(Text t, int cap, int max);
 
-// The channel type column doubles as the key that arms a snapshot; it is
-// compared with a trade code of up to 15 characters, so it is copied, bounded
-// by what the caller gave, and terminated.
-class SnapshotKey {
-public:
-    // The start's snapshot key, else its channel type column.
-    explicit SnapshotKey(const ServiceArgs& a);
-    const char* get() const { return set_ ? key_ : nullptr; }
-
-private:
-    static constexpr int kKeyMax = 15;
-    char key_[kKeyMax + 1] = {};
-    bool set_ = false;
-};
+// What a start compares with the trade code of an armed snapshot: the
+// caller's snapshot key, else the channel type column.
+inline Text snapshot_key(const ServiceArgs& a) {
+    return a.snapshot_key.p ? a.snapshot_key : tail_at(a, kTailChnlTypCd);
+}
 
 int service_start(const ServiceKind& kind, const ServiceArgs& a);
 int service_end(const ServiceKind& kind, const ServiceArgs& a);

@@ -1,5 +1,9 @@
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <ctime>
+#include <iterator>
+#include <utility>
 
 #include "api/service.h"
 #include "core/clock.h"
@@ -34,53 +38,73 @@ constexpr bool end_to_end(std::span<const FieldPos> tail) {
 static_assert(end_of(kTelegramTail) == 426 && end_of(kShortTail) == 386);
 static_assert(end_to_end(kTelegramTail) && end_to_end(kShortTail));
 
+// The caller's columns into the tail.  The tail is blanked in one go, so a
+// column not given costs only the test, and a given one only its bytes:
+// padding and separators are already there.  Each column's width is a
+// constant of its writer.
+template <size_t W>
+void put_given(char* at, Text t) {
+    if (t.p) field_detail::copy_short<W + 1>(at, t.p, shown_len<W>(t));
+}
+template <const auto& Tail, size_t... I>
+void write_columns(char* body, std::span<const Text, sizeof...(I)> cols, std::index_sequence<I...>) {
+    (put_given<Tail[I].width>(body + Tail[I].offset, cols[I]), ...);
+}
+template <const auto& Tail>
+void write_tail(char* body, std::span<const Text> cols) {
+    constexpr size_t n = std::size(Tail);
+    std::memset(body + Tail[0].offset, ' ', static_cast<size_t>(end_of(Tail) - Tail[0].offset));
+    if (cols.size() >= n) {
+        write_columns<Tail>(body, cols.first<n>(), std::make_index_sequence<n>{});
+    } else if (!cols.empty()) {  // fewer columns than the tail: the rest are blank
+        std::array<Text, n> all{};
+        std::copy(cols.begin(), cols.end(), all.begin());
+        write_columns<Tail>(body, std::span<const Text, n>(all), std::make_index_sequence<n>{});
+    }
+}
+
 }  // namespace
 
 const ServiceKind kStandardService{
-    "TRAN_START", kTranStartApi, kTranEndApi, kTranErrorApi, kTelegramTail, end_of(kTelegramTail), true, true, true,
+    "TRAN_START", kTranStartApi, kTranEndApi, kTranErrorApi, kTelegramTail, write_tail<kTelegramTail>,
+    end_of(kTelegramTail), true, true, true,
     "<!> START - service depth init (%d)->(0) GID-PID-TID |%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s) svc_depth_elapsed %d "
     "sec (base %d sec)",
     true,
 };
 
 const ServiceKind kProcessTraceService{
-    "TRAN_PT_START", kTranPtStartApi, kTranPtEndApi, 0, kShortTail, end_of(kShortTail), false, false,
-    false,
+    "TRAN_PT_START", kTranPtStartApi, kTranPtEndApi, 0, kShortTail, write_tail<kShortTail>, end_of(kShortTail), false,
+    false, false,
     "<!> START - service depth init (%d)->(0) GID-PID-TID|%.*s|-|%d|-|%d|, SVC (%.*s)->(%.*s), svc_depth_elapsed %d "
     "sec (base %d sec)",
     false,
 };
 
 const ServiceKind kClientHandlerService{
-    "TRAN_CLH_START", kTranClhStartApi, kTranClhEndApi, kTranClhErrorApi, kTelegramTail, end_of(kTelegramTail), false,
-    true, false, nullptr, false,
+    "TRAN_CLH_START", kTranClhStartApi, kTranClhEndApi, kTranClhErrorApi, kTelegramTail, write_tail<kTelegramTail>,
+    end_of(kTelegramTail), false, true, false, nullptr, false,
 };
 
 const ServiceKind kWebService{
-    "TRAN_WEB_START", kTranWebStartApi, kTranWebEndApi, 0, kShortTail, end_of(kShortTail), false, false, false, nullptr,
-    false,
+    "TRAN_WEB_START", kTranWebStartApi, kTranWebEndApi, 0, kShortTail, write_tail<kShortTail>, end_of(kShortTail),
+    false, false, false, nullptr, false,
 };
 
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r) {
     char* b = cxt.log_body;
-    write_header(b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str});
-    int64_t elapsed_us = 0, call_us = 0;
-    if (r.timed && !a.time_str.p) {
-        take_service_time(*cxt.ptrc, *r.timed);
-        put_time(b, *r.timed);
-        if (r.since) {
-            elapsed_us = usec_of(*r.timed) - usec_of(*r.since);
-            call_us = r.call_us;
-        }
+    Now now;
+    const timeval* timed = r.timed && !a.time_str.p ? r.timed : nullptr;
+    if (timed) take_service_time(*cxt.ptrc, *r.timed, now);
+    write_header(b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str}, now, timed);
+    if (timed && r.since) {
+        put_number<10>(b + kElapsedAt, usec_of(*timed) - usec_of(*r.since));
+        put_number<10>(b + kCallAt, r.call_us);
+    } else {
+        std::memcpy(b + kElapsedAt, "0000000000 0000000000 ", 22);
     }
-    put_number(b + kElapsedAt, 10, elapsed_us);
-    put_number(b + kCallAt, 10, call_us);
-    put_number(b + kDepthAt, 2, r.depth);
-    // The columns lie end to end, each with its blank: blank them all at
-    // once, then write the ones given.
-    std::memset(b + kind.tail.front().offset, ' ', static_cast<size_t>(kind.body_len - kind.tail.front().offset));
-    for (size_t i = 0; i < kind.tail.size(); ++i)
-        if (const Text t = tail_at(a, i); t.p) set_log_field(t, b + kind.tail[i].offset, kind.tail[i].width);
+    put_number<2>(b + kDepthAt, r.depth);
+    kind.write_tail(b, a.tail);
     *cxt.log_len = static_cast<uint32_t>(kind.body_len);
 }
 
@@ -101,27 +125,18 @@ void mark_outermost_end(PTRC_HASH& e) {
     e.svc_mark_time = std::time(nullptr);
 }
 
-void take_service_time(PTRC_HASH& e, timeval& into) {
+void take_service_time(PTRC_HASH& e, timeval& into, Now& now) {
     if (e.preset_start_tv.tv_sec != 0 || e.preset_start_tv.tv_usec != 0) {
         into = e.preset_start_tv;
         e.preset_start_tv = timeval{};
     } else {
-        into = clock_now();
+        into = now.get();
     }
 }
 
 void set_service_depth(MTR_CXT_VAR& cxt, int depth) {
     cxt.service_depth = static_cast<int8_t>(depth);
     if (cxt.ptrc) cxt.ptrc->service_depth = static_cast<int8_t>(depth);
-}
-
-SnapshotKey::SnapshotKey(const ServiceArgs& a) {
-    const Text chnl = a.snapshot_key.p ? a.snapshot_key : tail_at(a, kTailChnlTypCd);
-    if (!chnl.p) return;
-    Printable p = printable_max(chnl, kKeyMax, kKeyMax);
-    std::memcpy(key_, p.p, static_cast<size_t>(p.len));
-    key_[p.len] = '\0';
-    set_ = true;
 }
 
 Printable printable(Text t, int cap) {

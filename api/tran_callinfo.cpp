@@ -19,7 +19,9 @@
 #include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
+#include "core/short_cstr.h"
 #include "core/status.h"
+#include "record/call_validate.h"
 #include "record/record.h"
 #include "record/text_out.h"
 #include "varnix.h"
@@ -31,36 +33,56 @@ namespace {
 constexpr char kDbio = 'B';
 constexpr char kBizcall = 'C';
 constexpr int kLastLevel = VARNIX_CALL_LVL_CNT - 1;
-constexpr int kTextWidth = 350;
-constexpr uint32_t kCallBodyLen = hdr::kEnd + kTextWidth + 1;
+constexpr size_t kTextWidth = 350;
+constexpr uint32_t kCallBodyLen = hdr::kEnd + static_cast<uint32_t>(kTextWidth) + 1;
 constexpr int kSignatureCompared = 7;
 constexpr size_t kNameMax = 70;
 constexpr size_t kSourceMax = 100;
 
+// The name ended before the pattern's character `from`: DBIO only when no
+// pattern character is left to compare.
+[[gnu::cold, gnu::noinline]] char kind_of_short_name(const char* pattern, int from) {
+    for (int i = from; i < kSignatureCompared; ++i)
+        if (pattern[i] != '\0') return kBizcall;
+    return kDbio;
+}
+
 // DBIO when the function name carries the configured signature: each of the
 // pattern's first characters is NUL or equals the name's character at the
-// configured position onwards.
-char call_kind(const char* func_nm) {
-    // The signature is configuration, published together with init_mark.
-    if (!func_nm || gvar.init_mark.load(std::memory_order_acquire) != kInitMarkReady) return kBizcall;
+// configured position onwards; no name character lies where the name has
+// ended.  The name is read no further than its NUL.  The signature is
+// configuration, published together with init_mark: read once the library
+// was found ready.
+[[gnu::always_inline]] inline char call_kind(const char* func_nm) {
+    if (!func_nm) return kBizcall;
     const int32_t pos = gvar.dbio_func_no;
     if (pos < 0) return kBizcall;
-    const size_t len = strnlen(func_nm, static_cast<size_t>(pos) + kSignatureCompared);
+    const char* pattern = gvar.dbio_func_nm;
+    for (int32_t i = 0; i < pos; ++i)
+        if (func_nm[i] == '\0') return kind_of_short_name(pattern, 0);
+    const char* at = func_nm + pos;
     for (int i = 0; i < kSignatureCompared; ++i) {
-        const char want = gvar.dbio_func_nm[i];
-        const size_t at = static_cast<size_t>(pos) + static_cast<size_t>(i);
-        if (want != '\0' && (at >= len || func_nm[at] != want)) return kBizcall;
+        if (at[i] == '\0') return kind_of_short_name(pattern, i);
+        if (pattern[i] != '\0' && at[i] != pattern[i]) return kBizcall;
     }
     return kDbio;
 }
 
 // At most `Max` characters of `src`, NUL-terminated; empty for null.
 template <size_t Max, size_t N>
-void keep_name(char (&dst)[N], const char* src) {
-    static_assert(Max < N);
+[[gnu::always_inline]] inline void keep_name(char (&dst)[N], const char* src) {
+    static_assert(Max < N && Max >= 16);
+    if (src && copy_short_cstr(dst, src) >= 0) return;
     const size_t n = src ? strnlen(src, Max) : 0;
-    std::memcpy(dst, src ? src : "", n);
+    field_detail::copy_short<Max + 1>(dst, src, n);
     dst[n] = '\0';
+}
+
+// A name field of shared memory as far as it goes: up to its NUL, at most
+// its size.
+template <size_t N>
+std::string_view field_text(const char (&field)[N]) {
+    return {field, strnlen(field, N)};
 }
 
 // A NUL-terminated copy of a name field of shared memory.
@@ -75,17 +97,22 @@ struct Name {
 };
 
 // The kind's checks shared by start and finish: an open service, then the
-// validation of the record, which writes its service id.
-int validate_call(MTR_CXT_VAR& cxt, char kind, char api_type) {
-    const SvcLevel* level = current_svc_level(cxt);
-    if (!level) return VARNIX_RC_SVC_DEPTH;
-    return trace_validate(cxt, kind, api_type, cxt.log_body, level->svc_id, sizeof level->svc_id, nullptr);
+// validation of the record.  Its service id is written when a record goes.
+int check_call(MTR_CXT_VAR& cxt, char kind) {
+    if (!current_svc_level(cxt)) return VARNIX_RC_SVC_DEPTH;
+    return validate_call(cxt, kind);
 }
 
-// The context of `tid` with its entry, after the library and record checks.
-int resolve(int32_t tid, char kind, MTR_CXT_VAR** out) {
-    if (int rc = check_gvar(kind); rc != kOk) return rc;
-    return context_with_entry(tid, out);
+// The call's kind and the context of `tid` with its entry, after the library
+// and collector checks.  Every call runs this twice: the calling thread's own
+// context is taken here, without a call, once the checks found tracing on.
+[[gnu::always_inline]] inline int resolve(int32_t tid, const char* func_nm, char& kind, MTR_CXT_VAR*& cxt) {
+    if (!library_ready()) return VARNIX_RC_NOT_INIT;
+    kind = call_kind(func_nm);
+    if (int rc = check_collector(kind); rc != kOk) return rc;
+    cxt = tid < 0 ? own_context_now() : nullptr;
+    if (cxt && cxt->ptrc) return kOk;
+    return context_with_entry(tid, &cxt);
 }
 
 // Refuses a DBIO call inside an open DBIO call.
@@ -106,12 +133,12 @@ struct StartArgs {
 };
 
 int callinfo_start(int32_t tid, const StartArgs& a) {
-    const char kind = call_kind(a.func_nm);
+    char kind = kBizcall;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = resolve(tid, kind, &cxt); rc != kOk) return rc;
+    if (int rc = resolve(tid, a.func_nm, kind, cxt); rc != kOk) return rc;
     PTRC_HASH& e = *cxt->ptrc;
     e.dbio_sts = kind == kDbio ? 1 : 0;
-    if (int rc = validate_call(*cxt, kind, kTranCallinfoSApi); rc != kOk) return rc;
+    if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
 
     // Counted before the checks below, which do not take them back.
     ++e.call_trc_depth;
@@ -147,12 +174,17 @@ int callinfo_start(int32_t tid, const StartArgs& a) {
 }
 
 struct FinishArgs {
+    int32_t rc;
+    const char* func_nm;
+};
+
+// What a call's record shows besides the call's own state: the caller's
+// arguments, gathered only when a record goes.
+struct RecordArgs {
     HeaderArgs header;
     const char* module_nm;
     const char* source_nm;
     int32_t line_no;
-    int32_t rc;
-    const char* func_nm;
     const char* kind_label;
 };
 
@@ -229,7 +261,7 @@ struct Secs {
 Secs secs(int64_t us) { return {static_cast<long>(us / 1000000), static_cast<long>(us % 1000000)}; }
 Secs secs(const timeval& tv) { return {static_cast<long>(tv.tv_sec), static_cast<long>(tv.tv_usec)}; }
 
-void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const FinishArgs& a, const Plan& p,
+void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const RecordArgs& a, const Plan& p,
                 int64_t elapsed) {
     const bool biz_form = p.format == Format::kWithChildren || p.format == Format::kAlone;
     const bool children = p.format == Format::kWithChildren;
@@ -240,43 +272,50 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Finis
     const Secs start = secs(lvl.start_tv);
     const Secs end = secs(lvl.end_tv);
     const char* label = a.kind_label ? a.kind_label : biz_form ? "METHOD" : "";
-    const Name<sizeof lvl.source_nm> kept_source(lvl.source_nm);
-    TextOut<kTextWidth> t;
+    TextOut<static_cast<int>(kTextWidth)> t;
     t.number(e.trc_lvl).ch(',').number(e.call_trc_depth_max).ch(',');
     for (const Secs& v : {all, own, called, dbio, start, end}) t.secs(v.s, v.us).ch(',');
-    t.ch('[').text(label).text("][").text(Name(lvl.func_nm).s).text(" at ").text(a.module_nm ? a.module_nm : "");
-    t.text(" (").text(a.source_nm ? a.source_nm : kept_source.s).text("::").number(a.line_no, 5).text("){");
-    t.number(lvl.call_seq).text("}]");
+    t.ch('[').cstr(label).text("]["sv).text(field_text(lvl.func_nm)).text(" at "sv).cstr(a.module_nm);
+    t.text(" ("sv);
+    if (a.source_nm) t.cstr(a.source_nm);
+    else t.text(field_text(lvl.source_nm));
+    t.text("::"sv).number(a.line_no, 5).text("){"sv).number(lvl.call_seq).text("}]"sv);
     const int32_t sql_code = static_cast<int32_t>(e.sql_code);
     switch (p.format) {
         case Format::kWithChildren:
-        case Format::kAlone: t.text("#RC ").number(lvl.rc); break;
+        case Format::kAlone: t.text("#RC "sv).number(lvl.rc); break;
         case Format::kDbioFirst:
         case Format::kDbioLater:
             // The later DBIO form has no blank before the fetch time.
-            t.text("#SQLCODE ").number(sql_code).text(", #RC ").number(lvl.rc).text(" (line ").number(e.fetch_last[2]);
-            t.text(") fetch ").number(e.fetch_last[0]).text(p.format == Format::kDbioFirst ? " rows (" : " rows(");
-            t.number(e.fetch_last[1] / 1000).ch('.').number(e.fetch_last[1] % 1000).text(" ms) DB ");
-            t.text(Name(e.db_user).s).ch('/').text(Name(e.db_sid).s);
+            t.text("#SQLCODE "sv).number(sql_code).text(", #RC "sv).number(lvl.rc);
+            t.text(" (line "sv).number(e.fetch_last[2]).text(") fetch "sv).number(e.fetch_last[0]);
+            t.text(p.format == Format::kDbioFirst ? " rows ("sv : " rows("sv);
+            t.number(e.fetch_last[1] / 1000).ch('.').number(e.fetch_last[1] % 1000).text(" ms) DB "sv);
+            t.text(field_text(e.db_user)).ch('/').text(field_text(e.db_sid));
             break;
     }
-    set_log_field(t.data(), t.size(), body + hdr::kEnd, kTextWidth, 1);
+    put_bytes<kTextWidth>(body + hdr::kEnd, t.data(), static_cast<size_t>(t.size()));
 }
 
-// Header, GID of the open service and length around the text already in
-// the body; the dispatcher's result.
-int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h) {
-    h.gid = level_gid(*current_svc_level(cxt));
-    write_header(cxt.log_body, kind, h);
+// Header, GID and service id of the open service and length around the
+// text already in the body; the dispatcher's result.
+int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h, const timeval& end) {
+    const SvcLevel& level = *current_svc_level(cxt);
+    h.gid = level_gid(level);
+    Now now(end);  // the call ended now
+    write_header(cxt.log_body, kind, h, now);
+    put_bytes<sizeof level.svc_id>(cxt.log_body + hdr::kSvcId, level.svc_id, sizeof level.svc_id);
     *cxt.log_len = kCallBodyLen;
     return tran_logb(cxt, cxt.log_rec);
 }
 
-int callinfo_finish(int32_t tid, const FinishArgs& a) {
-    const char kind = call_kind(a.func_nm);
+// `record` gives the RecordArgs, asked for only when a record goes.
+template <typename Record>
+int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
+    char kind = kBizcall;
     MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = resolve(tid, kind, &cxt); rc != kOk) return rc;
-    if (int rc = validate_call(*cxt, kind, kTranCallinfoFApi); rc != kOk) return rc;
+    if (int rc = resolve(tid, a.func_nm, kind, cxt); rc != kOk) return rc;
+    if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
     PTRC_HASH& e = *cxt->ptrc;
     const char* name = a.func_nm ? a.func_nm : "";
     if (e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) {
@@ -301,7 +340,7 @@ int callinfo_finish(int32_t tid, const FinishArgs& a) {
     force_on_error(e, k);
     const Plan plan = plan_record(*cxt, k, elapsed, kind);
     if (plan.wanted) {
-        write_text(cxt->log_body, e, lvl, a, plan, elapsed);
+        write_text(cxt->log_body, e, lvl, record(), plan, elapsed);
         lvl.force_rec = 0;
     }
     const bool skipped = kind == kDbio && e.dbio_skip != 0;
@@ -315,7 +354,7 @@ int callinfo_finish(int32_t tid, const FinishArgs& a) {
         --e.call_trc_depth;
         return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
     }
-    const int result = plan.wanted ? send_call_record(*cxt, kind, a.header)
+    const int result = plan.wanted ? send_call_record(*cxt, kind, record().header, lvl.end_tv)
                                    : kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
     --e.call_trc_depth;
     return result;
@@ -342,10 +381,13 @@ int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, con
                         const char* module_nm, int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t rc,
                         const char* func_nm, int32_t, const char* kind_label, int32_t) {
     const varnix::EntryGate gate;
-    const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len}, Text{dtl_cd, dtl_cd_len}, Text{},
-                                    Text{pid_str, pid_str_len}, Text{date_str, date_str_len},
-                                    Text{time_str, time_str_len}};
-    return varnix::callinfo_finish(tid, {header, module_nm, source_nm, line_no, rc, func_nm, kind_label});
+    auto record = [&] {
+        const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len}, Text{dtl_cd, dtl_cd_len}, Text{},
+                                        Text{pid_str, pid_str_len}, Text{date_str, date_str_len},
+                                        Text{time_str, time_str_len}};
+        return varnix::RecordArgs{header, module_nm, source_nm, line_no, kind_label};
+    };
+    return varnix::callinfo_finish(tid, {rc, func_nm}, record);
 }
 
 }  // extern "C"

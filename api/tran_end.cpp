@@ -58,19 +58,19 @@ void send_statistics(const ServiceKind& kind, const MTR_CXT_VAR& cxt, int32_t ti
     // Counts are reported as the signed numbers the collector reads.
     auto n32 = [](uint32_t v) { return static_cast<int32_t>(v); };
     TextOut<1023> t;
-    t.text("처리 모듈(함수)통계 [ 총 호출 ").number(e.total_call_cnt).text(" 건 ] [ Max Depth ");
-    t.number(n32(s.max_call_depth)).text(" ] [ BIZCALL(Method) ").number(n32(s.biz_cnt)).text("건 (전체 Avg/Max ");
-    t.fixed2(average_ms(s.biz_elapsed_sum, s.biz_cnt), 6).ch('/').number(s.biz_max_ms).text(" ms, 개별 Max ");
-    t.number(s.biz_self_max_ms).text(" ms) ], [ DBIO ").number(n32(s.dbio_cnt)).text("건 (Avg/Max ");
-    t.fixed2(average_ms(s.dbio_elapsed_sum, s.dbio_cnt), 6).ch('/').number(s.dbio_max_ms).text(" ms)");
+    t.text("처리 모듈(함수)통계 [ 총 호출 "sv).number(e.total_call_cnt).text(" 건 ] [ Max Depth "sv);
+    t.number(n32(s.max_call_depth)).text(" ] [ BIZCALL(Method) "sv).number(n32(s.biz_cnt)).text("건 (전체 Avg/Max "sv);
+    t.fixed2(average_ms(s.biz_elapsed_sum, s.biz_cnt), 6).ch('/').number(s.biz_max_ms).text(" ms, 개별 Max "sv);
+    t.number(s.biz_self_max_ms).text(" ms) ], [ DBIO "sv).number(n32(s.dbio_cnt)).text("건 (Avg/Max "sv);
+    t.fixed2(average_ms(s.dbio_elapsed_sum, s.dbio_cnt), 6).ch('/').number(s.dbio_max_ms).text(" ms)"sv);
     if (kind.stats_with_fetch) {
         const int32_t fetch_time = e.fetch_time_sum;
-        t.text(" fetch ").number(e.fetch_rows_sum).text(" rows (").number(fetch_time / 1000).ch('.');
-        t.number(fetch_time % 1000).text(" ms), (DBConn ");
-        t.text(std::string_view(e.db_user, strnlen(e.db_user, sizeof e.db_user))).ch('/');
-        t.text(std::string_view(e.db_sid, strnlen(e.db_sid, sizeof e.db_sid))).ch(')');
+        t.text(" fetch "sv).number(e.fetch_rows_sum).text(" rows ("sv).number(fetch_time / 1000).ch('.');
+        t.number(fetch_time % 1000).text(" ms), (DBConn "sv);
+        t.text({e.db_user, strnlen(e.db_user, sizeof e.db_user)}).ch('/');
+        t.text({e.db_sid, strnlen(e.db_sid, sizeof e.db_sid)}).ch(')');
     }
-    t.text(" ]");
+    t.text(" ]"sv);
     Notice n;
     n.msg_text = {t.data(), t.size()};
     (void)tran_info(tid, n);
@@ -140,7 +140,7 @@ int service_end(const ServiceKind& kind, const ServiceArgs& a) {
     if (!depth_in_range(cxt, a)) return VARNIX_RC_SVC_DEPTH;
     const int depth = cxt.service_depth;
     const SvcLevel level = cxt.svc_stack[depth - 1];
-    if (int rc = trace_validate(cxt, '2', kind.end_api, cxt.log_body, level.svc_id, sizeof level.svc_id, nullptr);
+    if (int rc = trace_validate(cxt, '2', kind.end_api, cxt.log_body, level.svc_id, sizeof level.svc_id);
         rc != kOk) {
         set_service_depth(cxt, depth - 1);
         return rc;
@@ -153,7 +153,7 @@ int service_end(const ServiceKind& kind, const ServiceArgs& a) {
     }
     if (kind.gid_change_check && a.gid.p && gid_changed(a.gid, level)) report_gid_change(a, level);
     // The notices above wrote their own service ids into the shared record.
-    set_log_field(level_svc_id(level), cxt.log_body + hdr::kSvcId, sizeof level.svc_id);
+    put_bytes<sizeof level.svc_id>(cxt.log_body + hdr::kSvcId, level.svc_id, sizeof level.svc_id);
     if (outermost) cxt.log_bit |= kEndBit;
 
     // Only an outermost end whose start was recorded measures the service.

@@ -12,7 +12,7 @@ int service_error(const ServiceKind& kind, const ServiceArgs& a) {
     if (int rc = record_context('9', a.tid, cxt); rc != kOk) return rc;
     const SvcLevel* level = current_svc_level(*cxt);
     if (!level) return VARNIX_RC_SVC_DEPTH;
-    if (int rc = trace_validate(*cxt, '9', kind.error_api, cxt->log_body, level->svc_id, sizeof level->svc_id, nullptr);
+    if (int rc = trace_validate(*cxt, '9', kind.error_api, cxt->log_body, level->svc_id, sizeof level->svc_id);
         rc != kOk)
         return rc;
     write_service_body(*cxt, kind, a, ServiceRecord{'9', level_gid(*level), nullptr, 0, 0, cxt->service_depth});

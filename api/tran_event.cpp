@@ -9,12 +9,11 @@
 namespace varnix {
 namespace {
 
-constexpr NoticeLayout kEvent{'V', kTranEventApi, 197, true, 220, 512};
-constexpr NoticeLayout kErrinfo{'E', kTranErrinfoApi, 197, true, 220, 350};
+constexpr NoticeLayout kEvent{'V', kTranEventApi, 197, true, 220, kEventTextWidth};
+constexpr NoticeLayout kErrinfo{'E', kTranErrinfoApi, 197, true, 220, kNoticeTextWidth};
 
 int send_event(MTR_CXT_VAR& cxt, const Notice& n) {
-    if (int rc = trace_validate(cxt, kEvent.log_type, kEvent.api_type, cxt.log_body, n.svc_id.p, n.svc_id.len,
-                                nullptr);
+    if (int rc = trace_validate(cxt, kEvent.log_type, kEvent.api_type, cxt.log_body, n.svc_id.p, n.svc_id.len);
         rc != kOk)
         return rc;
     return send_notice(cxt, kEvent, n, n.gid);
@@ -39,7 +38,7 @@ int tran_errinfo(int32_t tid, const Notice& n) {
     const SvcLevel* level = current_svc_level(*cxt);
     if (!level) return VARNIX_RC_SVC_DEPTH;
     Text svc = level_svc_id(*level);
-    if (int rc = trace_validate(*cxt, kErrinfo.log_type, kErrinfo.api_type, cxt->log_body, svc.p, svc.len, nullptr);
+    if (int rc = trace_validate(*cxt, kErrinfo.log_type, kErrinfo.api_type, cxt->log_body, svc.p, svc.len);
         rc != kOk)
         return rc;
     return send_notice(*cxt, kErrinfo, n, level_gid(*level));

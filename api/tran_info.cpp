@@ -12,8 +12,8 @@
 namespace varnix {
 namespace {
 
-constexpr NoticeLayout kInfo{'I', kTranInfoApi, -1, false, 197, 350};
-constexpr NoticeLayout kInfoEx{'X', kTranInfoExApi, 197, false, 202, 350};
+constexpr NoticeLayout kInfo{'I', kTranInfoApi, -1, false, 197, kNoticeTextWidth};
+constexpr NoticeLayout kInfoEx{'X', kTranInfoExApi, 197, false, 202, kNoticeTextWidth};
 constexpr int kGidPrintMax = 30;
 
 int gid_print_len(Text gid) {
@@ -42,7 +42,7 @@ int tran_info(int32_t tid, const Notice& n) {
                    static_cast<int>(cxt->tid));
         return VARNIX_RC_SVC_DEPTH;
     }
-    if (int rc = trace_validate(*cxt, kInfo.log_type, kInfo.api_type, cxt->log_body, svc.p, svc.len, nullptr);
+    if (int rc = trace_validate(*cxt, kInfo.log_type, kInfo.api_type, cxt->log_body, svc.p, svc.len);
         rc != kOk)
         return rc;
     return send_notice(*cxt, kInfo, n, gid_or_level(n, level));
@@ -51,8 +51,7 @@ int tran_info(int32_t tid, const Notice& n) {
 int tran_info_ex(int32_t tid, const Notice& n) {
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = record_context(kInfoEx.log_type, tid, cxt); rc != kOk) return rc;
-    if (int rc = trace_validate(*cxt, kInfoEx.log_type, kInfoEx.api_type, cxt->log_body, n.svc_id.p, n.svc_id.len,
-                                nullptr);
+    if (int rc = trace_validate(*cxt, kInfoEx.log_type, kInfoEx.api_type, cxt->log_body, n.svc_id.p, n.svc_id.len);
         rc != kOk)
         return rc;
     return send_notice(*cxt, kInfoEx, n, gid_or_level(n, current_svc_level(*cxt)));

@@ -13,7 +13,6 @@
 #include <iterator>
 
 #include "api/notice.h"
-#include "core/clock.h"
 #include "core/encoding_util.h"
 #include "core/entry_gate.h"
 #include "core/gvar.h"
@@ -53,8 +52,9 @@ int measure(const char* text) {
     return n < kSqlTextMax ? n : hangul_euckr(text, n, n);
 }
 
-timeval read_time(const void* p, bool usec_count) {
-    if (!p) return clock_now();
+// A time the caller gives, else now.
+timeval read_time(const void* p, bool usec_count, Now& now) {
+    if (!p) return now.get();
     timeval tv{};
     if (usec_count) {
         int64_t us;
@@ -103,20 +103,21 @@ bool same_text(const SQL_SLOT& slot, const Stmt& st) {
 }
 
 // The record header is written once per DBIO call, with its first statement.
-void write_sql_header(MTR_CXT_VAR& cxt, const SvcLevel& level, Text date_str, Text time_str) {
-    write_header(cxt.log_body2, kLogType, HeaderArgs{{}, {}, level_gid(level), {}, date_str, time_str});
+void write_sql_header(MTR_CXT_VAR& cxt, const SvcLevel& level, Text date_str, Text time_str, Now& now) {
+    write_header(cxt.log_body2, kLogType, HeaderArgs{{}, {}, level_gid(level), {}, date_str, time_str}, now);
 }
 
-int report(MTR_CXT_VAR& cxt, const CALL_LVL& call, const Stmt& st, Text date_str, Text time_str) {
+// `now`: the clock as the statement's times took it, if they did.
+int report(MTR_CXT_VAR& cxt, const CALL_LVL& call, const Stmt& st, Text date_str, Text time_str, Now& now) {
     const SvcLevel& level = *current_svc_level(cxt);
     const Text svc_id = level_svc_id(level);
-    if (int rc = trace_validate(cxt, kLogType, kTranSqlStmtApi, cxt.log_body2, svc_id.p, svc_id.len, nullptr);
+    if (int rc = trace_validate(cxt, kLogType, kTranSqlStmtApi, cxt.log_body2, svc_id.p, svc_id.len);
         rc != kOk)
         return rc;
     PTRC_HASH& e = *cxt.ptrc;
     const int cnt = e.sql_rec_cnt;
     if (cnt <= 0) {
-        write_sql_header(cxt, level, date_str, time_str);
+        write_sql_header(cxt, level, date_str, time_str, now);
         fill_slot(e.sql_slot[0], call, st);
         e.sql_rec_cnt = 1;
         return kOk;
@@ -238,9 +239,10 @@ int tran_sql_stmt(int32_t tid, const SqlStmtArgs& a) {
     switch (a.mode) {
         case 0: {
             const bool usec = a.sql_no == kUsecTimes;
-            const Stmt st{a.text, measure(a.text), static_cast<uint16_t>(a.sql_no), read_time(a.start, usec),
-                          read_time(a.end, usec)};
-            return report(*cxt, *call, st, a.date_str, a.time_str);
+            Now now;
+            const Stmt st{a.text, measure(a.text), static_cast<uint16_t>(a.sql_no), read_time(a.start, usec, now),
+                          read_time(a.end, usec, now)};
+            return report(*cxt, *call, st, a.date_str, a.time_str, now);
         }
         case 1: return send_kept(*cxt);
         default: return kOk;

@@ -138,8 +138,7 @@ int service_start(const ServiceKind& kind, const ServiceArgs& a) {
         check_open_service(kind, cxt, a);
     }
     set_service_depth(cxt, cxt.service_depth + 1);
-    const SnapshotKey key(a);
-    if (int rc = trace_validate(cxt, '1', kind.start_api, cxt.log_body, a.svc_id.p, a.svc_id.len, key.get());
+    if (int rc = trace_validate(cxt, '1', kind.start_api, cxt.log_body, a.svc_id.p, a.svc_id.len, snapshot_key(a));
         rc != kOk)
         return rc;
     const bool outermost = cxt.service_depth == 1;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "api/notice.h"
 #include "api/service.h"
@@ -29,7 +30,7 @@ constexpr int kTmsgLenColumn = 8;
 constexpr int kGidWidth = 32;  // a record's GID field: how far a GID without length is read
 constexpr int kGidPrinted = 30;
 constexpr int kSnapshotKeyMax = 15;      // the longest trade code a snapshot is armed with
-constexpr int kSvcIdMeasureMax = 64;     // a service id without length: further than any field shows
+constexpr int kSvcIdMeasureMax = 64;     // how far a service id is measured: further than any field shows
 constexpr int kCountMax = 99;            // counts have two digits
 constexpr int32_t kWalkAfterLen = 1084;  // only a longer telegram carries the error-message part
 constexpr int8_t kCaptureStart = 100;
@@ -92,48 +93,73 @@ struct StdCall {
     Text adjusted_svc() const { return {svc_id.p, static_cast<int32_t>(svc.size() == 12 ? 9 : svc.size())}; }
 };
 
+// The service id's string: up to its NUL, whatever length came with it (a
+// 12-character id passed as 9 is still 12 characters long), read no further
+// than kSvcIdMeasureMax.
 std::string_view svc_string(Text svc) {
     if (!svc.p) return {};
-    return {svc.p, strnlen(svc.p, static_cast<size_t>(svc.len >= 0 ? svc.len : kSvcIdMeasureMax))};
+    return {svc.p, strnlen(svc.p, kSvcIdMeasureMax)};
+}
+
+// strncmp(a, b, width) == 0 over what the two texts hold, as same_text
+// decides it, comparing character by character: for short texts that differ
+// early, such as channel types.
+bool same_short_text(Text a, Text b, int64_t width) {
+    if (width <= 0) return false;
+    const auto cap = [width](Text t) -> int64_t {
+        return !t.p ? 0 : t.len >= 0 ? std::min<int64_t>(t.len, width) : width;
+    };
+    const int64_t ca = cap(a), cb = cap(b);
+    for (int64_t i = 0;; ++i) {
+        const char x = i < ca ? a.p[i] : '\0';
+        const char y = i < cb ? b.p[i] : '\0';
+        if (x != y) return false;
+        if (x == '\0') return true;
+    }
+}
+
+bool internal_channel(Text chnl, int64_t width) {
+    return same_short_text(chnl, {"ICT", 3}, width) || same_short_text(chnl, {"ICC", 3}, width);
+}
+
+// The columns the table places, by their place in the tail.
+template <size_t... I>
+void table_columns(const TmsgView& t, Text (&cols)[kColumns], std::index_sequence<I...>) {
+    ((kColumnEntry[I] ? void(cols[I] = table_span(t, *kColumnEntry[I])) : void()), ...);
 }
 
 // A telegram's columns, GID and channel as the service entries take them.
-// Texts point into the telegram or into this object, which therefore stays
-// where it was made.
+// The columns are read once, as the record needs them all; the GID's forms
+// and the snapshot key only when asked for.  Texts point into the telegram
+// or into this object, which therefore stays where it was made.
 class TmsgColumns {
 public:
-    explicit TmsgColumns(const StdCall& c) : flag_(c.flag) {
-        const TmsgView& t = c.t;
+    explicit TmsgColumns(const StdCall& c) : t_(c.t), flag_(c.flag) {
         cols_[kFlagColumn] = {&flag_, 1};
+        const TmsgField gid = table_field(_GLBL_ID);
         if (c.standard) {
-            for (int i = 0; i < kColumns; ++i)
-                if (kColumnEntry[i]) cols_[i] = table_span(t, *kColumnEntry[i]);
+            table_columns(t_, cols_, std::make_index_sequence<kColumns>{});
             const TmsgField grco = table_field(_TRSC_GRCO_CD);
-            cols_[kBranchColumn] = t.span(grco.off, grco.len + table_field(_TRSC_BR_NO).len);
-            const TmsgField gid = table_field(_GLBL_ID), chnl = table_field(_CHNL_TYP_CD);
-            gid_ = t.span(gid.off, gid.len);
-            gid_text_ = t.text(gid.off, kGidWidth);
-            gid_printed_ = t.text(gid.off, kGidPrinted);
+            cols_[kBranchColumn] = t_.span(grco.off, grco.len + table_field(_TRSC_BR_NO).len);
+            const TmsgField chnl = table_field(_CHNL_TYP_CD);
+            gid_off_ = gid.off;
             gid_compared_ = gid.len - 2;
-            internal_ = same_text(t.span(chnl.off, chnl.len), {"ICT", -1}, chnl.len) ||
-                        same_text(t.span(chnl.off, chnl.len), {"ICC", -1}, chnl.len);
-            snapshot_key_ = t.span(chnl.off, kSnapshotKeyMax);
-            result_ = table_span(t, _PROC_RSLT_DV_CD);
+            internal_ = internal_channel(t_.span(chnl.off, chnl.len), chnl.len);
+            snapshot_key_ = t_.span(chnl.off, kSnapshotKeyMax);
+            result_ = table_span(t_, _PROC_RSLT_DV_CD);
         } else {
             for (int i = 0; i < kColumns; ++i)
                 if (fixed::kColumnAt[i] >= 0)
-                    cols_[i] = t.text(fixed::kColumnAt[i], kStandardService.tail[static_cast<size_t>(i)].width);
-            fixed_branch(t);
-            fixed_tmsg_len(t);
-            gid_ = t.span(fixed::kGid, table_field(_GLBL_ID).len);
-            gid_text_ = t.text(fixed::kGid, kGidWidth);
-            gid_printed_ = t.text(fixed::kGid, kGidPrinted);
+                    cols_[i] = t_.text(fixed::kColumnAt[i], kStandardService.tail[static_cast<size_t>(i)].width);
+            fixed_branch();
+            fixed_tmsg_len();
+            gid_off_ = fixed::kGid;
             gid_compared_ = fixed::kGidCompared;
-            const Text chnl = cols_[kTailChnlTypCd];
-            internal_ = same_text(chnl, {"ICT", -1}, 3) || same_text(chnl, {"ICC", -1}, 3);
-            snapshot_key_ = t.text(fixed::kColumnAt[kTailChnlTypCd], kSnapshotKeyMax);
-            result_ = t.span(fixed::kColumnAt[6], 1);
+            internal_ = internal_channel(cols_[kTailChnlTypCd], 3);
+            snapshot_key_ = t_.text(fixed::kColumnAt[kTailChnlTypCd], kSnapshotKeyMax);
+            result_ = t_.span(fixed::kColumnAt[6], 1);
         }
+        gid_len_ = gid.len;
     }
     TmsgColumns(const TmsgColumns&) = delete;
     TmsgColumns& operator=(const TmsgColumns&) = delete;
@@ -142,9 +168,9 @@ public:
     Text column(int i) const { return cols_[i]; }
     // The telegram's GID: as long as its field (the start's), up to its NUL
     // (the end's and the notices'), as printed.
-    Text gid() const { return gid_; }
-    Text gid_text() const { return gid_text_; }
-    Text gid_printed() const { return gid_printed_; }
+    Text gid() const { return t_.span(gid_off_, gid_len_); }
+    Text gid_text() const { return t_.text(gid_off_, kGidWidth); }
+    Text gid_printed() const { return t_.text(gid_off_, kGidPrinted); }
     int64_t gid_compared() const { return gid_compared_; }
     // An ICT or ICC channel: the telegram's own GID is the trace's.
     bool internal() const { return internal_; }
@@ -155,9 +181,9 @@ public:
 
 private:
     // The 2 group-company bytes and the 4 branch bytes, read as one text.
-    void fixed_branch(const TmsgView& t) {
-        const Text grco = t.span(fixed::kGroupCompany, fixed::kGroupCompanyLen);
-        const Text br = t.span(fixed::kBranch, fixed::kBranchLen);
+    void fixed_branch() {
+        const Text grco = t_.span(fixed::kGroupCompany, fixed::kGroupCompanyLen);
+        const Text br = t_.span(fixed::kBranch, fixed::kBranchLen);
         std::memcpy(branch_, grco.p, static_cast<size_t>(grco.len));
         std::memcpy(branch_ + grco.len, br.p, static_cast<size_t>(br.len));
         cols_[kBranchColumn] = {branch_,
@@ -165,20 +191,21 @@ private:
     }
     // The 32-bit binary length the fixed layout starts with; blank when the
     // telegram is shorter than that.
-    void fixed_tmsg_len(const TmsgView& t) {
-        const Text bin = t.span(0, sizeof(int32_t));
+    void fixed_tmsg_len() {
+        const Text bin = t_.span(0, sizeof(int32_t));
         if (bin.len < static_cast<int32_t>(sizeof(int32_t))) return;
         int32_t n;
         std::memcpy(&n, bin.p, sizeof n);
         cols_[kTmsgLenColumn] = {tmsg_len_, write_zero_padded(tmsg_len_, n, fixed::kTmsgLenDigits)};
     }
 
+    const TmsgView t_;
     char flag_;
     char branch_[fixed::kGroupCompanyLen + fixed::kBranchLen];
     char tmsg_len_[kNumberMax];
     Text cols_[kColumns];
-    Text gid_, gid_text_, gid_printed_, snapshot_key_, result_;
-    int64_t gid_compared_ = 0;
+    Text snapshot_key_, result_;
+    int64_t gid_off_ = 0, gid_len_ = 0, gid_compared_ = 0;
     bool internal_ = false;
 };
 
@@ -198,12 +225,12 @@ void send_info(const StdCall& c, Text gid, Text svc, Text msg) {
 // to the one the telegram carries.
 void send_linked_notices(const StdCall& c, const TmsgColumns& col) {
     const Text svc = c.adjusted_svc();
-    const std::string_view kind = col.internal() ? "C/C " : "";
+    const std::string_view kind = col.internal() ? "C/C "sv : ""sv;
     TextOut<1023> created, exist;
-    created.text(col.internal() ? "C/C Transaction Created [ GID '" : "New Transaction Created [ GID '");
-    created.text(view(col.gid_printed())).text("', Service ").text(view(c_prefix(svc, svc.len))).text(" ]");
-    exist.text("Linked ").text(kind).text("Main Service Transaction Exist [ GID '");
-    exist.text(view(c_prefix(c.gid, kGidPrinted))).text("' ]");
+    created.text(col.internal() ? "C/C Transaction Created [ GID '"sv : "New Transaction Created [ GID '"sv);
+    created.text(view(col.gid_printed())).text("', Service "sv).text(view(c_prefix(svc, svc.len))).text(" ]"sv);
+    exist.text("Linked "sv).text(kind).text("Main Service Transaction Exist [ GID '"sv);
+    exist.text(view(c_prefix(c.gid, kGidPrinted))).text("' ]"sv);
     send_info(c, c.gid, svc, {created.data(), created.size()});
     send_info(c, col.gid_text(), svc, {exist.data(), exist.size()});
 }
@@ -234,7 +261,7 @@ int read_count(Text f) {
 // "[code] text", each as far as the telegram holds it.
 template <int N>
 void message_text(TextOut<N>& out, const TmsgView& t, int64_t at, int64_t code_len, const TableEntry& text) {
-    out.ch('[').text(view(t.span(at, code_len))).text("] ").text(view(t.span(at + code_len, table_field(text).len)));
+    out.ch('[').text(view(t.span(at, code_len))).text("] "sv).text(view(t.span(at + code_len, table_field(text).len)));
 }
 
 // The error-message part of an "EM" telegram: its first message as error

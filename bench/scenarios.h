@@ -48,6 +48,7 @@ struct Scenario {
     const char* name;   // benchmark and loop name
     const char* what;   // one line for the listing
     bool in_service;    // the steps run inside a service the runner opens
+    int records;        // records one step sends
     Limits limits;
     void (*step)(Caller&);
 };

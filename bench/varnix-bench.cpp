@@ -43,9 +43,14 @@ using varnix::bench::Scenario;
 
 constexpr unsigned long kQueueBytes = 4ul << 20;  // where permitted
 constexpr long kLoopWarmup = 1000;                // steps before the counted ones
-// Steps between two drains in a loop: their records (three at most) fit the
-// 20 of a default-sized queue.
+// Steps between two drains in a loop: four, or fewer when their records
+// would not fit the 20 of a default-sized queue with room to spare.
 constexpr long kLoopBatch = 4;
+constexpr long kLoopBatchRecords = 12;
+
+long loop_batch(const Scenario& sc) {
+    return std::clamp(kLoopBatchRecords / std::max(1, sc.records), 1L, kLoopBatch);
+}
 
 // What every benchmark works against.
 struct Rig {
@@ -143,7 +148,7 @@ int run_benchmarks(int argc, char** argv, const Rig& rig) {
 void counted_steps(const Rig& rig, const Scenario& sc, Caller& c, long n) {
     CALLGRIND_START_INSTRUMENTATION;
     for (long done = 0; done < n;) {
-        const long batch = std::min(kLoopBatch, n - done);
+        const long batch = std::min(loop_batch(sc), n - done);
         CALLGRIND_TOGGLE_COLLECT;
         for (long i = 0; i < batch; ++i) sc.step(c);
         CALLGRIND_TOGGLE_COLLECT;
@@ -161,18 +166,24 @@ int run_loop(const Rig& rig, const Scenario& sc, long n) {
     }
     for (long i = 0; i < kLoopWarmup; ++i) {
         sc.step(c);
-        if (i % kLoopBatch == 0) rig.drainer->settle();
+        if (i % loop_batch(sc) == 0) rig.drainer->settle();
     }
     rig.drainer->settle();
     c.tally = {};
     const uint64_t before = rig.drainer->received();
     counted_steps(rig, sc, c, n);
-    const double records = static_cast<double>(rig.drainer->received() - before) / static_cast<double>(n);
+    const uint64_t received = rig.drainer->received() - before;
+    const double records = static_cast<double>(received) / static_cast<double>(n);
     const int end_rc = end_scenario(sc, c);
     std::printf("loop %s: %ld steps, records %.3f, fail %llu\n", sc.name, n, records,
                 static_cast<unsigned long long>(c.tally.fails));
     if (c.tally.unexpected) std::fprintf(stderr, "%s: a step returned %d\n", sc.name, c.tally.first_unexpected);
-    return c.tally.unexpected || end_rc != 0 ? 1 : 0;
+    // Every record a step sends arrives, but for those a full queue refused.
+    const uint64_t due = static_cast<uint64_t>(sc.records) * static_cast<uint64_t>(n) - c.tally.fails;
+    if (received != due)
+        std::fprintf(stderr, "%s: %llu records arrived, %llu were sent\n", sc.name,
+                     static_cast<unsigned long long>(received), static_cast<unsigned long long>(due));
+    return c.tally.unexpected || end_rc != 0 || received != due ? 1 : 0;
 }
 
 // The options of this program, taken out of argv before Google Benchmark

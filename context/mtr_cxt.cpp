@@ -34,13 +34,6 @@ namespace {
 // the wiping of the process block, so no stamp cached before it matches).
 std::atomic<uint64_t> next_stamp{1};
 
-// The calling thread's own context, found without the bucket: valid while
-// the slot's stamp is the one it had when found.
-struct OwnContext {
-    MTR_CXT_VAR* cxt = nullptr;
-    uint64_t stamp = 0;
-};
-thread_local OwnContext own_context;
 
 void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* host, int pid) {
     rec.mtype = 1;
@@ -304,18 +297,11 @@ void check_mtr_cxt_var(MTR_TID_IDX& bucket, const ThreadKey& caller) {
     }
 }
 
-int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
-    // Sequentially consistent: read after the entry gate counted the caller.
-    if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
-    if (tid_arg < 0) {
-        const OwnContext own = own_context;
-        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp &&
-            own.cxt->gen == tables_gen()) {
-            __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
-            *out = own.cxt;
-            return kOk;
-        }
-    }
+namespace {
+
+// Every lookup but a thread's own that finds its cached context: under the
+// bucket's mutex.
+[[gnu::noinline]] int look_up(int32_t tid_arg, MTR_CXT_VAR** out) {
     const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
     MTR_TID_IDX& bucket = gvar.mtr_tid_idx[tid_arg < 0 ? handle_bucket_of(caller.tid) : bucket_of(caller.tid)];
     BucketLock lock(bucket);
@@ -344,6 +330,22 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
                    cxt->ptrc->pidx);
     *out = cxt;
     return kOk;
+}
+
+}  // namespace
+
+constinit thread_local OwnContext own_context;
+
+int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
+    // Sequentially consistent: read after the entry gate counted the caller.
+    if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
+    if (tid_arg < 0) {
+        if (MTR_CXT_VAR* own = own_context_now()) {
+            *out = own;
+            return kOk;
+        }
+    }
+    return look_up(tid_arg, out);
 }
 
 int context_with_entry(int32_t tid, MTR_CXT_VAR** out) {

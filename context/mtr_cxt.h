@@ -107,6 +107,26 @@ inline const CALL_LVL* innermost_call(const PTRC_HASH& e) {
     return lvl >= 1 && lvl <= VARNIX_CALL_LVL_CNT ? &e.call_lvl[lvl - 1] : nullptr;
 }
 
+// The calling thread's own context, found without the bucket: valid while
+// the slot's stamp is the one it had when found.
+struct OwnContext {
+    MTR_CXT_VAR* cxt = nullptr;
+    uint64_t stamp = 0;
+};
+extern constinit thread_local OwnContext own_context;
+
+// The lookup's fast path: the calling thread's own context, when it still
+// holds the slot it was found in and its entry lies in the table attached now
+// (its last access now); else null.  Only after tracing was found on.
+inline MTR_CXT_VAR* own_context_now() {
+    const OwnContext own = own_context;
+    if (!own.cxt || __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) != own.stamp ||
+        own.cxt->gen != tables_gen())
+        return nullptr;
+    __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
+    return own.cxt;
+}
+
 // Finds or creates the context of a thread: 0 with *out set, or 103, 107, 116, 117.
 int get_mtr_cxt_var(int32_t tid, MTR_CXT_VAR** out);
 // The same, for entries that work on the thread's process-thread entry: 116

@@ -9,6 +9,8 @@
 #include <type_traits>
 
 #include "context/mtr_cxt.h"
+#include "core/record_class.h"
+#include "core/status.h"
 #include "varnix_collector.h"
 
 namespace varnix {
@@ -82,12 +84,34 @@ T shm_load(const T* field) {
 // emptied only with reset_que, which the caller passes when no writer thread
 // runs.  0 or a status.
 int tran_init(bool reset_que);
+// TRAN_INIT has made the library ready and no stop has begun.  Sequentially
+// consistent: read after the entry gate counted the caller.
+inline bool library_ready() { return gvar.init_mark.load() == kInitMarkReady; }
+// check_gvar once the library is ready: the collector's control block.
+inline int check_collector(char log_type) {
+    if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
+    const int32_t qcnt = shm_load(gvar.qcnt);
+    if (__atomic_load_n(&gvar.que_info_shmid, __ATOMIC_RELAXED) < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT)
+        return VARNIX_RC_NO_QUE_INFO;
+    if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
+    const uint8_t bit = record_class_bit(log_type);
+    if (bit != 0 && (shm_load(gvar.log_flag_set) & bit) == 0) return VARNIX_RC_CLASS_OFF;
+    return kOk;
+}
 // 0 when an API producing records of `log_type` may proceed; else 99, 100, 101,
-// 103 or 126.
-int check_gvar(char log_type);
+// 103 or 126.  Inline: every entry runs it first.
+inline int check_gvar(char log_type) { return library_ready() ? check_collector(log_type) : VARNIX_RC_NOT_INIT; }
 void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid);
-// The verdict of the return-code table for a finished call level.
-int is_err_rc(CALL_LVL* lvl);
+// The verdict of the return-code table for a finished call level.  Inline:
+// every traced call's finish asks.
+inline int is_err_rc(CALL_LVL* lvl) {
+    if (lvl->start_opt == 0xFFFFFFFFu) {
+        lvl->rc = 99;
+        return 0;
+    }
+    if (lvl->rc < 0 && lvl->rc >= -127) return shm_load(&gvar.fst_err_rc_set[-lvl->rc]);
+    return 0;
+}
 // Applies one "code,verdict" rule to a return-code table.
 int apply_fst_err_rc(std::span<int8_t, 128> table, const char* rule);
 

@@ -323,19 +323,6 @@ int tran_init(bool reset_que) {
     return kOk;
 }
 
-int check_gvar(char log_type) {
-    // Sequentially consistent: read after the entry gate counted the caller.
-    if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
-    if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
-    int32_t qcnt = shm_load(gvar.qcnt);
-    if (__atomic_load_n(&gvar.que_info_shmid, __ATOMIC_RELAXED) < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT)
-        return VARNIX_RC_NO_QUE_INFO;
-    if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
-    uint8_t bit = record_class_bit(log_type);
-    if (bit != 0 && (shm_load(gvar.log_flag_set) & bit) == 0) return VARNIX_RC_CLASS_OFF;
-    return kOk;
-}
-
 void set_proc_nm(char (&proc_nm)[31], char (&cont_nm)[31], int pid) {
     char path[128];
     std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
@@ -365,15 +352,6 @@ int apply_fst_err_rc(std::span<int8_t, 128> table, const char* rule) {
         return 0;
     }
     for (int8_t& e : table) e = static_cast<int8_t>(v);  // magnitude 128: every entry
-    return 0;
-}
-
-int is_err_rc(CALL_LVL* lvl) {
-    if (lvl->start_opt == 0xFFFFFFFFu) {
-        lvl->rc = 99;
-        return 0;
-    }
-    if (lvl->rc < 0 && lvl->rc >= -127) return shm_load(&gvar.fst_err_rc_set[-lvl->rc]);
     return 0;
 }
 

@@ -74,20 +74,29 @@ constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
 
 }  // namespace
 
-void put_date_now(char* body) {
-    set_log_field(stamp_of(clock_now().tv_sec).date, 8, body + hdr::kDate, 8, 1);
+namespace {
+
+void put_date(char* body, const timeval& tv) {
+    std::memcpy(body + hdr::kDate, stamp_of(tv.tv_sec).date, 8);
+    body[hdr::kDate + 8] = ' ';
 }
 
-void put_time_now(char* body) {
-    put_time(body, clock_now());
-}
-
+// "%02d%02d%02d%06ld": the microseconds of a time the host preset may be
+// anything, and are then written as printf writes them, cut to the field.
 void put_time(char* body, const timeval& tv) {
+    char* at = body + hdr::kTime;
+    std::memcpy(at, stamp_of(tv.tv_sec).hhmmss, 6);
+    if (tv.tv_usec >= 0 && tv.tv_usec < 1'000'000) {
+        put_number<6>(at + 6, tv.tv_usec);
+        return;
+    }
     char t[6 + kNumberMax];
-    std::memcpy(t, stamp_of(tv.tv_sec).hhmmss, 6);
+    std::memcpy(t, at, 6);
     const int n = 6 + write_zero_padded(t + 6, tv.tv_usec, 6);
-    set_log_field(t, n, body + hdr::kTime, 12, 1);
+    set_log_field(t, n, at, 12, 1);
 }
+
+}  // namespace
 
 void write_thread_ids(const MTR_CXT_VAR& cxt, char* body) {
     put_number(body + hdr::kTid, 15, static_cast<int64_t>(cxt.tid % kTidModulus));
@@ -95,16 +104,16 @@ void write_thread_ids(const MTR_CXT_VAR& cxt, char* body) {
     put_number(body + hdr::kPidx, 5, cxt.ptrc ? static_cast<int64_t>(cxt.ptrc->pidx) : 0);
 }
 
-void write_header(char* body, char log_type, const HeaderArgs& a) {
+void write_header(char* body, char log_type, const HeaderArgs& a, Now& now, const timeval* time_of) {
     body[hdr::kLogType] = log_type;
-    set_log_field(a.cls_cd, body + hdr::kClsCd, 2);
-    set_log_field(a.dtl_cd, body + hdr::kDtlCd, 1);
-    set_log_field(a.gid, body + hdr::kGid, 32);
-    if (a.pid_str.p) set_log_field(a.pid_str, body + hdr::kPid, 8);
-    if (a.date_str.p) set_log_field(a.date_str, body + hdr::kDate, 8);
-    else put_date_now(body);
-    if (a.time_str.p) set_log_field(a.time_str, body + hdr::kTime, 12);
-    else put_time_now(body);
+    put_field<2>(body + hdr::kClsCd, a.cls_cd);
+    put_field<1>(body + hdr::kDtlCd, a.dtl_cd);
+    put_field<32>(body + hdr::kGid, a.gid);
+    if (a.pid_str.p) put_field<8>(body + hdr::kPid, a.pid_str);
+    if (a.date_str.p) put_field<8>(body + hdr::kDate, a.date_str);
+    else put_date(body, now.get());
+    if (a.time_str.p) put_field<12>(body + hdr::kTime, a.time_str);
+    else put_time(body, time_of ? *time_of : now.get());
 }
 
 }  // namespace varnix

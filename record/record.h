@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "context/mtr_cxt.h"
+#include "core/clock.h"
 #include "record/log_field.h"
 
 namespace varnix {
@@ -60,18 +61,42 @@ struct HeaderArgs {
     Text cls_cd, dtl_cd, gid, pid_str, date_str, time_str;
 };
 
-// Writes log_type, cls_cd, dtl_cd, gid, the pid when given, date and time.
-void write_header(char* body, char log_type, const HeaderArgs& a);
+// The clock, read at most once for all the fields of one record that show
+// the time of the call.
+class Now {
+public:
+    Now() = default;
+    // A reading the caller already took.
+    explicit Now(const timeval& taken) : tv_(taken), read_(true) {}
+    const timeval& get() {
+        if (!read_) {
+            tv_ = clock_now();
+            read_ = true;
+        }
+        return tv_;
+    }
+
+private:
+    timeval tv_{};
+    bool read_ = false;
+};
+
+// Writes log_type, cls_cd, dtl_cd, gid, the pid when given, date and time:
+// the caller's, else the date of now and the time of `time_of`, or of now.
+void write_header(char* body, char log_type, const HeaderArgs& a, Now& now, const timeval* time_of = nullptr);
+inline void write_header(char* body, char log_type, const HeaderArgs& a) {
+    Now now;
+    write_header(body, log_type, a, now);
+}
 // The thread's tid, idx and pidx fields, written once when its context is made.
 void write_thread_ids(const MTR_CXT_VAR& cxt, char* body);
-// The local date and time fields of now, and the time field of an instant.
-void put_date_now(char* body);
-void put_time_now(char* body);
-void put_time(char* body, const timeval& tv);
 
 // 0 to go on and send, else the status the API returns without sending.
+// `snapshot_key`: what a service start compares with the trade code of an
+// armed snapshot (read as a C string of at most 15 characters); absent for
+// every other record.
 int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, const char* svc_nm, int svc_len,
-                   const char* snapshot_key);
+                   Text snapshot_key = {});
 
 // Sends `rec` to the queue its GID slice picks: the queue number, 105 when the
 // queue refused it, 102 for a type that is not sent.

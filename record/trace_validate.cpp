@@ -7,31 +7,17 @@
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
+#include "record/call_validate.h"
 #include "record/record.h"
 
 namespace varnix {
 namespace {
 
-constexpr int kSvcIdWidth = 16;
+using namespace validate_detail;
+
+constexpr size_t kSvcIdWidth = 16;
 constexpr int8_t kSnapshotDepthMax = 50;
-
-struct Switches {
-    uint8_t filtering;  // F
-    uint8_t flags;      // L
-};
-
-// FILTER(bit): the service table's verdict when filtering is on; -1 to go on.
-int filter(const MTR_CXT_VAR& cxt, Switches sw, uint8_t bit) {
-    if (sw.filtering == 0) return -1;
-    if (cxt.svc_hash) return (shm_load(&cxt.svc_hash->svc_flag_set) & bit) ? kOk : VARNIX_RC_FILTERED;
-    return sw.filtering == 2 ? VARNIX_RC_FILTERED : -1;
-}
-
-// Records of a class switched off still go while a snapshot runs.
-int common_tail(const PTRC_HASH& e) { return e.snapshot_state == 2 ? kOk : VARNIX_RC_CLASS_OFF; }
-
-// A service has started and not yet ended.
-bool in_service(const MTR_CXT_VAR& cxt) { return (cxt.log_bit & 3) < 3 && cxt.log_bit != 0; }
+constexpr size_t kSnapshotKeyMax = 15;  // the longest trade code a snapshot is armed with
 
 void reset_call_levels(PTRC_HASH& e) {
     e.last_fin_lvl = 0;
@@ -56,13 +42,18 @@ void start_with_service(PTRC_HASH& e, const SVC_HASH& s) {
                  shm_load(&s.dbio_trc_limit), shm_load(&s.sql_trc_limit));
 }
 
-bool snapshot_matches(const PTRC_HASH& e, const char* key) {
-    if (!key || e.snapshot_state != 1) return false;
-    size_t n = strnlen(e.snapshot_tr_cd, sizeof e.snapshot_tr_cd);
-    return strncmp(key, e.snapshot_tr_cd, n) == 0;
+// The key begins with the armed trade code: strncmp over the code's length
+// of the key as a C string of at most 15 characters.
+bool snapshot_matches(const PTRC_HASH& e, Text key) {
+    if (!key.p || e.snapshot_state != 1) return false;
+    const size_t n = strnlen(e.snapshot_tr_cd, sizeof e.snapshot_tr_cd);
+    const size_t k = shown_len<kSnapshotKeyMax>(key);
+    return strnlen(key.p, k) >= n && std::memcmp(key.p, e.snapshot_tr_cd, n) == 0;
 }
 
-int validate_start(MTR_CXT_VAR& cxt, Switches sw, const char* body, const char* snapshot_key) {
+// Only the outermost start has work beyond a few tests: out of line, as the
+// mismatch report is, so that the other record types pay for neither.
+[[gnu::noinline]] int validate_start(MTR_CXT_VAR& cxt, Switches sw, const char* body, Text snapshot_key) {
     PTRC_HASH& e = *cxt.ptrc;
     const bool outermost = cxt.service_depth == 1;
     if (sw.filtering != 0 && outermost) cxt.svc_hash = get_svc_hash(&cxt, body + hdr::kSvcId);
@@ -97,30 +88,6 @@ int validate_end(MTR_CXT_VAR& cxt, Switches sw) {
     return kOk;
 }
 
-int validate_dbio(MTR_CXT_VAR& cxt, Switches sw) {
-    PTRC_HASH& e = *cxt.ptrc;
-    e.dbio_skip = 0;
-    if (sw.filtering != 0) {
-        if (cxt.svc_hash) {
-            // The mark, not a refusal: the call finish suppresses the record.
-            if (!(shm_load(&cxt.svc_hash->svc_flag_set) & VARNIX_FLAG_B)) e.dbio_skip = 'y';
-            return kOk;
-        }
-        if (sw.filtering == 2) return VARNIX_RC_FILTERED;
-    }
-    if ((sw.flags & VARNIX_FLAG_B) || e.snapshot_state == 2) return kOk;
-    e.dbio_skip = 'd';
-    return kOk;
-}
-
-// The record classes with a plain switch: filter, then the class bit, then
-// the snapshot tail.
-int validate_class(const MTR_CXT_VAR& cxt, Switches sw, uint8_t bit) {
-    if (int rc = filter(cxt, sw, bit); rc >= 0) return rc;
-    if (sw.flags & bit) return kOk;
-    return common_tail(*cxt.ptrc);
-}
-
 bool error_without_service_check(char api_type) {
     switch (api_type) {
         case kTranClhStartApi:
@@ -134,19 +101,25 @@ bool error_without_service_check(char api_type) {
 
 }  // namespace
 
+namespace validate_detail {
+
+int mismatch(const MTR_CXT_VAR& cxt, char log_type) {
+    const PTRC_HASH& e = *cxt.ptrc;
+    if (log_type == '1' || log_type == '2')
+        log_printf("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", e.pid,
+                   static_cast<unsigned long>(e.tid), cxt.pid, static_cast<unsigned long>(cxt.tid));
+    return VARNIX_RC_PTRC_MISMATCH;
+}
+
+}  // namespace validate_detail
+
 int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, const char* svc_nm, int svc_len,
-                   const char* snapshot_key) {
-    if (cxt.cxt_init_flag == VARNIX_RC_PTRC_FULL || !cxt.ptrc) return VARNIX_RC_PTRC_FULL;
+                   Text snapshot_key) {
+    if (int rc = entry_check(cxt, log_type); rc != kOk) return rc;
     PTRC_HASH& e = *cxt.ptrc;
-    if (e.pid != cxt.pid || e.tid != cxt.tid) {
-        if (log_type == '1' || log_type == '2')
-            log_printf("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", e.pid,
-                       static_cast<unsigned long>(e.tid), cxt.pid, static_cast<unsigned long>(cxt.tid));
-        return VARNIX_RC_PTRC_MISMATCH;
-    }
     if (log_type < '1' || log_type > 'X') return VARNIX_RC_BAD_TYPE;
-    const Switches sw{shm_load(gvar.svc_filtering), shm_load(gvar.log_flag_set)};
-    auto write_svc_id = [&] { set_log_field(svc_nm, svc_len, body + hdr::kSvcId, kSvcIdWidth, 1); };
+    const Switches sw = switches();
+    auto write_svc_id = [&] { put_field<kSvcIdWidth>(body + hdr::kSvcId, Text{svc_nm, svc_len}); };
     switch (log_type) {
         case '1':
             write_svc_id();
@@ -161,13 +134,10 @@ int trace_validate(MTR_CXT_VAR& cxt, char log_type, char api_type, char* body, c
             write_svc_id();
             return validate_class(cxt, sw, VARNIX_FLAG_E);
         case 'B':
-            if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
-            write_svc_id();
-            return validate_dbio(cxt, sw);
         case 'C':
             if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
             write_svc_id();
-            return validate_class(cxt, sw, VARNIX_FLAG_C);
+            return call_verdict(cxt, sw, log_type);
         case 'I':
             write_svc_id();
             return validate_class(cxt, sw, VARNIX_FLAG_I);

@@ -3,7 +3,6 @@
 // waits: a full or removed queue drops the record and counts it; a removed
 // queue is taken up again once the collector re-creates it.
 #include <cstring>
-#include <string_view>
 
 #include "context/hash.h"
 #include "core/gvar.h"
@@ -14,7 +13,22 @@
 namespace varnix {
 namespace {
 
-constexpr std::string_view kSentTypes = "129BCEIQVX";
+// The record types that go to the collector.
+bool sent_type(char log_type) {
+    switch (log_type) {
+        case '1':
+        case '2':
+        case '9':
+        case 'B':
+        case 'C':
+        case 'E':
+        case 'I':
+        case 'Q':
+        case 'V':
+        case 'X': return true;
+        default: return false;
+    }
+}
 
 }  // namespace
 
@@ -34,7 +48,7 @@ int tran_logb(MTR_CXT_VAR& cxt, TRAN_LOG_MSG& rec) {
     // whatever the collector wrote (ids past MAX_QUE_CNT are -1 and refuse).
     int q = static_cast<int>(hash & shm_load(gvar.que_mask) & (VARNIX_MAX_QUE_CNT - 1));
     if (cxt.ptrc) cxt.ptrc->qidx = static_cast<uint8_t>(q);
-    if (kSentTypes.find(body[hdr::kLogType]) == std::string_view::npos) return VARNIX_RC_BAD_TYPE;
+    if (!sent_type(body[hdr::kLogType])) return VARNIX_RC_BAD_TYPE;
     if (send_to_queue(q, &rec, sizeof rec.text) == 0) return q;
     __atomic_fetch_add(&gvar.msgq_fail_cnt[q], 1u, __ATOMIC_RELAXED);
     return VARNIX_RC_SEND_FAIL;

@@ -36,10 +36,12 @@ TEST(TextOut, NumbersAsPrintfWritesThem) {
         put_number(field, 10, v);
         EXPECT_EQ(std::string(field, 11), printed("%-10.10s ", printed("%010lld", static_cast<long long>(v)).c_str()));
     }
-    TextOut<40> t;
-    t.secs(12, 345).ch(',').secs(-1, -500000).ch(',').text(nullptr).text("abc");
-    EXPECT_EQ(std::string(t.data(), static_cast<size_t>(t.size())), printed("%ld.%06ld,%ld.%06ld,abc", 12L, 345L, -1L,
-                                                                          -500000L));
+    TextOut<80> t;
+    t.secs(12, 345).ch(',').secs(-1, -500000).ch(',').secs(0, 0).ch(',').secs(1'700'000'000, 999'999).ch(',');
+    t.cstr(nullptr).text("abc"sv);
+    EXPECT_EQ(std::string(t.data(), static_cast<size_t>(t.size())),
+              printed("%ld.%06ld,%ld.%06ld,%ld.%06ld,%ld.%06ld,abc", 12L, 345L, -1L, -500000L, 0L, 0L, 1'700'000'000L,
+                      999'999L));
 }
 
 TEST(TextOut, AveragesAsPrintfRoundsThem) {
@@ -60,11 +62,11 @@ TEST(TextOut, AveragesAsPrintfRoundsThem) {
 
 TEST(TextOut, CutAtItsSize) {
     TextOut<8> t;
-    t.text("12345").number(-678).text("never");
+    t.text("12345"sv).number(-678).text("never"sv);
     EXPECT_EQ(std::string(t.data(), static_cast<size_t>(t.size())), "12345-67");
     const char unterminated[4] = {'a', 'b', 'c', 'd'};
     TextOut<3> u;
-    u.text(unterminated);  // read no further than fits
+    u.cstr(unterminated);  // read no further than fits
     EXPECT_EQ(std::string(u.data(), static_cast<size_t>(u.size())), "abc");
 }
 

@@ -16,7 +16,7 @@ namespace {
 class TraceValidate : public TracedThread {
 protected:
     int validate(char type, const char* svc = "SVC-A", const char* key = nullptr, char api = kTranStartApi) {
-        return trace_validate(*cxt_, type, api, cxt_->log_body, svc, -1, key);
+        return trace_validate(*cxt_, type, api, cxt_->log_body, svc, -1, {key, -1});
     }
     // The verdict on each type in turn, as "0 101 ...".
     std::string verdicts(std::string_view types) {

@@ -129,6 +129,18 @@ TEST_F(TranStdmsg, MovedChannelShortErrorTelegramFixedLayoutAndGateway) {
     EXPECT_LT(stdx(TRAN_ENDX, kTmsgGid.c_str(), "SVC-MEASURED", measured.c_str(), -1), 99);
     EXPECT_EQ(types(take()), "192");
 
+    // The service id counts up to its NUL whatever length comes with it, and one of 12 characters is traced by 9.
+    const std::string plain = telegram(600, {{_GLBL_ID, kTmsgGid}, {_PROC_RSLT_DV_CD, "0"}});
+    auto call = [&](decltype(&TRAN_STARTX) entry, const char* svc, int32_t len) {
+        return entry(-1, "CL", -1, "D", -1, kTmsgGid.c_str(), -1, svc, len, plain.data(), 600, 1, 1);
+    };
+    EXPECT_LT(call(TRAN_STARTX, "SVCLONGNAME1234", 5) + call(TRAN_STARTX, "ACCT_INQUIRY", 3), 99);
+    EXPECT_LT(call(TRAN_ENDX, "ACCT_INQUIRY", 3) + call(TRAN_ENDX, "SVCLONGNAME1234", 5), 99);
+    std::string svc_ids;
+    for (const TRAN_LOG_MSG& m : take())
+        svc_ids += std::string(body_field(m, 0, 1)) + std::string(body_field(m, 56, 16));
+    EXPECT_EQ(svc_ids, "1SVCLONGNAME1234 1ACCT_INQU       2ACCT_INQU       2SVCLONGNAME1234 ");
+
     // The older fixed layout: its own offsets, fields read up to a NUL, the binary length as "%08d", the GID at 10
     // for channel ICT; a failed result gets the error record but no message walk.
     tel.assign(1400, ' ');

@@ -1,0 +1,46 @@
+// A caller's short C string taken in one 16-byte load.  Most names a program
+// passes (functions, modules, sources) are shorter than 16 bytes; strnlen and
+// a copy sized after it cost several times what one load, one compare and
+// one store do.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace varnix {
+
+// Copies the string at `src` into `dst` when it ends (its NUL) within its
+// first 16 bytes: the name and then zeros, 16 bytes in all; its length.  -1,
+// with `dst` untouched, when it is longer, when its first 16 bytes would reach
+// into the next page, or where the processor has no 16-byte compare: the
+// caller measures it then.
+//
+// The load reads past the NUL, never past the page the string's first byte
+// lies in, so it cannot fault; the sanitizers, which would report the bytes
+// beyond the string's end, are told not to look.
+template <size_t N>
+__attribute__((no_sanitize("address", "thread"))) inline int copy_short_cstr(char (&dst)[N], const char* src) {
+    static_assert(N >= 16);
+#if defined(__SSE2__)
+    constexpr uintptr_t kPage = 4096;
+    if ((reinterpret_cast<uintptr_t>(src) & (kPage - 1)) > kPage - 16) return -1;
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
+    const unsigned nul = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())));
+    if (nul == 0) return -1;
+    const int n = __builtin_ctz(nul);
+    const __m128i lane = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    const __m128i name = _mm_and_si128(bytes, _mm_cmplt_epi8(lane, _mm_set1_epi8(static_cast<char>(n))));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), name);
+    return n;
+#else
+    (void)dst;
+    (void)src;
+    return -1;
+#endif
+}
+
+}  // namespace varnix
