@@ -21,11 +21,11 @@
 #include "context/ptrc_owner.h"
 #include "context/ptrc_sem.h"
 #include "core/gvar.h"
+#include "core/log_field.h"
 #include "core/log_printf.h"
+#include "core/record_header.h"
 #include "core/status.h"
 #include "core/throttle.h"
-#include "record/log_field.h"
-#include "record/record.h"
 
 namespace varnix {
 namespace {
@@ -47,8 +47,18 @@ void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* 
     std::memset(rec.text, ' ', sizeof rec.text);
     len = reinterpret_cast<uint32_t*>(rec.text);
     body = rec.text + sizeof(uint32_t);
-    set_log_field(host, -1, body + 73, 64, 1);
-    put_number(body + 138, 8, pid);
+    set_log_field(host, -1, body + hdr::kHostNm, 64, 1);
+    put_number(body + hdr::kPid, 8, pid);
+}
+
+// Thread ids wider than the field keep their low digits, which tell threads apart.
+constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
+
+// The thread's tid, idx and pidx fields, written when its context registers.
+void write_thread_ids(const MTR_CXT_VAR& cxt, char* body) {
+    put_number(body + hdr::kTid, 15, static_cast<int64_t>(cxt.tid % kTidModulus));
+    put_number(body + hdr::kIdx, 5, cxt.idx);
+    put_number(body + hdr::kPidx, 5, cxt.ptrc ? static_cast<int64_t>(cxt.ptrc->pidx) : 0);
 }
 
 // Registers the context in the process-thread table attached now: 0, or 116
@@ -90,7 +100,7 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     prepare_record(cxt.log_rec2, cxt.log_body2, cxt.log_len2, gvar.host_name, pid);
     write_thread_ids(cxt, cxt.log_body);
     write_thread_ids(cxt, cxt.log_body2);
-    set_log_field(gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm, -1, cxt.log_body + 40, 15, 1);
+    set_log_field(gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm, -1, cxt.log_body + hdr::kProcNm, 15, 1);
     // Blank service levels: a level read before any service wrote it must
     // not carry NUL bytes or a previous thread's identity into a record.
     std::memset(cxt.svc_stack, ' ', sizeof cxt.svc_stack);

@@ -8,7 +8,7 @@
 #include <span>
 #include <type_traits>
 
-#include "context/mtr_cxt.h"
+#include "core/cxt_table.h"
 #include "varnix_collector.h"
 
 namespace varnix {
@@ -78,10 +78,9 @@ T shm_load(const T* field) {
     return __atomic_load_n(field, __ATOMIC_RELAXED);
 }
 
-// Environment, configuration, log and attachments.  The deferred queue is
-// emptied only with reset_que, which the caller passes when no writer thread
-// runs.  0 or a status.
-int tran_init(bool reset_que);
+// Environment, configuration, log and attachments; the deferred queue is the
+// start's (start/start_stop.cpp).  0 or a status.
+int tran_init();
 // 0 when an API producing records of `log_type` may proceed; else 99, 100, 101,
 // 103 or 126.
 int check_gvar(char log_type);

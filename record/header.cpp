@@ -6,8 +6,8 @@
 
 #include "core/clock.h"
 #include "core/gvar.h"
+#include "core/text_out.h"
 #include "record/record.h"
-#include "record/text_out.h"
 
 namespace varnix {
 
@@ -69,9 +69,6 @@ const LocalClock& stamp_of(time_t sec) {
     return c;
 }
 
-// Thread ids wider than the field keep their low digits, which tell threads apart.
-constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
-
 }  // namespace
 
 void put_date_now(char* body) {
@@ -87,12 +84,6 @@ void put_time(char* body, const timeval& tv) {
     std::memcpy(t, stamp_of(tv.tv_sec).hhmmss, 6);
     const int n = 6 + write_zero_padded(t + 6, tv.tv_usec, 6);
     set_log_field(t, n, body + hdr::kTime, 12, 1);
-}
-
-void write_thread_ids(const MTR_CXT_VAR& cxt, char* body) {
-    put_number(body + hdr::kTid, 15, static_cast<int64_t>(cxt.tid % kTidModulus));
-    put_number(body + hdr::kIdx, 5, cxt.idx);
-    put_number(body + hdr::kPidx, 5, cxt.ptrc ? static_cast<int64_t>(cxt.ptrc->pidx) : 0);
 }
 
 void write_header(char* body, char log_type, const HeaderArgs& a) {

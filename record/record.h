@@ -7,27 +7,10 @@
 #include <cstdint>
 
 #include "context/mtr_cxt.h"
-#include "record/log_field.h"
+#include "core/log_field.h"
+#include "core/record_header.h"
 
 namespace varnix {
-
-// Body offsets of the common header.
-namespace hdr {
-inline constexpr int kLogType = 0;
-inline constexpr int kClsCd = 2;
-inline constexpr int kDtlCd = 5;
-inline constexpr int kGid = 7;
-inline constexpr int kProcNm = 40;
-inline constexpr int kSvcId = 56;
-inline constexpr int kHostNm = 73;
-inline constexpr int kPid = 138;
-inline constexpr int kTid = 147;
-inline constexpr int kIdx = 163;
-inline constexpr int kPidx = 169;
-inline constexpr int kDate = 175;
-inline constexpr int kTime = 184;
-inline constexpr int kEnd = 197;
-}  // namespace hdr
 
 // API type numbers, passed to trace_validate; api_type_nm[n - 'd'] names them.
 enum ApiType : char {
@@ -62,8 +45,6 @@ struct HeaderArgs {
 
 // Writes log_type, cls_cd, dtl_cd, gid, the pid when given, date and time.
 void write_header(char* body, char log_type, const HeaderArgs& a);
-// The thread's tid, idx and pidx fields, written once when its context is made.
-void write_thread_ids(const MTR_CXT_VAR& cxt, char* body);
 // The local date and time fields of now, and the time field of an instant.
 void put_date_now(char* body);
 void put_time_now(char* body);
