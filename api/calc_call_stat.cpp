@@ -8,6 +8,7 @@
 
 #include "api/notice.h"
 #include "core/gvar.h"
+#include "core/saturate.h"
 #include "record/record.h"
 
 namespace varnix {
@@ -17,7 +18,7 @@ namespace {
 // are recorded for the rest of the service.
 constexpr int64_t kExcessCallLimitUs = 200000;
 
-int32_t to_ms(int64_t us) { return static_cast<int32_t>(us / 1000); }
+int32_t to_ms(int64_t us) { return clamp_to<int32_t>(us / 1000); }
 
 void raise_to(int32_t& max, int32_t value) {
     if (value > max) max = value;
@@ -69,14 +70,14 @@ void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind) {
     PTRC_HASH& e = *cxt.ptrc;
     CallStat& st = cxt.call_stat;
     if (kind == 'B') {
-        st.dbio_elapsed_sum += elapsed_us;
+        st.dbio_elapsed_sum = sat_add(st.dbio_elapsed_sum, elapsed_us);
         ++st.dbio_cnt;
         raise_to(st.dbio_max_ms, to_ms(elapsed_us));
     } else {
-        st.biz_elapsed_sum += elapsed_us;
+        st.biz_elapsed_sum = sat_add(st.biz_elapsed_sum, elapsed_us);
         ++st.biz_cnt;
         raise_to(st.biz_max_ms, to_ms(elapsed_us));
-        raise_to(st.biz_self_max_ms, to_ms(elapsed_us - children_elapsed(e)));
+        raise_to(st.biz_self_max_ms, to_ms(sat_sub(elapsed_us, children_elapsed(e))));
     }
     const int32_t base_cnt = gvar.infinite_loop_base_cnt;
     if (static_cast<int64_t>(st.biz_cnt) + st.dbio_cnt <= base_cnt || st.excess_call_flag != 0) return;

@@ -3,6 +3,7 @@
 
 #include "api/service.h"
 #include "core/clock.h"
+#include "core/saturate.h"
 #include "record/record.h"
 
 namespace varnix {
@@ -69,7 +70,7 @@ void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const Service
         take_service_time(*cxt.ptrc, *r.timed);
         put_time(b, *r.timed);
         if (r.since) {
-            elapsed_us = usec_of(*r.timed) - usec_of(*r.since);
+            elapsed_us = sat_sub(usec_of(*r.timed), usec_of(*r.since));
             call_us = r.call_us;
         }
     }

@@ -1,6 +1,7 @@
 // The common header of every record body, and the local clock it stamps.
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 
@@ -33,7 +34,13 @@ struct LocalClock {
 };
 thread_local LocalClock local_clock;
 
+// The last second a date field can hold (9999-12-31 23:59:59 UTC).  A time
+// read from a shared block may be any number; it is stamped within
+// 1970..9999, where the local clock's arithmetic holds.
+constexpr time_t kLastStampSec = 253'402'300'799;
+
 std::tm local_tm(time_t sec) {
+    sec = std::clamp<time_t>(sec, 0, kLastStampSec);
     LocalClock& c = local_clock;
     if (c.minute_start < 0 || sec < c.minute_start || sec >= c.minute_start + 60) {
         localtime_r(&sec, &c.minute);
@@ -82,7 +89,7 @@ void put_time_now(char* body) {
 void put_time(char* body, const timeval& tv) {
     char t[6 + kNumberMax];
     std::memcpy(t, stamp_of(tv.tv_sec).hhmmss, 6);
-    const int n = 6 + write_zero_padded(t + 6, tv.tv_usec, 6);
+    const int n = 6 + write_zero_padded(t + 6, std::clamp<int64_t>(tv.tv_usec, 0, 999'999), 6);
     set_log_field(t, n, body + hdr::kTime, 12, 1);
 }
 
