@@ -3,7 +3,9 @@
 // PTRC_HASH_TBL semaphore, which every caller of get_ptrc_hash holds; an entry
 // once handed out is written by its own thread alone.  The process holds the
 // entry's owner token (context/ptrc_owner.h) from right after the pop, so an
-// entry off the free stack whose token is down belongs to nobody.  Nothing
+// entry off the free stack whose token is down belongs to nobody; one whose
+// token is up is still held, and a stack that hands it out is corrupt: the
+// entry stays with its holder and the registration fails.  Nothing
 // read from the table is used as an index before it is range-checked: a
 // corrupt table must stop tracing, never crash the host.
 #include "context/get_ptrc_hash.h"
@@ -20,6 +22,7 @@
 #include "context/tables.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
+#include "core/throttle.h"
 
 namespace varnix {
 namespace {
@@ -76,6 +79,29 @@ ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key) {
         n = shm_load(&e.next);
     }
     return pos;
+}
+
+// An entry off the free stack that a thread still holds: this process holds
+// its token, or it is registered (or marked, and not yet returned by the
+// collector, which clears the state when it returns an entry) and some
+// process keeps its owner semaphore raised.  What an earlier owner left in a
+// returned entry is no sign of use.
+bool is_held(const PTRC_HASH& e, int semid, uint32_t n) {
+    const uint8_t state = shm_load(&e.ptrc_state);
+    const bool registered = state >= VARNIX_PTRC_REGISTERED && state <= VARNIX_PTRC_RELEASED;
+    return holds_owner_token(semid, n) || (registered && owner_raised(semid, n));
+}
+
+Throttle live_entry_report{1'000'000};
+
+// The free stack handed out an entry that a thread still holds: it is left
+// to its holder, and the stack is not trusted for this registration.
+void report_live_entry_popped(const PTRC_HASH& e, uint32_t n, const MTR_CXT_VAR& cxt) {
+    if (!live_entry_report.pass()) return;
+    log_printf("<!> ptrc_hash free stack corrupt, arr_idx %d is in use (ptrc_state %d, pid %d, tid %lu), refused to "
+               "(pid : %d, tid : %lu)",
+               static_cast<int>(n), shm_load(&e.ptrc_state), shm_load(&e.pid), static_cast<unsigned long>(shm_load(&e.tid)),
+               cxt.pid, static_cast<unsigned long>(cxt.tid));
 }
 
 void report_corrupt_chain(const PTRC_HASH_TBL& tbl, const MTR_CXT_VAR& cxt) {
@@ -143,6 +169,10 @@ PTRC_HASH* get_ptrc_hash(PTRC_HASH_TBL* tbl, int semid, MTR_CXT_VAR* cxt, Deferr
     }
     uint32_t n = ptrc_hash_pop(&tbl->free_stk);
     if (n >= VARNIX_TBL_ENTRIES) return nullptr;  // empty, or a number that cannot be an entry: full
+    if (is_held(tbl->entry[n], semid, n)) {
+        report_live_entry_popped(tbl->entry[n], n, *cxt);
+        return nullptr;
+    }
     if (!take_owner_token(semid, n)) {
         ptrc_hash_push(&tbl->free_stk, n);  // where it was: the pop left room
         return nullptr;

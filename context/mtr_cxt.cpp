@@ -62,10 +62,12 @@ void write_thread_ids(const MTR_CXT_VAR& cxt, char* body) {
 }
 
 // Registers the context in the process-thread table attached now: 0, or 116
-// with the context left without an entry.
-int register_entry(MTR_CXT_VAR& cxt) {
+// with the context left without an entry.  The token of an entry the context
+// lost (`lost`) is given back first.
+int register_entry(MTR_CXT_VAR& cxt, const PTRC_HASH* lost = nullptr) {
     DeferredLine created;  // written after the semaphore is released
     PtrcSemGuard sem;
+    if (sem.owns()) give_back_owner_token(lost);
     cxt.ptrc = sem.owns() ? get_ptrc_hash(sem.attach().tbl, sem.attach().semid, &cxt, &created) : nullptr;
     if (!cxt.ptrc) {
         cxt.cxt_init_flag = VARNIX_RC_PTRC_FULL;
@@ -131,19 +133,23 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out
 }
 
 // The context's entry lies in a process-thread table that the collector has
-// replaced since: the thread registers in the table attached now, out of any
-// service.  A service it had open is forgotten, since its state lay in the
+// replaced since, or no longer carries the thread's pid and id (another
+// thread was handed it, or a process wrote over it): the thread registers in
+// the table attached now, out of any service, and the token of a lost entry
+// of that table goes back, so that the collector can take the entry back.  A service it had open is forgotten, since its state lay in the
 // entry, which is not read again; its records were cut off with the old
 // queues anyway.  The context keeps its slot, its records and its service
 // levels: a call that was inside when it registered again (an end that sends
 // an event of its own) finishes as it began.  0, or 116 with the context left
 // to register on the thread's next call.
 int register_again(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt) {
+    const PTRC_HASH* lost = live_entry(cxt);
     if (cxt.service_depth != 0)
-        log_printf("(I) mtr_tid_idx#%d, tid %lu service (depth %d) dropped: ptrc_hash_tbl re-created", bucket.mtr_tid_idx,
-                   static_cast<unsigned long>(cxt.tid), cxt.service_depth);
+        log_printf("(I) mtr_tid_idx#%d, tid %lu service (depth %d) dropped: %s", bucket.mtr_tid_idx,
+                   static_cast<unsigned long>(cxt.tid), cxt.service_depth,
+                   lost ? "ptrc_hash entry taken over" : "ptrc_hash_tbl re-created");
     leave_services(cxt);
-    if (int rc = register_entry(cxt); rc != kOk) return rc;
+    if (int rc = register_entry(cxt, lost); rc != kOk) return rc;
     write_thread_ids(cxt, cxt.log_body);
     write_thread_ids(cxt, cxt.log_body2);
     return kOk;
@@ -319,8 +325,7 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     if (gvar.init_mark.load() != kInitMarkReady) return VARNIX_RC_NOT_INIT;
     if (tid_arg < 0) {
         const OwnContext own = own_context;
-        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp &&
-            own.cxt->gen == tables_gen()) {
+        if (own.cxt && __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) == own.stamp && entry_is_ours(*own.cxt)) {
             __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
             *out = own.cxt;
             return kOk;
@@ -339,7 +344,7 @@ int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     if (cxt && left_by_earlier_thread(*cxt, caller)) cxt = nullptr;  // the miss reclaims it
     if (!cxt) {
         if (int rc = miss(bucket, caller.tid, caller.ktid, &cxt); rc != kOk) return rc;
-    } else if (cxt->gen != tables_gen()) {
+    } else if (!entry_is_ours(*cxt)) {
         if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
     __atomic_store_n(&cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
