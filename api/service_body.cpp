@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 
@@ -62,6 +63,10 @@ const ServiceKind kWebService{
     false,
 };
 
+// The times come from the thread's entry, which any process may have
+// written: one that ten places cannot show shows the nearest that they can.
+constexpr int64_t in_ten_places(int64_t us) { return std::clamp<int64_t>(us, -999'999'999, 9'999'999'999); }
+
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r) {
     char* b = cxt.log_body;
     write_header(b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str});
@@ -74,8 +79,8 @@ void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const Service
             call_us = r.call_us;
         }
     }
-    put_number(b + kElapsedAt, 10, elapsed_us);
-    put_number(b + kCallAt, 10, call_us);
+    put_number(b + kElapsedAt, 10, in_ten_places(elapsed_us));
+    put_number(b + kCallAt, 10, in_ten_places(call_us));
     put_number(b + kDepthAt, 2, r.depth);
     // The columns lie end to end, each with its blank: blank them all at
     // once, then write the ones given.
