@@ -50,8 +50,10 @@ bool format_key(const MTR_CXT_VAR& cxt, Key& key) {
 
 bool is_entry_no(int32_t n) { return n >= 0 && n < VARNIX_TBL_ENTRIES; }
 
-bool is_registered_as(const PTRC_HASH& e, const Key& key) {
-    return std::memcmp(e.key_pid, key, kPidDigits) == 0 &&
+// The thread's own entry: its key, and its pid and id, which a context checks
+// on every call (an entry written over since is not the thread's any more).
+bool is_registered_as(const PTRC_HASH& e, const Key& key, const MTR_CXT_VAR& cxt) {
+    return shm_load(&e.pid) == cxt.pid && shm_load(&e.tid) == cxt.tid && std::memcmp(e.key_pid, key, kPidDigits) == 0 &&
            std::memcmp(e.key_tid, key + kPidDigits, kTidDigits) == 0 &&
            shm_load(&e.ptrc_state) == VARNIX_PTRC_REGISTERED;
 }
@@ -62,7 +64,7 @@ struct ChainPos {
     bool corrupt = false;      // a cycle or an entry number out of range
 };
 
-ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key) {
+ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key, const MTR_CXT_VAR& cxt) {
     ChainPos pos;
     int32_t n = shm_load(&tbl.hash_idx[bucket]);
     for (int visited = 0; n != kChainEnd; ++visited) {
@@ -71,7 +73,7 @@ ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key) {
             return pos;
         }
         PTRC_HASH& e = tbl.entry[n];
-        if (is_registered_as(e, key)) {
+        if (is_registered_as(e, key, cxt)) {
             pos.found = &e;
             return pos;
         }
@@ -157,7 +159,7 @@ PTRC_HASH* get_ptrc_hash(PTRC_HASH_TBL* tbl, int semid, MTR_CXT_VAR* cxt, Deferr
     Key key;
     if (!tbl || !cxt || cxt->idx < 0 || cxt->idx >= kMtrBuckets || !format_key(*cxt, key)) return nullptr;
     uint32_t bucket = get_hidx(key, kKeyIdent, kBucketMask);
-    ChainPos pos = walk_chain(*tbl, bucket, key);
+    ChainPos pos = walk_chain(*tbl, bucket, key, *cxt);
     if (pos.found) {
         // Its own entry from before, normally with the token still held.
         const auto n = static_cast<uint32_t>(pos.found - tbl->entry);
