@@ -136,9 +136,9 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out
 // replaced since, or no longer carries the thread's pid and id (another
 // thread was handed it, or a process wrote over it): the thread registers in
 // the table attached now, out of any service, and the token of a lost entry
-// of that table goes back, so that the collector can take the entry back.  A service it had open is forgotten, since its state lay in the
-// entry, which is not read again; its records were cut off with the old
-// queues anyway.  The context keeps its slot, its records and its service
+// of that table goes back, so that the collector can take the entry back.  A
+// service it had open is forgotten, since its state lay in the entry, which
+// is not read again; its records were cut off with the old queues anyway.  The context keeps its slot, its records and its service
 // levels: a call that was inside when it registered again (an end that sends
 // an event of its own) finishes as it began.  0, or 116 with the context left
 // to register on the thread's next call.

@@ -5,10 +5,10 @@
 //
 // main_lock (core/reattach.h) serializes the two entries; everything they do
 // happens under it, including the start-up event.  Other threads learn the
-// state only through gvar.init_mark and pass the entry gate (core/entry_gate.h) on the way in.
-// Teardown withdraws init_mark and waits, for a bounded time, until the gate
-// shows no caller inside; only then are the contexts closed and the shared
-// blocks detached.  Callers that do not leave in time keep the teardown
+// state only through gvar.init_mark and pass the entry gate
+// (core/entry_gate.h) on the way in.  Teardown withdraws init_mark and waits,
+// for a bounded time, until the gate shows no caller inside; only then are
+// the contexts closed and the shared blocks detached.  Callers that do not leave in time keep the teardown
 // pending: nothing is detached, TRAN_DONE fails, and the next TRAN_DONE or
 // TRAN_INIT finishes it once they have left.  Closing takes each bucket mutex
 // in order and, inside it, the process-thread table semaphore once per
@@ -39,7 +39,6 @@
 #include "core/no_cancel.h"
 #include "core/reattach.h"
 #include "core/status.h"
-#include "start/start_stop.h"
 #include "start/start_stop.h"
 #include "tong/th_job.h"
 #include "tong/tong.h"
