@@ -5,6 +5,7 @@
 
 #include "context/mtr_cxt.h"
 #include "core/gvar.h"
+#include "core/saturate.h"
 
 namespace varnix {
 
@@ -24,7 +25,7 @@ namespace call_stat_detail {
 // maxima start at 0, and us / 1000 exceeds a maximum m >= 0 exactly when us
 // reaches (m + 1) ms: a product rather than a division per call.
 inline void raise_ms(int32_t& max_ms, int64_t us) {
-    if (us >= (static_cast<int64_t>(max_ms) + 1) * 1000) max_ms = static_cast<int32_t>(us / 1000);
+    if (us >= (static_cast<int64_t>(max_ms) + 1) * 1000) max_ms = clamp_to<int32_t>(us / 1000);
 }
 
 // Time spent in the calls the finishing call made: the sums of the level
@@ -45,14 +46,14 @@ inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind) {
     if (!cxt.ptrc) return;
     CallStat& st = cxt.call_stat;
     if (kind == 'B') {
-        st.dbio_elapsed_sum += elapsed_us;
+        st.dbio_elapsed_sum = sat_add(st.dbio_elapsed_sum, elapsed_us);
         ++st.dbio_cnt;
         raise_ms(st.dbio_max_ms, elapsed_us);
     } else {
-        st.biz_elapsed_sum += elapsed_us;
+        st.biz_elapsed_sum = sat_add(st.biz_elapsed_sum, elapsed_us);
         ++st.biz_cnt;
         raise_ms(st.biz_max_ms, elapsed_us);
-        raise_ms(st.biz_self_max_ms, elapsed_us - children_elapsed(*cxt.ptrc));
+        raise_ms(st.biz_self_max_ms, sat_sub(elapsed_us, children_elapsed(*cxt.ptrc)));
     }
     const int32_t base_cnt = gvar.infinite_loop_base_cnt;
     if (static_cast<int64_t>(st.biz_cnt) + st.dbio_cnt <= base_cnt || st.excess_call_flag != 0) return;

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "context/mtr_cxt.h"
-#include "record/log_field.h"
+#include "core/log_field.h"
 
 namespace varnix {
 

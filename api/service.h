@@ -12,7 +12,7 @@
 #include <span>
 
 #include "context/mtr_cxt.h"
-#include "record/log_field.h"
+#include "core/log_field.h"
 #include "record/record.h"
 
 namespace varnix {

@@ -7,6 +7,7 @@
 
 #include "api/service.h"
 #include "core/clock.h"
+#include "core/saturate.h"
 #include "record/record.h"
 
 namespace varnix {
@@ -91,6 +92,10 @@ const ServiceKind kWebService{
     false, false, false, nullptr, false,
 };
 
+// The times come from the thread's entry, which any process may have
+// written: one that ten places cannot show shows the nearest that they can.
+constexpr int64_t in_ten_places(int64_t us) { return std::clamp<int64_t>(us, -999'999'999, 9'999'999'999); }
+
 void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const ServiceArgs& a, const ServiceRecord& r) {
     char* b = cxt.log_body;
     Now now;
@@ -98,8 +103,8 @@ void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const Service
     if (timed) take_service_time(*cxt.ptrc, *r.timed, now);
     write_header(b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str}, now, timed);
     if (timed && r.since) {
-        put_number<10>(b + kElapsedAt, usec_of(*timed) - usec_of(*r.since));
-        put_number<10>(b + kCallAt, r.call_us);
+        put_number<10>(b + kElapsedAt, in_ten_places(sat_sub(usec_of(*timed), usec_of(*r.since))));
+        put_number<10>(b + kCallAt, in_ten_places(r.call_us));
     } else {
         std::memcpy(b + kElapsedAt, "0000000000 0000000000 ", 22);
     }

@@ -16,14 +16,15 @@
 #include "api/notice.h"
 #include "api/tran_sql.h"
 #include "core/clock.h"
+#include "core/saturate.h"
 #include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/short_cstr.h"
 #include "core/status.h"
+#include "core/text_out.h"
 #include "record/call_validate.h"
 #include "record/record.h"
-#include "record/text_out.h"
 #include "varnix.h"
 
 namespace varnix {
@@ -141,10 +142,10 @@ int callinfo_start(int32_t tid, const StartArgs& a) {
     if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
 
     // Counted before the checks below, which do not take them back.
-    ++e.call_trc_depth;
+    e.call_trc_depth = sat_add(e.call_trc_depth, 1);
     if (e.call_trc_depth > static_cast<int64_t>(cxt->call_stat.max_call_depth))
         cxt->call_stat.max_call_depth = static_cast<uint32_t>(e.call_trc_depth);
-    ++e.total_call_cnt;
+    e.total_call_cnt = sat_add(e.total_call_cnt, 1);
     e.sql_rec_cnt = 0;
     e.sql_code = 9999;
     std::memset(e.fetch_last, 0, sizeof e.fetch_last);
@@ -236,19 +237,19 @@ Plan plan_record(MTR_CXT_VAR& cxt, int k, int64_t elapsed, char kind) {
         const Sums below = sums_of(e, k + 1);
         calc_call_stat(cxt, elapsed, kind);
         const Plan plan{elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kWithChildren, below};
-        lvl.elapsed_sum += elapsed;
-        lvl.dbio_sum += below.dbio;
+        lvl.elapsed_sum = sat_add(lvl.elapsed_sum, elapsed);
+        lvl.dbio_sum = sat_add(lvl.dbio_sum, below.dbio);
         clear_sums(e, last - 1);
         return plan;
     }
     const bool first = last < depth;
-    lvl.elapsed_sum = first ? elapsed : lvl.elapsed_sum + elapsed;
+    lvl.elapsed_sum = first ? elapsed : sat_add(lvl.elapsed_sum, elapsed);
     if (kind != kDbio) {
         calc_call_stat(cxt, elapsed, kind);
         return {elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kAlone, {}};
     }
-    lvl.dbio_sum = first ? elapsed : lvl.dbio_sum + elapsed;
-    e.call_elapsed_sum += elapsed;
+    lvl.dbio_sum = first ? elapsed : sat_add(lvl.dbio_sum, elapsed);
+    e.call_elapsed_sum = sat_add(e.call_elapsed_sum, elapsed);
     calc_call_stat(cxt, elapsed, kind);
     if (e.dbio_skip != 0) return {false, Format::kDbioFirst, {}};
     return {elapsed >= e.dbio_trc_limit || lvl.force_rec != 0, first ? Format::kDbioFirst : Format::kDbioLater, {}};
@@ -266,8 +267,8 @@ void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const Recor
     const bool biz_form = p.format == Format::kWithChildren || p.format == Format::kAlone;
     const bool children = p.format == Format::kWithChildren;
     const Secs all = secs(elapsed);
-    const Secs own = secs(!biz_form ? 0 : children ? elapsed - p.below.elapsed : elapsed);
-    const Secs called = secs(children ? p.below.elapsed - p.below.dbio : 0);
+    const Secs own = secs(!biz_form ? 0 : children ? sat_sub(elapsed, p.below.elapsed) : elapsed);
+    const Secs called = secs(children ? sat_sub(p.below.elapsed, p.below.dbio) : 0);
     const Secs dbio = secs(children ? p.below.dbio : 0);
     const Secs start = secs(lvl.start_tv);
     const Secs end = secs(lvl.end_tv);
@@ -327,7 +328,7 @@ int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
         return VARNIX_RC_CALL_DEPTH;
     }
     if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) {  // its start was not traced
-        --e.call_trc_depth;
+        e.call_trc_depth = sat_sub(e.call_trc_depth, 1);
         return VARNIX_RC_NOT_TRACED;
     }
 
@@ -335,7 +336,7 @@ int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
     const int k = depth - 1;
     CALL_LVL& lvl = e.call_lvl[k];
     gettimeofday(&lvl.end_tv, nullptr);
-    const int64_t elapsed = usec_of(lvl.end_tv) - usec_of(lvl.start_tv);
+    const int64_t elapsed = sat_sub(usec_of(lvl.end_tv), usec_of(lvl.start_tv));
     lvl.rc = a.rc;
     force_on_error(e, k);
     const Plan plan = plan_record(*cxt, k, elapsed, kind);
@@ -351,12 +352,12 @@ int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
     e.last_fin_lvl = static_cast<int8_t>(depth);
     --e.trc_lvl;
     if (skipped) {
-        --e.call_trc_depth;
+        e.call_trc_depth = sat_sub(e.call_trc_depth, 1);
         return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
     }
     const int result = plan.wanted ? send_call_record(*cxt, kind, record().header, lvl.end_tv)
                                    : kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
-    --e.call_trc_depth;
+    e.call_trc_depth = sat_sub(e.call_trc_depth, 1);
     return result;
 }
 

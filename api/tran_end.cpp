@@ -8,8 +8,8 @@
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
+#include "core/text_out.h"
 #include "record/record.h"
-#include "record/text_out.h"
 
 namespace varnix {
 namespace {

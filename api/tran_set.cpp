@@ -20,6 +20,7 @@
 #include "core/copy_prefix.h"
 #include "core/entry_gate.h"
 #include "core/gvar.h"
+#include "core/saturate.h"
 #include "core/status.h"
 #include "varnix.h"
 
@@ -56,7 +57,7 @@ void report_sql_error(int32_t tid, const SvcLevel& level, const CALL_LVL& call, 
 long seconds_since(time_t since) {
     timeval now;
     if (gettimeofday(&now, nullptr) != 0) return 0;
-    return static_cast<long>(now.tv_sec - since);
+    return static_cast<long>(sat_sub<int64_t>(now.tv_sec, since));
 }
 
 void format_timeout_notice(const PTRC_HASH& e, char (&text)[kNoticeTextSize]) {

@@ -7,6 +7,7 @@
 #include "api/service.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
+#include "core/saturate.h"
 #include "core/status.h"
 #include "record/record.h"
 
@@ -58,7 +59,8 @@ void check_open_service(const ServiceKind& kind, MTR_CXT_VAR& cxt, const Service
     const int depth = cxt.service_depth;
     const SvcLevel& kept = cxt.svc_stack[depth - 1];
     const int base = gvar.default_timeout_sec;
-    const int elapsed = static_cast<int32_t>(std::time(nullptr)) - static_cast<int32_t>(cxt.ptrc ? cxt.ptrc->svc_mark_time : 0);
+    const int elapsed =
+        clamp_to<int32_t>(sat_sub<int64_t>(std::time(nullptr), cxt.ptrc ? cxt.ptrc->svc_mark_time : 0));
     const bool same = same_gid(a.gid, kept);
     const bool stale = elapsed >= base;
     Printable gid = printable(a.gid, kGidPrintMax);

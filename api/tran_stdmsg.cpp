@@ -17,7 +17,7 @@
 #include "core/gvar.h"
 #include "core/log_printf.h"
 #include "core/status.h"
-#include "record/text_out.h"
+#include "core/text_out.h"
 #include "varnix.h"
 
 namespace varnix {

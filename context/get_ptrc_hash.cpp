@@ -3,7 +3,9 @@
 // PTRC_HASH_TBL semaphore, which every caller of get_ptrc_hash holds; an entry
 // once handed out is written by its own thread alone.  The process holds the
 // entry's owner token (context/ptrc_owner.h) from right after the pop, so an
-// entry off the free stack whose token is down belongs to nobody.  Nothing
+// entry off the free stack whose token is down belongs to nobody; one whose
+// token is up is still held, and a stack that hands it out is corrupt: the
+// entry stays with its holder and the registration fails.  Nothing
 // read from the table is used as an index before it is range-checked: a
 // corrupt table must stop tracing, never crash the host.
 #include "context/get_ptrc_hash.h"
@@ -20,6 +22,7 @@
 #include "context/tables.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
+#include "core/throttle.h"
 
 namespace varnix {
 namespace {
@@ -47,8 +50,10 @@ bool format_key(const MTR_CXT_VAR& cxt, Key& key) {
 
 bool is_entry_no(int32_t n) { return n >= 0 && n < VARNIX_TBL_ENTRIES; }
 
-bool is_registered_as(const PTRC_HASH& e, const Key& key) {
-    return std::memcmp(e.key_pid, key, kPidDigits) == 0 &&
+// The thread's own entry: its key, and its pid and id, which a context checks
+// on every call (an entry written over since is not the thread's any more).
+bool is_registered_as(const PTRC_HASH& e, const Key& key, const MTR_CXT_VAR& cxt) {
+    return shm_load(&e.pid) == cxt.pid && shm_load(&e.tid) == cxt.tid && std::memcmp(e.key_pid, key, kPidDigits) == 0 &&
            std::memcmp(e.key_tid, key + kPidDigits, kTidDigits) == 0 &&
            shm_load(&e.ptrc_state) == VARNIX_PTRC_REGISTERED;
 }
@@ -59,7 +64,7 @@ struct ChainPos {
     bool corrupt = false;      // a cycle or an entry number out of range
 };
 
-ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key) {
+ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key, const MTR_CXT_VAR& cxt) {
     ChainPos pos;
     int32_t n = shm_load(&tbl.hash_idx[bucket]);
     for (int visited = 0; n != kChainEnd; ++visited) {
@@ -68,7 +73,7 @@ ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key) {
             return pos;
         }
         PTRC_HASH& e = tbl.entry[n];
-        if (is_registered_as(e, key)) {
+        if (is_registered_as(e, key, cxt)) {
             pos.found = &e;
             return pos;
         }
@@ -76,6 +81,29 @@ ChainPos walk_chain(PTRC_HASH_TBL& tbl, uint32_t bucket, const Key& key) {
         n = shm_load(&e.next);
     }
     return pos;
+}
+
+// An entry off the free stack that a thread still holds: this process holds
+// its token, or it is registered (or marked, and not yet returned by the
+// collector, which clears the state when it returns an entry) and some
+// process keeps its owner semaphore raised.  What an earlier owner left in a
+// returned entry is no sign of use.
+bool is_held(const PTRC_HASH& e, int semid, uint32_t n) {
+    const uint8_t state = shm_load(&e.ptrc_state);
+    const bool registered = state >= VARNIX_PTRC_REGISTERED && state <= VARNIX_PTRC_RELEASED;
+    return holds_owner_token(semid, n) || (registered && owner_raised(semid, n));
+}
+
+Throttle live_entry_report{1'000'000};
+
+// The free stack handed out an entry that a thread still holds: it is left
+// to its holder, and the stack is not trusted for this registration.
+void report_live_entry_popped(const PTRC_HASH& e, uint32_t n, const MTR_CXT_VAR& cxt) {
+    if (!live_entry_report.pass()) return;
+    log_printf("<!> ptrc_hash free stack corrupt, arr_idx %d is in use (ptrc_state %d, pid %d, tid %lu), refused to "
+               "(pid : %d, tid : %lu)",
+               static_cast<int>(n), shm_load(&e.ptrc_state), shm_load(&e.pid), static_cast<unsigned long>(shm_load(&e.tid)),
+               cxt.pid, static_cast<unsigned long>(cxt.tid));
 }
 
 void report_corrupt_chain(const PTRC_HASH_TBL& tbl, const MTR_CXT_VAR& cxt) {
@@ -131,7 +159,7 @@ PTRC_HASH* get_ptrc_hash(PTRC_HASH_TBL* tbl, int semid, MTR_CXT_VAR* cxt, Deferr
     Key key;
     if (!tbl || !cxt || cxt->idx < 0 || cxt->idx >= kMtrBuckets || !format_key(*cxt, key)) return nullptr;
     uint32_t bucket = get_hidx(key, kKeyIdent, kBucketMask);
-    ChainPos pos = walk_chain(*tbl, bucket, key);
+    ChainPos pos = walk_chain(*tbl, bucket, key, *cxt);
     if (pos.found) {
         // Its own entry from before, normally with the token still held.
         const auto n = static_cast<uint32_t>(pos.found - tbl->entry);
@@ -143,6 +171,10 @@ PTRC_HASH* get_ptrc_hash(PTRC_HASH_TBL* tbl, int semid, MTR_CXT_VAR* cxt, Deferr
     }
     uint32_t n = ptrc_hash_pop(&tbl->free_stk);
     if (n >= VARNIX_TBL_ENTRIES) return nullptr;  // empty, or a number that cannot be an entry: full
+    if (is_held(tbl->entry[n], semid, n)) {
+        report_live_entry_popped(tbl->entry[n], n, *cxt);
+        return nullptr;
+    }
     if (!take_owner_token(semid, n)) {
         ptrc_hash_push(&tbl->free_stk, n);  // where it was: the pop left room
         return nullptr;

@@ -21,11 +21,11 @@
 #include "context/ptrc_owner.h"
 #include "context/ptrc_sem.h"
 #include "core/gvar.h"
+#include "core/log_field.h"
 #include "core/log_printf.h"
+#include "core/record_header.h"
 #include "core/status.h"
 #include "core/throttle.h"
-#include "record/log_field.h"
-#include "record/record.h"
 
 namespace varnix {
 namespace {
@@ -40,15 +40,27 @@ void prepare_record(TRAN_LOG_MSG& rec, char*& body, uint32_t*& len, const char* 
     std::memset(rec.text, ' ', sizeof rec.text);
     len = reinterpret_cast<uint32_t*>(rec.text);
     body = rec.text + sizeof(uint32_t);
-    set_log_field(host, -1, body + 73, 64, 1);
-    put_number(body + 138, 8, pid);
+    set_log_field(host, -1, body + hdr::kHostNm, 64, 1);
+    put_number(body + hdr::kPid, 8, pid);
+}
+
+// Thread ids wider than the field keep their low digits, which tell threads apart.
+constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
+
+// The thread's tid, idx and pidx fields, written when its context registers.
+void write_thread_ids(const MTR_CXT_VAR& cxt, char* body) {
+    put_number(body + hdr::kTid, 15, static_cast<int64_t>(cxt.tid % kTidModulus));
+    put_number(body + hdr::kIdx, 5, cxt.idx);
+    put_number(body + hdr::kPidx, 5, cxt.ptrc ? static_cast<int64_t>(cxt.ptrc->pidx) : 0);
 }
 
 // Registers the context in the process-thread table attached now: 0, or 116
-// with the context left without an entry.
-int register_entry(MTR_CXT_VAR& cxt) {
+// with the context left without an entry.  The token of an entry the context
+// lost (`lost`) is given back first.
+int register_entry(MTR_CXT_VAR& cxt, const PTRC_HASH* lost = nullptr) {
     DeferredLine created;  // written after the semaphore is released
     PtrcSemGuard sem;
+    if (sem.owns()) give_back_owner_token(lost);
     cxt.ptrc = sem.owns() ? get_ptrc_hash(sem.attach().tbl, sem.attach().semid, &cxt, &created) : nullptr;
     if (!cxt.ptrc) {
         cxt.cxt_init_flag = VARNIX_RC_PTRC_FULL;
@@ -83,7 +95,7 @@ int create_context(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt, uint64_t tid, pid_t kt
     prepare_record(cxt.log_rec2, cxt.log_body2, cxt.log_len2, gvar.host_name, pid);
     write_thread_ids(cxt, cxt.log_body);
     write_thread_ids(cxt, cxt.log_body2);
-    set_log_field(gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm, -1, cxt.log_body + 40, 15, 1);
+    set_log_field(gvar.cont_nm[0] ? gvar.cont_nm : gvar.proc_nm, -1, cxt.log_body + hdr::kProcNm, 15, 1);
     // Blank service levels: a level read before any service wrote it must
     // not carry NUL bytes or a previous thread's identity into a record.
     std::memset(cxt.svc_stack, ' ', sizeof cxt.svc_stack);
@@ -114,19 +126,23 @@ int add_context(MTR_TID_IDX& bucket, uint64_t tid, pid_t ktid, MTR_CXT_VAR** out
 }
 
 // The context's entry lies in a process-thread table that the collector has
-// replaced since: the thread registers in the table attached now, out of any
-// service.  A service it had open is forgotten, since its state lay in the
-// entry, which is not read again; its records were cut off with the old
-// queues anyway.  The context keeps its slot, its records and its service
+// replaced since, or no longer carries the thread's pid and id (another
+// thread was handed it, or a process wrote over it): the thread registers in
+// the table attached now, out of any service, and the token of a lost entry
+// of that table goes back, so that the collector can take the entry back.  A
+// service it had open is forgotten, since its state lay in the entry, which
+// is not read again; its records were cut off with the old queues anyway.  The context keeps its slot, its records and its service
 // levels: a call that was inside when it registered again (an end that sends
 // an event of its own) finishes as it began.  0, or 116 with the context left
 // to register on the thread's next call.
 int register_again(MTR_TID_IDX& bucket, MTR_CXT_VAR& cxt) {
+    const PTRC_HASH* lost = live_entry(cxt);
     if (cxt.service_depth != 0)
-        log_printf("(I) mtr_tid_idx#%d, tid %lu service (depth %d) dropped: ptrc_hash_tbl re-created", bucket.mtr_tid_idx,
-                   static_cast<unsigned long>(cxt.tid), cxt.service_depth);
+        log_printf("(I) mtr_tid_idx#%d, tid %lu service (depth %d) dropped: %s", bucket.mtr_tid_idx,
+                   static_cast<unsigned long>(cxt.tid), cxt.service_depth,
+                   lost ? "ptrc_hash entry taken over" : "ptrc_hash_tbl re-created");
     leave_services(cxt);
-    if (int rc = register_entry(cxt); rc != kOk) return rc;
+    if (int rc = register_entry(cxt, lost); rc != kOk) return rc;
     write_thread_ids(cxt, cxt.log_body);
     write_thread_ids(cxt, cxt.log_body2);
     return kOk;
@@ -177,12 +193,6 @@ thread_local pid_t own_ktid = 0;
 pid_t current_ktid() {
     if (own_ktid == 0) own_ktid = static_cast<pid_t>(syscall(SYS_gettid));
     return own_ktid;
-}
-
-// The entry still describes this context's thread.
-bool entry_is_ours(const MTR_CXT_VAR& cxt) {
-    const PTRC_HASH* e = live_entry(cxt);
-    return e && e->pid == cxt.pid && e->tid == cxt.tid;
 }
 
 // The context was made by another kernel thread that had the same handle: the
@@ -315,7 +325,7 @@ namespace {
     if (cxt && left_by_earlier_thread(*cxt, caller)) cxt = nullptr;  // the miss reclaims it
     if (!cxt) {
         if (int rc = miss(bucket, caller.tid, caller.ktid, &cxt); rc != kOk) return rc;
-    } else if (cxt->gen != tables_gen()) {
+    } else if (!entry_is_ours(*cxt)) {
         if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
     __atomic_store_n(&cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);

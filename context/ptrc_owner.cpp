@@ -1,6 +1,7 @@
 #include "context/ptrc_owner.h"
 
 #include <sys/ipc.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
 #include <bitset>
@@ -47,6 +48,12 @@ bool take_owner_token(int semid, uint32_t n) {
         return true;
     }
     return errno == EFBIG || errno == EINVAL || errno == EIDRM;
+}
+
+bool holds_owner_token(int semid, uint32_t n) { return n < VARNIX_TBL_ENTRIES && held_in(semid).test(n); }
+
+bool owner_raised(int semid, uint32_t n) {
+    return n >= VARNIX_TBL_ENTRIES || semctl(semid, VARNIX_PTRC_SEM_OWNER(n), GETVAL) != 0;
 }
 
 void give_back_owner_token(const PTRC_HASH* e) {

@@ -28,6 +28,12 @@ namespace varnix {
 // a token.
 bool take_owner_token(int semid, uint32_t n);
 
+// This process holds its token on entry n.
+bool holds_owner_token(int semid, uint32_t n);
+// Some process keeps the owner semaphore of entry n raised; also true when
+// the set cannot tell (it has no owner semaphores, or is gone).
+bool owner_raised(int semid, uint32_t n);
+
 // Gives back this process's token on the entry, if it holds one.  An entry
 // outside the attached table (none, or one of a table since replaced) holds
 // no token of its set.

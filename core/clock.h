@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "core/saturate.h"
+
 namespace varnix {
 
 // Now; the epoch in the (never seen) case that the clock cannot be read.
@@ -15,8 +17,12 @@ inline timeval clock_now() {
     return tv;
 }
 
-// Microseconds since the epoch.
-inline int64_t usec_of(const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1'000'000 + tv.tv_usec; }
+// Microseconds since the epoch; a time read from a shared block may be any
+// value, so the count saturates.
+constexpr int64_t usec_of(const timeval& tv) {
+    return sat_add(sat_mul<int64_t>(tv.tv_sec, 1'000'000), static_cast<int64_t>(tv.tv_usec));
+}
+static_assert(usec_of(timeval{1'000'000'000'000'000, 5}) == INT64_MAX && usec_of(timeval{-1, 5}) == -999'995);
 
 // Microseconds of the monotonic clock, for deadlines of bounded waits.
 inline int64_t monotonic_us() {

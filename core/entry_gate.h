@@ -20,7 +20,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "context/mtr_cxt.h"
+#include "core/cxt_table.h"
 
 namespace varnix {
 

@@ -8,7 +8,7 @@
 #include <span>
 #include <type_traits>
 
-#include "context/mtr_cxt.h"
+#include "core/cxt_table.h"
 #include "core/record_class.h"
 #include "core/status.h"
 #include "varnix_collector.h"
@@ -80,10 +80,9 @@ T shm_load(const T* field) {
     return __atomic_load_n(field, __ATOMIC_RELAXED);
 }
 
-// Environment, configuration, log and attachments.  The deferred queue is
-// emptied only with reset_que, which the caller passes when no writer thread
-// runs.  0 or a status.
-int tran_init(bool reset_que);
+// Environment, configuration, log and attachments; the deferred queue is the
+// start's (start/start_stop.cpp).  0 or a status.
+int tran_init();
 // TRAN_INIT has made the library ready and no stop has begun.  Sequentially
 // consistent: read after the entry gate counted the caller.
 inline bool library_ready() { return gvar.init_mark.load() == kInitMarkReady; }

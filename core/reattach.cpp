@@ -66,6 +66,7 @@
 namespace varnix {
 
 std::atomic<uint32_t> table_generation{0};
+pthread_mutex_t main_lock = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
@@ -188,6 +189,17 @@ void look_for_new_collector() {
     const bool retiring = now.complete() && now != was && switch_over(was, now);
     if (retiring) stripes_seen_idle = 0;
     state.store(retiring ? kRetiring : kIdle, std::memory_order_release);
+}
+
+void follow_collector() {
+    static Throttle look_period{1'000'000};
+    if (look_period.pass()) {
+        const EntryGate gate;
+        look_for_new_collector();  // it reads init_mark after the gate counted the writer
+    }
+    if (!old_table_pending() || pthread_mutex_trylock(&main_lock) != 0) return;
+    retire_old_table();
+    (void)pthread_mutex_unlock(&main_lock);  // ours, locked just now
 }
 
 bool old_table_pending() { return state.load(std::memory_order_acquire) == kRetiring; }

@@ -4,6 +4,7 @@
 // as it takes up a re-created queue, without a restart.
 #pragma once
 
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -44,6 +45,16 @@ PtrcAttach current_ptrc();
 // at most every 100 ms, whether the collector has created its objects anew,
 // and if so takes them up.  Never waits.
 void look_for_new_collector();
+
+// The process lock: TRAN_INIT and TRAN_DONE (start/start_stop.cpp) run under
+// it, and so does retiring a replaced table.
+extern pthread_mutex_t main_lock;
+
+// The writer thread's share in following a collector that created its
+// objects anew, between records: a look once a second, and the detaching of
+// a replaced process-thread table once no caller can still use it.  Never
+// waits.
+void follow_collector();
 
 // True while a replaced process-thread table is still attached.
 bool old_table_pending();

@@ -31,7 +31,6 @@
 #include "core/reattach.h"
 #include "core/record_class.h"
 #include "core/status.h"
-#include "tong/tong.h"
 #include "varnix.h"
 
 extern "C" {
@@ -287,7 +286,7 @@ int attach_all(const IpcKeys& keys, int max_que_cnt) {
 
 }  // namespace
 
-int tran_init(bool reset_que) {
+int tran_init() {
     gvar.pid = getpid();
     set_proc_nm(gvar.proc_nm, gvar.cont_nm, gvar.pid);
     if (gvar.init_mark.load(std::memory_order_relaxed) == kInitMarkReady) {
@@ -316,10 +315,6 @@ int tran_init(bool reset_que) {
         return VARNIX_RC_NOT_INIT;
     }
     gvar.host_name[sizeof gvar.host_name - 1] = '\0';
-    if (reset_que && reset_tong_que() == 0) {
-        log_printf("<!> tran_init fail, create tong log deffered que create fail.");
-        return VARNIX_RC_NOT_INIT;
-    }
     return kOk;
 }
 

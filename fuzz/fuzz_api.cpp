@@ -1,7 +1,9 @@
 // The tracing API against a live collector.  An input is a sequence of
 // operations: a code byte, then the operation's arguments (see api_ops.cpp
 // and api_args.cpp).  Code 0xFE rewrites a switch or limit of the control
-// block, 0xFF stops and restarts tracing, every other code calls an entry.
+// block, 0xFD a time, sum, depth or count of the calling thread's
+// process-thread entry, 0xFF stops and restarts tracing, every other code
+// calls an entry.
 //
 // The collector is created once per process, with keys from the pid, and
 // removed at exit (and, through the sanitizer's death callback, on a
@@ -15,6 +17,7 @@
 #include <cstring>
 
 #include "collector/service_table.h"
+#include "context/mtr_cxt.h"
 #include "core/gvar.h"
 #include "fuzz/api_ops.h"
 #include "fuzz/fuzz_session.h"
@@ -26,6 +29,7 @@ using varnix::fuzz::Args;
 using varnix::fuzz::ByteReader;
 
 constexpr int kMaxOps = 64;
+constexpr uint8_t kEntryCode = 0xFD;
 constexpr uint8_t kRewriteCode = 0xFE;
 constexpr uint8_t kRestartCode = 0xFF;
 constexpr int kUnwindMax = 64;  // deeper than any input can nest
@@ -65,6 +69,27 @@ void rewrite(ByteReader& in) {
         case 6: q.qcnt = static_cast<int8_t>(in.byte()); break;
         case 7: q.que_mask = in.number<uint32_t>(); break;
         default: q.magic_code = (in.byte() & 1) ? in.number<uint32_t>() : VARNIX_MAGIC_CODE; break;
+    }
+}
+
+// A number of the calling thread's process-thread entry, as another process
+// might write it while the thread is inside a service or a call.
+void rewrite_entry(ByteReader& in) {
+    varnix::MTR_CXT_VAR* cxt = nullptr;
+    if (varnix::context_with_entry(-1, &cxt) != 0) return;
+    PTRC_HASH& e = *cxt->ptrc;
+    CALL_LVL& lvl = e.call_lvl[in.byte() % VARNIX_CALL_LVL_CNT];
+    switch (in.byte() % 10) {
+        case 0: lvl.start_tv.tv_sec = in.number<int64_t>(); break;
+        case 1: lvl.start_tv.tv_usec = in.number<int64_t>(); break;
+        case 2: lvl.elapsed_sum = in.number<int64_t>(); break;
+        case 3: lvl.dbio_sum = in.number<int64_t>(); break;
+        case 4: e.call_elapsed_sum = in.number<int64_t>(); break;
+        case 5: e.call_trc_depth = in.number<int32_t>(); break;
+        case 6: e.total_call_cnt = in.number<int32_t>(); break;
+        case 7: e.svc_start_tv.tv_sec = in.number<int64_t>(); break;
+        case 8: e.preset_start_tv = timeval{in.number<int64_t>(), in.number<int64_t>()}; break;
+        default: e.svc_mark_time = in.number<int64_t>(); break;
     }
 }
 
@@ -140,6 +165,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         uint8_t code = in.byte();
         if (code == kRewriteCode) {
             rewrite(in);
+        } else if (code == kEntryCode) {
+            rewrite_entry(in);
         } else if (code == kRestartCode) {
             init_failed |= !restart_now_and_then();
         } else {

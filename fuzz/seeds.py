@@ -14,7 +14,7 @@ ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus")
 # Operation codes: positions in the operation table of api_ops.cpp.
 START, END, ERROR, PT_START, PT_END, CALL_S, CALL_F, SQL_STMT, SQL_ID, INFO, INFO_EX, ERRINFO, EVENT = range(13)
 SET_TIME, CHECK_SQL_TIME, HASH, DBIO_STS, SQLCA, DBCONN, FETCH, SVCTIMEOUT = range(13, 21)
-REWRITE, RESTART = 0xFE, 0xFF
+ENTRY, REWRITE, RESTART = 0xFD, 0xFE, 0xFF
 # Word numbers of api_args.cpp.
 W_SVC, W_SVC2, W_DBIO, W_DBIO2, W_BIZ, W_GID, W_GID2 = range(7)
 W_SQL, W_UTF8, W_EUCKR = 13, 14, 15
@@ -135,6 +135,12 @@ SEEDS = {
         + bytes([INFO_EX, 3]) + head() + text(b"I001") + long_text(3000) + bytes([HASH]) + cword(W_GID),
         "switches": bytes([REWRITE, 0, 0x0F]) + service(START) + bytes([REWRITE, 8, 1]) + struct.pack("<I", 1)
         + info(b"x") + bytes([REWRITE, 6, 0]) + service(END),
+        "entry_extremes": service(START) + call_s(W_BIZ) + call_s(W_DBIO)
+        + bytes([ENTRY, 1, 1]) + struct.pack("<q", -2**63) + bytes([ENTRY, 0, 2]) + struct.pack("<q", 2**63 - 1)
+        + bytes([ENTRY, 0, 5]) + struct.pack("<i", 2**31 - 1) + bytes([ENTRY, 0, 7]) + struct.pack("<q", 10**15)
+        + call_f(W_DBIO) + call_f(W_BIZ) + bytes([ENTRY, 0, 9]) + struct.pack("<q", -2**31)
+        + service(START, gid=W_GID2) + bytes([ENTRY, 0, 8]) + struct.pack("<qq", -2**63, -5) + service(END)
+        + service(END),
         "long_sql": service(START) + call_s(W_DBIO2) + bytes([SQL_STMT, CALLER, 0]) + null() + null() + b"\x01"
         + b"\x00" + bytes(16) + b"\x01" + long_cstr(8500) + call_f(W_DBIO2) + service(END),
         "timeout_restart": service(START) + bytes([SVCTIMEOUT, CALLER]) + info(b"after") + bytes([RESTART])

@@ -14,9 +14,9 @@
 #include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_printf.h"
-#include "core/start_stop.h"
 #include "core/status.h"
 #include "jni/tran_jni.h"
+#include "start/start_stop.h"
 #include "varnix.h"
 
 namespace varnix::jni {

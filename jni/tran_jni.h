@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "record/log_field.h"
+#include "core/log_field.h"
 
 namespace varnix::jni {
 

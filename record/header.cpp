@@ -1,13 +1,14 @@
 // The common header of every record body, and the local clock it stamps.
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 
 #include "core/clock.h"
 #include "core/gvar.h"
+#include "core/text_out.h"
 #include "record/record.h"
-#include "record/text_out.h"
 
 namespace varnix {
 
@@ -33,7 +34,13 @@ struct LocalClock {
 };
 thread_local LocalClock local_clock;
 
+// The last second a date field can hold (9999-12-31 23:59:59 UTC).  A time
+// read from a shared block may be any number; it is stamped within
+// 1970..9999, where the local clock's arithmetic holds.
+constexpr time_t kLastStampSec = 253'402'300'799;
+
 std::tm local_tm(time_t sec) {
+    sec = std::clamp<time_t>(sec, 0, kLastStampSec);
     LocalClock& c = local_clock;
     if (c.minute_start < 0 || sec < c.minute_start || sec >= c.minute_start + 60) {
         localtime_r(&sec, &c.minute);
@@ -69,9 +76,6 @@ const LocalClock& stamp_of(time_t sec) {
     return c;
 }
 
-// Thread ids wider than the field keep their low digits, which tell threads apart.
-constexpr uint64_t kTidModulus = 1'000'000'000'000'000ULL;
-
 }  // namespace
 
 namespace {
@@ -97,12 +101,6 @@ void put_time(char* body, const timeval& tv) {
 }
 
 }  // namespace
-
-void write_thread_ids(const MTR_CXT_VAR& cxt, char* body) {
-    put_number(body + hdr::kTid, 15, static_cast<int64_t>(cxt.tid % kTidModulus));
-    put_number(body + hdr::kIdx, 5, cxt.idx);
-    put_number(body + hdr::kPidx, 5, cxt.ptrc ? static_cast<int64_t>(cxt.ptrc->pidx) : 0);
-}
 
 void write_header(char* body, char log_type, const HeaderArgs& a, Now& now, const timeval* time_of) {
     body[hdr::kLogType] = log_type;

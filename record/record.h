@@ -8,27 +8,10 @@
 
 #include "context/mtr_cxt.h"
 #include "core/clock.h"
-#include "record/log_field.h"
+#include "core/log_field.h"
+#include "core/record_header.h"
 
 namespace varnix {
-
-// Body offsets of the common header.
-namespace hdr {
-inline constexpr int kLogType = 0;
-inline constexpr int kClsCd = 2;
-inline constexpr int kDtlCd = 5;
-inline constexpr int kGid = 7;
-inline constexpr int kProcNm = 40;
-inline constexpr int kSvcId = 56;
-inline constexpr int kHostNm = 73;
-inline constexpr int kPid = 138;
-inline constexpr int kTid = 147;
-inline constexpr int kIdx = 163;
-inline constexpr int kPidx = 169;
-inline constexpr int kDate = 175;
-inline constexpr int kTime = 184;
-inline constexpr int kEnd = 197;
-}  // namespace hdr
 
 // API type numbers, passed to trace_validate; api_type_nm[n - 'd'] names them.
 enum ApiType : char {
@@ -88,8 +71,6 @@ inline void write_header(char* body, char log_type, const HeaderArgs& a) {
     Now now;
     write_header(body, log_type, a, now);
 }
-// The thread's tid, idx and pidx fields, written once when its context is made.
-void write_thread_ids(const MTR_CXT_VAR& cxt, char* body);
 
 // 0 to go on and send, else the status the API returns without sending.
 // `snapshot_key`: what a service start compares with the trade code of an

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "record/log_field.h"
+#include "core/log_field.h"
 
 namespace varnix {
 

@@ -9,8 +9,8 @@
 #include <random>
 #include <string>
 
-#include "record/log_field.h"
-#include "record/text_out.h"
+#include "core/log_field.h"
+#include "core/text_out.h"
 
 namespace varnix {
 namespace {

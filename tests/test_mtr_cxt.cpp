@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <latch>
 #include <thread>
 #include <tuple>
@@ -101,8 +102,10 @@ TEST_F(MtrCxt, TenPerBucketAndReleasedOrIdleEntriesAreReclaimed) {
     }
     EXPECT_EQ(owner(cxts[1]->ptrc->pidx), 1);
 
-    cxts[5]->lasted_access -= 31;
-    cxts[6]->lasted_access -= 59;
+    // Idle times from now: the steps above may take seconds on a loaded host.
+    const std::time_t now = std::time(nullptr);
+    cxts[5]->lasted_access = now - 31;
+    cxts[6]->lasted_access = now - 59;
     cxts[6]->service_depth = 1;
     MTR_CXT_VAR* more = nullptr;
     ASSERT_EQ(get_mtr_cxt_var(tid_of(12), &more), 0);
@@ -261,6 +264,55 @@ TEST_F(MtrCxt, FullTableKeepsTheSlotFreeListingAndStamps) {
     EXPECT_EQ(std::string_view(cxt->log_body2 + 40, 16), std::string(16, ' '));
     EXPECT_EQ(cxt->svc_stack[0].gid[0], ' ');
     EXPECT_EQ(cxt->ktid, static_cast<pid_t>(gettid()));
+}
+
+// One write to the free stack (its top := an entry a thread holds) must not
+// hand that entry out again; a thread whose entry another thread or process
+// took over registers again instead of failing for good.
+TEST_F(MtrCxt, EntryStillHeldIsNotHandedOutTwice) {
+    PTRC_HASH_TBL& t = *TestIpc::get().collector().ptrc();
+    MTR_CXT_VAR* mine = nullptr;
+    ASSERT_EQ(get_mtr_cxt_var(-1, &mine), 0);
+    PTRC_HASH* const held = mine->ptrc;
+    const uint32_t n = held->pidx, free_cnt = t.free_stk.cnt, top = t.free_stk.idx[free_cnt - 1];
+    const uint64_t own_tid = mine->tid;
+    LogTail log;
+    MTR_CXT_VAR* other = nullptr;
+    // Held by this process; then, at the top again, registered and held by another.
+    t.free_stk.idx[free_cnt - 1] = n;
+    EXPECT_EQ(get_mtr_cxt_var(0x0B0B, &other), VARNIX_RC_PTRC_FULL);
+    EXPECT_EQ(log.take(), Lines{fmt("<!> ptrc_hash free stack corrupt, arr_idx %u is in use (ptrc_state 1, pid %d, tid "
+                                    "%lu), refused to (pid : %d, tid : 2827)",
+                                    n, getpid(), static_cast<unsigned long>(own_tid), getpid())});
+    PTRC_HASH& foreign = t.entry[top];  // the collector's mapping of it
+    foreign.ptrc_state = VARNIX_PTRC_REGISTERED;
+    const int sem = TestIpc::get().collector().ids().ptrc_sem;
+    ASSERT_EQ(semctl(sem, VARNIX_PTRC_SEM_OWNER(top), SETVAL, 1), 0);
+    t.free_stk.idx[free_cnt - 1] = top, t.free_stk.cnt = free_cnt;
+    EXPECT_EQ(get_mtr_cxt_var(0x0B0B, &other), VARNIX_RC_PTRC_FULL);
+    EXPECT_EQ(std::tuple(mine->ptrc, held->pid, held->tid, owner(n)), std::tuple(held, getpid(), own_tid, 1));
+    // The table restored, registration goes on from the top.
+    ASSERT_EQ(semctl(sem, VARNIX_PTRC_SEM_OWNER(top), SETVAL, 0), 0);
+    foreign.ptrc_state = 0;
+    t.free_stk.cnt = free_cnt;
+    ASSERT_EQ(get_mtr_cxt_var(0x0B0B, &other), 0);
+    EXPECT_EQ(other->ptrc->pidx, top);
+
+    // Another thread's pid and id written over the entry: the next call
+    // registers again, in a fresh entry, and the lost one's token goes back.
+    held->tid = own_tid + 1;
+    MTR_CXT_VAR* again = nullptr;
+    ASSERT_EQ(get_mtr_cxt_var(-1, &again), 0);
+    EXPECT_EQ(again, mine);
+    ASSERT_NE(again->ptrc, held);
+    EXPECT_EQ(std::tuple(again->ptrc->pid, again->ptrc->tid, owner(n), owner(again->ptrc->pidx)),
+              std::tuple(getpid(), own_tid, 0, 1));
+    EXPECT_EQ(std::string_view(again->log_body + 169, 6), fmt("%05u ", again->ptrc->pidx));
+    ServiceCall s{.gid = "GID-AGAIN", .svc_id = "SVC-AGAIN"};
+    EXPECT_LT(call(TRAN_START, s), 99);
+    EXPECT_LT(call(TRAN_END, s), 99);
+    TestIpc::get().collector().drain();
+    log.take();  // the registrations
 }
 
 TEST(SetContNm, LastMatchingStringAfterTheFirstWins) {

@@ -194,6 +194,37 @@ TEST_F(CallInfo, NestingAndDepthErrorsAndCallsOutsideAService) {
     EXPECT_EQ(call_start("DBIO_x"), 0);
 }
 
+// Numbers another process wrote into the entry: depth, count, times and sums
+// stop at the limits of their types, in the entry and in the records.
+TEST_F(CallInfo, ExtremeNumbersInTheEntrySaturate) {
+    e_->call_trc_depth = INT32_MAX, e_->total_call_cnt = INT32_MAX;
+    EXPECT_EQ(call_start("biz_deep"), 0);  // too deep to trace
+    EXPECT_EQ(levels(), "lvl 0 depth 2147483647 calls 2147483647");
+    e_->call_trc_depth = 0;
+    e_->call_trc_limit = e_->dbio_trc_limit = 0;  // every call sends its record
+    // A start time before any time a count of microseconds can hold.
+    ASSERT_EQ(call_start("DBIO_a"), 0);
+    EXPECT_EQ(level(0).call_seq, INT32_MAX);
+    e_->call_lvl[0].start_tv = timeval{0, INT64_MIN};
+    EXPECT_EQ(finished("DBIO_a").elapsed, INT64_MAX);
+    open_call("DBIO_b", kSecond);  // a later DBIO call at the level adds to its sums
+    e_->call_lvl[0].elapsed_sum = e_->call_lvl[0].dbio_sum = e_->call_elapsed_sum = INT64_MAX - 1;
+    finished("DBIO_b");
+    EXPECT_EQ(std::tuple(level(0).elapsed_sum, level(0).dbio_sum, e_->call_elapsed_sum),
+              std::tuple(INT64_MAX, INT64_MAX, INT64_MAX));
+    // Children's sums at the bottom of the range: the BIZCALL's own time stops at the top.
+    ASSERT_EQ(call_start("biz_outer"), 0);
+    ASSERT_EQ(call_start("DBIO_c"), 0);
+    finished("DBIO_c");
+    e_->call_lvl[1].elapsed_sum = e_->call_lvl[1].dbio_sum = INT64_MIN;
+    const CallText outer = finished("biz_outer");
+    EXPECT_EQ(std::tuple(outer.own, outer.called, outer.dbio, level(0).elapsed_sum),
+              std::tuple(INT64_MAX, int64_t{0}, INT64_MIN, INT64_MAX));
+    const CallStat& st = cxt_->call_stat;
+    EXPECT_EQ(std::tuple(st.dbio_elapsed_sum, st.dbio_max_ms, st.biz_self_max_ms),
+              std::tuple(INT64_MAX, INT32_MAX, INT32_MAX));
+}
+
 TEST_F(CallInfo, AbsentAndOverlongTexts) {
     // Everything absent: empty names (none left from the call before), blank header codes, the clock's date.
     ASSERT_EQ(call_start("f", "m", "s"), 0);

@@ -47,7 +47,7 @@ protected:
 TEST_F(TranInit, AttachesEverythingTheConfigurationNamesAndCheckGvarFollowsIt) {
     write_config_with("TONG_LOG_HOME", "TONG_LOG_HOME = tong");
     write_config_with("DBIO_FUNC", "DBIO_FUNC = 3 ABCDEFGHIJKLMN");
-    ASSERT_EQ(tran_init(true), kOk);
+    ASSERT_EQ(tran_init(), kOk);
     const kit::Collector::Ids& ids = ipc.collector().ids();
     EXPECT_EQ((std::vector{gvar.que_info_shmid, gvar.svc_hash_shmid, gvar.svc_hash_semid, gvar.ptrc_hash_shmid,
                            gvar.ptrc_hash_semid, gvar.msgq_cnt}),
@@ -75,7 +75,7 @@ TEST_F(TranInit, AttachesEverythingTheConfigurationNamesAndCheckGvarFollowsIt) {
     }
     // A second initialization is refused, the pid refreshed all the same.
     gvar.pid = 0;
-    EXPECT_EQ(tran_init(true), VARNIX_RC_ALREADY_INIT);
+    EXPECT_EQ(tran_init(), VARNIX_RC_ALREADY_INIT);
     EXPECT_EQ(gvar.pid, getpid());
 }
 
@@ -83,7 +83,7 @@ TEST_F(TranInit, BadEnvironmentOrConfigurationFailsWithItsMessage) {
     for (const char* name : {"TRAN_HOME", "TRAN_AGT_HOME", "TRAN_AGT_CFG_FILE"}) {
         std::string saved = std::getenv(name);
         ASSERT_EQ(unsetenv(name), 0);
-        EXPECT_EQ(tran_init(true), VARNIX_RC_NO_ENV) << name;
+        EXPECT_EQ(tran_init(), VARNIX_RC_NO_ENV) << name;
         EXPECT_EQ(last_log_message(), std::string("<!> please, check environment-variable (") + name + ")");
         setenv(name, saved.c_str(), 1);
     }
@@ -124,7 +124,7 @@ TEST_F(TranInit, BadEnvironmentOrConfigurationFailsWithItsMessage) {
         write_config_with(c.key, c.value == "#" ? "#" + c.key : c.key + " = " + c.value);
         log_printf("marker");
         ::testing::internal::CaptureStderr();
-        EXPECT_EQ(tran_init(true), VARNIX_RC_NOT_INIT);
+        EXPECT_EQ(tran_init(), VARNIX_RC_NOT_INIT);
         ::testing::internal::GetCapturedStderr();
         EXPECT_EQ(last_log_message(), c.message.empty() ? "marker" : c.message);
         EXPECT_EQ(gvar.que_info != nullptr, c.attaches);

@@ -83,6 +83,28 @@ TEST_F(TranService, OutermostStartEndAndCallStatistics) {
     EXPECT_EQ(e_->preset_start_tv.tv_sec, 0);
 }
 
+// Times another process wrote into the entry: the records carry the nearest
+// numbers their fields can show, and the arithmetic stays defined.
+TEST_F(TranService, ExtremeTimesInTheEntryStayInTheirFields) {
+    e_->preset_start_tv = timeval{INT64_MIN, -5};  // stamped as the epoch, the microseconds as printf shows them
+    EXPECT_EQ(call(TRAN_START, svc()), 0);
+    EXPECT_EQ(body_field(next(), 184, 13), date_time_field(timeval{0, 0}).substr(9, 6) + "-00005 ");
+    e_->svc_start_tv = timeval{1'000'000'000'000'000, 0};  // 10^21 us: later than any end
+    e_->call_elapsed_sum = INT64_MAX;
+    EXPECT_EQ(call(TRAN_END, svc()), 0);
+    EXPECT_EQ(body_field(next(), 197, 21), "-999999999 9999999999");
+    // A mark time that no 32-bit count of seconds reaches: the open service
+    // counts as abandoned.
+    LogTail log;
+    EXPECT_EQ(call(TRAN_START, svc()), 0);
+    e_->svc_mark_time = -(int64_t{1} << 31);
+    EXPECT_EQ(call(TRAN_START, svc(kGid, "SVC-NEXT")), 0);
+    EXPECT_EQ(types(), "11");
+    EXPECT_EQ(log.take(), Lines{fmt("<!> START - service depth init (1)->(0) GID-PID-TID |%s|-|%d|-|%d|, SVC "
+                                    "(SVC-MAIN        )->(SVC-NEXT) svc_depth_elapsed 2147483647 sec (base %d sec)",
+                                    kGid.c_str(), getpid(), static_cast<int>(pthread_self()), gvar.default_timeout_sec)});
+}
+
 TEST_F(TranService, NestingUpToTenLevelsStaleAndLinkedTransactions) {
     std::string depths;
     LogTail log;

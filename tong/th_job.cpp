@@ -32,7 +32,7 @@
 // under idle_lock, so the writer leaves at once instead of after its step.
 //
 // Between records the writer also follows a collector that created its
-// objects anew (core/start_stop.h, follow_collector): it looks once a second
+// objects anew (core/reattach.h, follow_collector): it looks once a second
 // and detaches a replaced table once no caller can still use it.
 //
 // Cancellation is enabled only between records (before one is taken, and
@@ -58,7 +58,7 @@
 #include "core/log_printf.h"
 #include "core/mutex.h"
 #include "core/no_cancel.h"
-#include "core/start_stop.h"
+#include "core/reattach.h"
 #include "core/status.h"
 #include "tong/deffered_que.h"
 #include "tong/tong_slot.h"

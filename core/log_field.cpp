@@ -1,8 +1,8 @@
-#include "record/log_field.h"
+#include "core/log_field.h"
 
 #include <cstring>
 
-#include "record/text_out.h"
+#include "core/text_out.h"
 
 namespace varnix {
 

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "record/log_field.h"
+#include "core/log_field.h"
 
 namespace varnix {
 

@@ -1,11 +1,14 @@
 // TRAN_INIT and TRAN_DONE.
 //
-// main_lock serializes the two entries; everything they do happens under it,
-// including the start-up event.  Other threads learn the state only through
-// gvar.init_mark and pass the entry gate (core/entry_gate.h) on the way in.
-// Teardown withdraws init_mark and waits, for a bounded time, until the gate
-// shows no caller inside; only then are the contexts closed and the shared
-// blocks detached.  Callers that do not leave in time keep the teardown
+// Library start and stop sit above every layer they start: the process block,
+// the contexts, the writer thread and the start-up event.
+//
+// main_lock (core/reattach.h) serializes the two entries; everything they do
+// happens under it, including the start-up event.  Other threads learn the
+// state only through gvar.init_mark and pass the entry gate
+// (core/entry_gate.h) on the way in.  Teardown withdraws init_mark and waits,
+// for a bounded time, until the gate shows no caller inside; only then are
+// the contexts closed and the shared blocks detached.  Callers that do not leave in time keep the teardown
 // pending: nothing is detached, TRAN_DONE fails, and the next TRAN_DONE or
 // TRAN_INIT finishes it once they have left.  Closing takes each bucket mutex
 // in order and, inside it, the process-thread table semaphore once per
@@ -35,9 +38,8 @@
 #include "core/mutex.h"
 #include "core/no_cancel.h"
 #include "core/reattach.h"
-#include "core/start_stop.h"
 #include "core/status.h"
-#include "core/throttle.h"
+#include "start/start_stop.h"
 #include "tong/th_job.h"
 #include "tong/tong.h"
 #include "varnix.h"
@@ -49,7 +51,6 @@ VARNIX_API int32_t gvar_cleared = 0;
 namespace varnix {
 namespace {
 
-pthread_mutex_t main_lock = PTHREAD_MUTEX_INITIALIZER;
 bool teardown_pending;  // main_lock: init_mark withdrawn, blocks still attached
 int atfork_rc;          // the fork handler's registration, reported by TRAN_INIT
 
@@ -94,6 +95,17 @@ void announce_process_start() {
     print_logo();
 }
 
+// The process block's part, then the deferred queue, which is emptied only
+// when no writer thread runs.
+int start_process(bool no_writer) {
+    if (int rc = tran_init(); rc != kOk) return rc;
+    if (no_writer && reset_tong_que() == 0) {
+        log_printf("<!> tran_init fail, create tong log deffered que create fail.");
+        return VARNIX_RC_NOT_INIT;
+    }
+    return kOk;
+}
+
 int init_locked() {
     if (atfork_rc != 0) log_printf("<!> pthread_atfork error %d", atfork_rc);
     // One writer consumes the deferred queue at any time: the last run's
@@ -113,7 +125,7 @@ int init_locked() {
     } else {
         gvar_cleared = 2;
     }
-    if (int rc = tran_init(no_writer); rc != kOk) {
+    if (int rc = start_process(no_writer); rc != kOk) {
         gvar.init_mark.store(kInitMarkFailed, std::memory_order_release);
         return rc;
     }
@@ -240,17 +252,6 @@ __attribute__((constructor)) void register_fork_handler() {
 }
 
 }  // namespace
-
-void follow_collector() {
-    static Throttle look_period{1'000'000};
-    if (look_period.pass()) {
-        const EntryGate gate;
-        look_for_new_collector();  // it reads init_mark after the gate counted the writer
-    }
-    if (!old_table_pending() || pthread_mutex_trylock(&main_lock) != 0) return;
-    retire_old_table();
-    (void)pthread_mutex_unlock(&main_lock);  // ours, locked just now
-}
 
 int tran_destroy() {
     if (!teardown_pending && gvar.init_mark.load() != kInitMarkReady) return kOk;

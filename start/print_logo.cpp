@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "core/start_stop.h"
+#include "start/start_stop.h"
 
 namespace varnix {
 namespace {

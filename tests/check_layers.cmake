@@ -1,0 +1,36 @@
+# cmake -DROOT=DIR -DLAYERS=core,context,... -P check_layers.cmake
+#
+# The library's layers, lowest first, include downward only: a file of a layer
+# includes headers of its own layer, of the layers below it and of include/,
+# never of a layer above it, and never the collector's, the tests' or any
+# other program's.  Prints every include that breaks the rule and fails.
+cmake_minimum_required(VERSION 3.25)
+set(others collector tests fuzz bench examples java)
+string(REPLACE "," ";" LAYERS "${LAYERS}")
+set(broken "")
+list(LENGTH LAYERS count)
+math(EXPR last "${count} - 1")
+foreach(rank RANGE ${last})
+  list(GET LAYERS ${rank} layer)
+  file(GLOB sources RELATIVE ${ROOT} ${ROOT}/${layer}/*.h ${ROOT}/${layer}/*.cpp)
+  foreach(source ${sources})
+    file(STRINGS ${ROOT}/${source} lines)
+    set(line_no 0)
+    foreach(line IN LISTS lines)
+      math(EXPR line_no "${line_no} + 1")
+      if(NOT line MATCHES "^#include \"(([^/\"]+)/[^\"]+)\"")
+        continue()
+      endif()
+      set(header ${CMAKE_MATCH_1})
+      set(folder ${CMAKE_MATCH_2})
+      list(FIND LAYERS ${folder} folder_rank)
+      if(folder_rank GREATER rank OR folder IN_LIST others)
+        string(APPEND broken "\n  ${source}:${line_no} includes ${header}")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+if(broken)
+  message(FATAL_ERROR "Includes that point up a layer (${LAYERS}):${broken}")
+endif()
+message(STATUS "Every include of ${LAYERS} points down")
