@@ -96,23 +96,40 @@ struct Name {
     }
 };
 
-// The kind's checks shared by start and finish: an open service, then the
-// validation of the record.  Its service id is written when a record goes.
-int check_call(MTR_CXT_VAR& cxt, char kind) {
-    if (!current_svc_level(cxt)) return VARNIX_RC_SVC_DEPTH;
-    return validate_call(cxt, kind);
-}
+// What a start or finish knows once its checks passed: the call's kind, the
+// context with its entry, the class switches read, and the time now.
+struct Resolved {
+    char kind = kBizcall;
+    uint8_t flags = 0;
+    MTR_CXT_VAR* cxt = nullptr;
+    timeval now{};
+};
 
 // The call's kind and the context of `tid` with its entry, after the library
-// and collector checks.  Every call runs this twice: the calling thread's own
-// context is taken here, without a call, once the checks found tracing on.
-[[gnu::always_inline]] inline int resolve(int32_t tid, const char* func_nm, char& kind, MTR_CXT_VAR*& cxt) {
+// and collector checks; then the time, which also marks the context's access.
+// Every call runs this twice: the calling thread's own context is taken here,
+// without a call, once the checks found tracing on.
+[[gnu::always_inline]] inline int resolve(int32_t tid, const char* func_nm, Resolved& r) {
     if (!library_ready()) return VARNIX_RC_NOT_INIT;
-    kind = call_kind(func_nm);
-    if (int rc = check_collector(kind); rc != kOk) return rc;
-    cxt = tid < 0 ? own_context_now() : nullptr;
-    if (cxt && cxt->ptrc) return kOk;
-    return context_with_entry(tid, &cxt);
+    r.kind = call_kind(func_nm);
+    if (int rc = check_collector_class(r.kind == kDbio ? VARNIX_FLAG_B : VARNIX_FLAG_C, r.flags); rc != kOk)
+        return rc;
+    r.cxt = tid < 0 ? own_context_held() : nullptr;
+    if (r.cxt && r.cxt->ptrc) {
+        gettimeofday(&r.now, nullptr);
+        touch_context(*r.cxt, r.now.tv_sec);
+        return kOk;
+    }
+    if (int rc = context_with_entry(tid, &r.cxt); rc != kOk) return rc;
+    gettimeofday(&r.now, nullptr);
+    return kOk;
+}
+
+// The kind's checks shared by start and finish: an open service, then the
+// validation of the record.  Its service id is written when a record goes.
+[[gnu::always_inline]] inline int check_call(const Resolved& r) {
+    if (!current_svc_level(*r.cxt)) return VARNIX_RC_SVC_DEPTH;
+    return validate_call(*r.cxt, r.kind, r.flags);
 }
 
 // Refuses a DBIO call inside an open DBIO call.
@@ -133,12 +150,13 @@ struct StartArgs {
 };
 
 int callinfo_start(int32_t tid, const StartArgs& a) {
-    char kind = kBizcall;
-    MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = resolve(tid, a.func_nm, kind, cxt); rc != kOk) return rc;
+    Resolved r;
+    if (int rc = resolve(tid, a.func_nm, r); rc != kOk) return rc;
+    MTR_CXT_VAR* cxt = r.cxt;
+    const char kind = r.kind;
     PTRC_HASH& e = *cxt->ptrc;
     e.dbio_sts = kind == kDbio ? 1 : 0;
-    if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
+    if (int rc = check_call(r); rc != kOk) return rc;
 
     // Counted before the checks below, which do not take them back.
     ++e.call_trc_depth;
@@ -164,7 +182,7 @@ int callinfo_start(int32_t tid, const StartArgs& a) {
     keep_name<kSourceMax>(lvl.source_nm, a.source_nm);
     lvl.line_no = a.line_no;
     lvl.call_kind = kind;
-    gettimeofday(&lvl.start_tv, nullptr);
+    lvl.start_tv = r.now;
     lvl.end_tv = timeval{};
     lvl.call_seq = e.total_call_cnt;
     lvl.start_opt = static_cast<uint32_t>(a.start_opt);
@@ -312,10 +330,11 @@ int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h, const timeval& e
 // `record` gives the RecordArgs, asked for only when a record goes.
 template <typename Record>
 int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
-    char kind = kBizcall;
-    MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = resolve(tid, a.func_nm, kind, cxt); rc != kOk) return rc;
-    if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
+    Resolved r;
+    if (int rc = resolve(tid, a.func_nm, r); rc != kOk) return rc;
+    if (int rc = check_call(r); rc != kOk) return rc;
+    MTR_CXT_VAR* cxt = r.cxt;
+    const char kind = r.kind;
     PTRC_HASH& e = *cxt->ptrc;
     const char* name = a.func_nm ? a.func_nm : "";
     if (e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) {
@@ -334,7 +353,7 @@ int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
     const int depth = e.trc_lvl;
     const int k = depth - 1;
     CALL_LVL& lvl = e.call_lvl[k];
-    gettimeofday(&lvl.end_tv, nullptr);
+    lvl.end_tv = r.now;
     const int64_t elapsed = usec_of(lvl.end_tv) - usec_of(lvl.start_tv);
     lvl.rc = a.rc;
     force_on_error(e, k);

@@ -318,7 +318,7 @@ namespace {
     } else if (cxt->gen != tables_gen()) {
         if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
-    __atomic_store_n(&cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
+    touch_context(*cxt, std::time(nullptr));
     if (tid_arg < 0) own_context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
     // A context made for an id a caller gave, now used by the thread whose
     // handle that id is, takes that thread's liveness.

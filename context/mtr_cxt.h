@@ -116,15 +116,27 @@ struct OwnContext {
 extern constinit thread_local OwnContext own_context;
 
 // The lookup's fast path: the calling thread's own context, when it still
-// holds the slot it was found in and its entry lies in the table attached now
-// (its last access now); else null.  Only after tracing was found on.
-inline MTR_CXT_VAR* own_context_now() {
+// holds the slot it was found in and its entry lies in the table attached now;
+// else null.  Only after tracing was found on.  Its user marks the access
+// (touch_context).
+inline MTR_CXT_VAR* own_context_held() {
     const OwnContext own = own_context;
     if (!own.cxt || __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) != own.stamp ||
         own.cxt->gen != tables_gen())
         return nullptr;
-    __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
     return own.cxt;
+}
+
+// The context's last access is `now` (seconds since the epoch).
+inline void touch_context(MTR_CXT_VAR& cxt, std::time_t now) {
+    __atomic_store_n(&cxt.lasted_access, now, __ATOMIC_RELAXED);
+}
+
+// own_context_held, its access marked now.
+inline MTR_CXT_VAR* own_context_now() {
+    MTR_CXT_VAR* cxt = own_context_held();
+    if (cxt) touch_context(*cxt, std::time(nullptr));
+    return cxt;
 }
 
 // Finds or creates the context of a thread: 0 with *out set, or 103, 107, 116, 117.

@@ -87,16 +87,22 @@ int tran_init(bool reset_que);
 // TRAN_INIT has made the library ready and no stop has begun.  Sequentially
 // consistent: read after the entry gate counted the caller.
 inline bool library_ready() { return gvar.init_mark.load() == kInitMarkReady; }
-// check_gvar once the library is ready: the collector's control block.
-inline int check_collector(char log_type) {
+// check_gvar once the library is ready: the collector's control block, for
+// records of the class `bit` (0: no class switch); `flags` gets the class
+// switches as read when a class is given.
+inline int check_collector_class(uint8_t bit, uint8_t& flags) {
     if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
     const int32_t qcnt = shm_load(gvar.qcnt);
     if (__atomic_load_n(&gvar.que_info_shmid, __ATOMIC_RELAXED) < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT)
         return VARNIX_RC_NO_QUE_INFO;
     if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
-    const uint8_t bit = record_class_bit(log_type);
-    if (bit != 0 && (shm_load(gvar.log_flag_set) & bit) == 0) return VARNIX_RC_CLASS_OFF;
-    return kOk;
+    if (bit == 0) return kOk;
+    flags = shm_load(gvar.log_flag_set);
+    return (flags & bit) == 0 ? VARNIX_RC_CLASS_OFF : kOk;
+}
+inline int check_collector(char log_type) {
+    uint8_t flags = 0;
+    return check_collector_class(record_class_bit(log_type), flags);
 }
 // 0 when an API producing records of `log_type` may proceed; else 99, 100, 101,
 // 103 or 126.  Inline: every entry runs it first.
