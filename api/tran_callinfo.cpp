@@ -35,7 +35,7 @@ constexpr char kBizcall = 'C';
 constexpr int kLastLevel = VARNIX_CALL_LVL_CNT - 1;
 constexpr size_t kTextWidth = 350;
 constexpr uint32_t kCallBodyLen = hdr::kEnd + static_cast<uint32_t>(kTextWidth) + 1;
-constexpr int kSignatureCompared = 7;
+constexpr int kSignatureCompared = kDbioSignatureCompared;
 constexpr size_t kNameMax = 70;
 constexpr size_t kSourceMax = 100;
 
@@ -47,14 +47,11 @@ constexpr size_t kSourceMax = 100;
     return kDbio;
 }
 
-// DBIO when the function name carries the configured signature: each of the
-// pattern's first characters is NUL or equals the name's character at the
-// configured position onwards; no name character lies where the name has
-// ended.  The name is read no further than its NUL.  The signature is
-// configuration, published together with init_mark: read once the library
-// was found ready.
-[[gnu::always_inline]] inline char call_kind(const char* func_nm) {
-    if (!func_nm) return kBizcall;
+// call_kind character by character: each of the pattern's first characters
+// is NUL or equals the name's character at the configured position onwards;
+// no name character lies where the name has ended.  The name is read no
+// further than its NUL.
+[[gnu::noinline]] char kind_by_characters(const char* func_nm) {
     const int32_t pos = gvar.dbio_func_no;
     if (pos < 0) return kBizcall;
     const char* pattern = gvar.dbio_func_nm;
@@ -66,6 +63,23 @@ constexpr size_t kSourceMax = 100;
         if (pattern[i] != '\0' && at[i] != pattern[i]) return kBizcall;
     }
     return kDbio;
+}
+
+// DBIO when the function name carries the configured signature.  Where the
+// signature lies in the name's first 8 bytes, one load decides: no NUL up to
+// the last configured character, and those characters equal (the bytes past
+// a NUL are never looked at: a NUL among the live bytes decides alone).  The
+// signature is configuration, published together with init_mark: read once
+// the library was found ready.
+[[gnu::always_inline]] inline char call_kind(const char* func_nm) {
+    if (!func_nm) return kBizcall;
+    const DbioSignature& sig = gvar.dbio_signature;
+    uint64_t v = 0;
+    if (!sig.fits || !load_8_in_page(func_nm, v)) return kind_by_characters(func_nm);
+    if ((v & sig.care) != sig.want) return kBizcall;
+    // A byte of `live` that is NUL sets its high bit here; a borrow reaches
+    // the live bytes above a NUL only, never a live byte below every NUL.
+    return ((v - 0x0101010101010101ull) & ~v & sig.live) == 0 ? kDbio : kBizcall;
 }
 
 // At most `Max` characters of `src`, NUL-terminated; empty for null.

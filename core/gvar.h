@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "context/mtr_cxt.h"
+#include "core/dbio_signature.h"
 #include "core/record_class.h"
 #include "core/status.h"
 #include "varnix_collector.h"
@@ -55,6 +56,7 @@ struct Gvar {
     char db_sid[11];
     char dbio_func_nm[11];
     int32_t dbio_func_no;
+    DbioSignature dbio_signature;  // of dbio_func_no and dbio_func_nm
     MTR_TID_IDX mtr_tid_idx[kMtrBuckets];
     int32_t idle_thread_release[2];
     int32_t infinite_loop_base_cnt;

@@ -43,4 +43,14 @@ __attribute__((no_sanitize("address", "thread"))) inline int copy_short_cstr(cha
 #endif
 }
 
+// The 8 bytes at `src` (little-endian) into `out`, when they lie in the page
+// of its first byte; false, with `out` untouched, when they would not.  They
+// may reach past the string's NUL: the caller looks at bytes before it only.
+__attribute__((no_sanitize("address", "thread"))) inline bool load_8_in_page(const char* src, uint64_t& out) {
+    constexpr uintptr_t kPage = 4096;
+    if ((reinterpret_cast<uintptr_t>(src) & (kPage - 1)) > kPage - 8) return false;
+    __builtin_memcpy(&out, src, 8);
+    return true;
+}
+
 }  // namespace varnix
