@@ -121,14 +121,15 @@ struct Resolved {
 
 // The call's kind and the context of `tid` with its entry, after the library
 // and collector checks; then the time, which also marks the context's access.
+// `self` is the calling thread's thread_own, as its entry gate found it.
 // Every call runs this twice: the calling thread's own context is taken here,
 // without a call, once the checks found tracing on.
-[[gnu::always_inline]] inline int resolve(int32_t tid, const char* func_nm, Resolved& r) {
+[[gnu::always_inline]] inline int resolve(const ThreadOwn& self, int32_t tid, const char* func_nm, Resolved& r) {
     if (!library_ready()) return VARNIX_RC_NOT_INIT;
     r.kind = call_kind(func_nm);
     if (int rc = check_collector_class(r.kind == kDbio ? VARNIX_FLAG_B : VARNIX_FLAG_C, r.flags); rc != kOk)
         return rc;
-    r.cxt = tid < 0 ? own_context_held() : nullptr;
+    r.cxt = tid < 0 ? own_context_held(self) : nullptr;
     if (r.cxt && r.cxt->ptrc) {
         gettimeofday(&r.now, nullptr);
         touch_context(*r.cxt, r.now.tv_sec);
@@ -163,9 +164,9 @@ struct StartArgs {
     const char* func_nm;
 };
 
-int callinfo_start(int32_t tid, const StartArgs& a) {
+int callinfo_start(const ThreadOwn& self, int32_t tid, const StartArgs& a) {
     Resolved r;
-    if (int rc = resolve(tid, a.func_nm, r); rc != kOk) return rc;
+    if (int rc = resolve(self, tid, a.func_nm, r); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = r.cxt;
     const char kind = r.kind;
     PTRC_HASH& e = *cxt->ptrc;
@@ -343,9 +344,9 @@ int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h, const timeval& e
 
 // `record` gives the RecordArgs, asked for only when a record goes.
 template <typename Record>
-int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
+int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Record& record) {
     Resolved r;
-    if (int rc = resolve(tid, a.func_nm, r); rc != kOk) return rc;
+    if (int rc = resolve(self, tid, a.func_nm, r); rc != kOk) return rc;
     if (int rc = check_call(r); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = r.cxt;
     const char kind = r.kind;
@@ -404,8 +405,9 @@ int32_t TRAN_CALLINFO_S(int32_t tid, const char*, int32_t, const char*, int32_t,
                         int32_t, const char*, int32_t, const char*, int32_t, const char*, int32_t, const char* module_nm,
                         int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t start_opt,
                         const char* func_nm) {
-    const varnix::EntryGate gate;
-    return varnix::callinfo_start(tid, {module_nm, source_nm, line_no, start_opt, func_nm});
+    varnix::ThreadOwn& self = varnix::own_block();
+    const varnix::EntryGate gate(self);
+    return varnix::callinfo_start(self, tid, {module_nm, source_nm, line_no, start_opt, func_nm});
 }
 
 int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, const char* dtl_cd, int32_t dtl_cd_len,
@@ -413,14 +415,15 @@ int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, con
                         const char* date_str, int32_t date_str_len, const char* time_str, int32_t time_str_len,
                         const char* module_nm, int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t rc,
                         const char* func_nm, int32_t, const char* kind_label, int32_t) {
-    const varnix::EntryGate gate;
+    varnix::ThreadOwn& self = varnix::own_block();
+    const varnix::EntryGate gate(self);
     auto record = [&] {
         const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len}, Text{dtl_cd, dtl_cd_len}, Text{},
                                         Text{pid_str, pid_str_len}, Text{date_str, date_str_len},
                                         Text{time_str, time_str_len}};
         return varnix::RecordArgs{header, module_nm, source_nm, line_no, kind_label};
     };
-    return varnix::callinfo_finish(tid, {rc, func_nm}, record);
+    return varnix::callinfo_finish(self, tid, {rc, func_nm}, record);
 }
 
 }  // extern "C"

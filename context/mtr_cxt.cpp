@@ -319,7 +319,7 @@ namespace {
         if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
     touch_context(*cxt, std::time(nullptr));
-    if (tid_arg < 0) own_context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
+    if (tid_arg < 0) thread_own.context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
     // A context made for an id a caller gave, now used by the thread whose
     // handle that id is, takes that thread's liveness.
     if (cxt->ktid == 0) cxt->ktid = caller.ktid;
@@ -333,8 +333,6 @@ namespace {
 }
 
 }  // namespace
-
-constinit thread_local OwnContext own_context;
 
 int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     // Sequentially consistent: read after the entry gate counted the caller.

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "core/reattach.h"
+#include "core/thread_own.h"
 #include "varnix_collector.h"
 
 namespace varnix {
@@ -107,20 +108,12 @@ inline const CALL_LVL* innermost_call(const PTRC_HASH& e) {
     return lvl >= 1 && lvl <= VARNIX_CALL_LVL_CNT ? &e.call_lvl[lvl - 1] : nullptr;
 }
 
-// The calling thread's own context, found without the bucket: valid while
-// the slot's stamp is the one it had when found.
-struct OwnContext {
-    MTR_CXT_VAR* cxt = nullptr;
-    uint64_t stamp = 0;
-};
-extern constinit thread_local OwnContext own_context;
-
 // The lookup's fast path: the calling thread's own context, when it still
 // holds the slot it was found in and its entry lies in the table attached now;
 // else null.  Only after tracing was found on.  Its user marks the access
-// (touch_context).
-inline MTR_CXT_VAR* own_context_held() {
-    const OwnContext own = own_context;
+// (touch_context).  `self` is the calling thread's thread_own.
+inline MTR_CXT_VAR* own_context_held(const ThreadOwn& self = thread_own) {
+    const OwnContext own = self.context;
     if (!own.cxt || __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) != own.stamp ||
         own.cxt->gen != tables_gen())
         return nullptr;
