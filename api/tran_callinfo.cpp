@@ -113,10 +113,10 @@ struct Name {
 // What a start or finish knows once its checks passed: the call's kind, the
 // context with its entry, the class switches read, and the time now.
 struct Resolved {
-    char kind = kBizcall;
-    uint8_t flags = 0;
-    MTR_CXT_VAR* cxt = nullptr;
-    timeval now{};
+    char kind;
+    uint8_t flags;
+    MTR_CXT_VAR* cxt;
+    timeval now;
 };
 
 // The call's kind and the context of `tid` with its entry, after the library
@@ -127,6 +127,7 @@ struct Resolved {
 [[gnu::always_inline]] inline int resolve(const ThreadOwn& self, int32_t tid, const char* func_nm, Resolved& r) {
     if (!library_ready()) return VARNIX_RC_NOT_INIT;
     r.kind = call_kind(func_nm);
+    r.flags = 0;
     if (int rc = check_collector_class(r.kind == kDbio ? VARNIX_FLAG_B : VARNIX_FLAG_C, r.flags); rc != kOk)
         return rc;
     r.cxt = tid < 0 ? own_context_held(self) : nullptr;
