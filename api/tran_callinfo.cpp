@@ -148,12 +148,16 @@ struct Resolved {
     return validate_call(*r.cxt, r.kind, r.flags);
 }
 
+// A caller's name as the log shows it: empty for none.  Taken in the error
+// branches only, so that a call that logs nothing does not carry it.
+inline const char* shown(const char* name) { return name ? name : ""; }
+
 // Refuses a DBIO call inside an open DBIO call.
-int check_nesting(const PTRC_HASH& e, char kind, const char* name) {
+int check_nesting(const PTRC_HASH& e, char kind, const char* func_nm) {
     const CALL_LVL* open = kind == kDbio ? innermost_call(e) : nullptr;
     if (!open || open->call_kind != kDbio) return kOk;
-    log_printf("<!> log_type error, DBIO_TYPE {%d-%s} can't call in DBIO_TYPE {%d-%s}.", e.total_call_cnt, name,
-               open->call_seq, Name(open->func_nm).s);
+    log_printf("<!> log_type error, DBIO_TYPE {%d-%s} can't call in DBIO_TYPE {%d-%s}.", e.total_call_cnt,
+               shown(func_nm), open->call_seq, Name(open->func_nm).s);
     return VARNIX_RC_DBIO_IN_DBIO;
 }
 
@@ -183,13 +187,12 @@ int callinfo_start(const ThreadOwn& self, int32_t tid, const StartArgs& a) {
     e.sql_code = 9999;
     std::memset(e.fetch_last, 0, sizeof e.fetch_last);
 
-    const char* name = a.func_nm ? a.func_nm : "";
     if (e.call_trc_depth < 0) {
-        log_printf("<!> call_trc_depth error, function(%s) call.", name);
+        log_printf("<!> call_trc_depth error, function(%s) call.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
     if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) return kOk;  // too deep to trace
-    if (int rc = check_nesting(e, kind, name); rc != kOk) return rc;
+    if (int rc = check_nesting(e, kind, a.func_nm); rc != kOk) return rc;
     if (e.trc_lvl < 0 || e.trc_lvl > kLastLevel) return VARNIX_RC_CALL_DEPTH;
 
     CALL_LVL& lvl = e.call_lvl[e.trc_lvl];
@@ -352,13 +355,12 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
     MTR_CXT_VAR* cxt = r.cxt;
     const char kind = r.kind;
     PTRC_HASH& e = *cxt->ptrc;
-    const char* name = a.func_nm ? a.func_nm : "";
     if (e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) {
-        log_printf("<!> depth error, function(%s) call does not match the start and end.", name);
+        log_printf("<!> depth error, function(%s) call does not match the start and end.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
     if (e.call_trc_depth < 0) {
-        log_printf("<!> depth error, function(%s) call.", name);
+        log_printf("<!> depth error, function(%s) call.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
     if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) {  // its start was not traced
