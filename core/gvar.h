@@ -93,14 +93,18 @@ inline bool library_ready() { return gvar.init_mark.load() == kInitMarkReady; }
 // records of the class `bit` (0: no class switch); `flags` gets the class
 // switches as read when a class is given.
 inline int check_collector_class(uint8_t bit, uint8_t& flags) {
-    if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
+    if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) [[unlikely]]
+        return VARNIX_RC_BAD_MAGIC;
     const int32_t qcnt = shm_load(gvar.qcnt);
     if (__atomic_load_n(&gvar.que_info_shmid, __ATOMIC_RELAXED) < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT)
-        return VARNIX_RC_NO_QUE_INFO;
-    if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
+        [[unlikely]] return VARNIX_RC_NO_QUE_INFO;
+    if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) [[unlikely]]
+        return VARNIX_RC_SVC_TIMEOUT;
     if (bit == 0) return kOk;
     flags = shm_load(gvar.log_flag_set);
-    return (flags & bit) == 0 ? VARNIX_RC_CLASS_OFF : kOk;
+    if ((flags & bit) == 0) [[unlikely]]
+        return VARNIX_RC_CLASS_OFF;
+    return kOk;
 }
 inline int check_collector(char log_type) {
     uint8_t flags = 0;
