@@ -386,7 +386,7 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
         e.sql_rec_cnt = 0;
     }
     e.last_fin_lvl = static_cast<int8_t>(depth);
-    --e.trc_lvl;
+    e.trc_lvl = static_cast<int8_t>(k);  // only this thread moves it
     if (skipped) {
         --e.call_trc_depth;
         return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
