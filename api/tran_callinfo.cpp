@@ -36,7 +36,7 @@ constexpr char kBizcall = 'C';
 constexpr int kLastLevel = VARNIX_CALL_LVL_CNT - 1;
 constexpr size_t kTextWidth = 350;
 constexpr uint32_t kCallBodyLen = hdr::kEnd + static_cast<uint32_t>(kTextWidth) + 1;
-constexpr int kSignatureCompared = 7;
+constexpr int kSignatureCompared = kDbioSignatureCompared;
 constexpr size_t kNameMax = 70;
 constexpr size_t kSourceMax = 100;
 
@@ -48,14 +48,11 @@ constexpr size_t kSourceMax = 100;
     return kDbio;
 }
 
-// DBIO when the function name carries the configured signature: each of the
-// pattern's first characters is NUL or equals the name's character at the
-// configured position onwards; no name character lies where the name has
-// ended.  The name is read no further than its NUL.  The signature is
-// configuration, published together with init_mark: read once the library
-// was found ready.
-[[gnu::always_inline]] inline char call_kind(const char* func_nm) {
-    if (!func_nm) return kBizcall;
+// call_kind character by character: each of the pattern's first characters
+// is NUL or equals the name's character at the configured position onwards;
+// no name character lies where the name has ended.  The name is read no
+// further than its NUL.
+[[gnu::noinline]] char kind_by_characters(const char* func_nm) {
     const int32_t pos = gvar.dbio_func_no;
     if (pos < 0) return kBizcall;
     const char* pattern = gvar.dbio_func_nm;
@@ -67,6 +64,23 @@ constexpr size_t kSourceMax = 100;
         if (pattern[i] != '\0' && at[i] != pattern[i]) return kBizcall;
     }
     return kDbio;
+}
+
+// DBIO when the function name carries the configured signature.  Where the
+// signature lies in the name's first 8 bytes, one load decides: no NUL up to
+// the last configured character, and those characters equal (the bytes past
+// a NUL are never looked at: a NUL among the live bytes decides alone).  The
+// signature is configuration, published together with init_mark: read once
+// the library was found ready.
+[[gnu::always_inline]] inline char call_kind(const char* func_nm) {
+    if (!func_nm) return kBizcall;
+    const DbioSignature& sig = gvar.dbio_signature;
+    uint64_t v = 0;
+    if (!sig.fits || !load_8_in_page(func_nm, v)) return kind_by_characters(func_nm);
+    if ((v & sig.care) != sig.want) return kBizcall;
+    // A byte of `live` that is NUL sets its high bit here; a borrow reaches
+    // the live bytes above a NUL only, never a live byte below every NUL.
+    return ((v - 0x0101010101010101ull) & ~v & sig.live) == 0 ? kDbio : kBizcall;
 }
 
 // At most `Max` characters of `src`, NUL-terminated; empty for null.
@@ -97,31 +111,54 @@ struct Name {
     }
 };
 
-// The kind's checks shared by start and finish: an open service, then the
-// validation of the record.  Its service id is written when a record goes.
-int check_call(MTR_CXT_VAR& cxt, char kind) {
-    if (!current_svc_level(cxt)) return VARNIX_RC_SVC_DEPTH;
-    return validate_call(cxt, kind);
-}
+// What a start or finish knows once its checks passed: the call's kind, the
+// context with its entry, the class switches read, and the time now.
+struct Resolved {
+    char kind;
+    uint8_t flags;
+    MTR_CXT_VAR* cxt;
+    timeval now;
+};
 
 // The call's kind and the context of `tid` with its entry, after the library
-// and collector checks.  Every call runs this twice: the calling thread's own
-// context is taken here, without a call, once the checks found tracing on.
-[[gnu::always_inline]] inline int resolve(int32_t tid, const char* func_nm, char& kind, MTR_CXT_VAR*& cxt) {
+// and collector checks; then the time, which also marks the context's access.
+// `self` is the calling thread's thread_own, as its entry gate found it.
+// Every call runs this twice: the calling thread's own context is taken here,
+// without a call, once the checks found tracing on.
+[[gnu::always_inline]] inline int resolve(const ThreadOwn& self, int32_t tid, const char* func_nm, Resolved& r) {
     if (!library_ready()) return VARNIX_RC_NOT_INIT;
-    kind = call_kind(func_nm);
-    if (int rc = check_collector(kind); rc != kOk) return rc;
-    cxt = tid < 0 ? own_context_now() : nullptr;
-    if (cxt && cxt->ptrc) return kOk;
-    return context_with_entry(tid, &cxt);
+    r.kind = call_kind(func_nm);
+    r.flags = 0;
+    if (int rc = check_collector_class(r.kind == kDbio ? VARNIX_FLAG_B : VARNIX_FLAG_C, r.flags); rc != kOk)
+        return rc;
+    r.cxt = tid < 0 ? own_context_held(self) : nullptr;
+    if (r.cxt && r.cxt->ptrc) {
+        gettimeofday(&r.now, nullptr);
+        touch_context(*r.cxt, r.now.tv_sec);
+        return kOk;
+    }
+    if (int rc = context_with_entry(tid, &r.cxt); rc != kOk) return rc;
+    gettimeofday(&r.now, nullptr);
+    return kOk;
 }
 
+// The kind's checks shared by start and finish: an open service, then the
+// validation of the record.  Its service id is written when a record goes.
+[[gnu::always_inline]] inline int check_call(const Resolved& r) {
+    if (!current_svc_level(*r.cxt)) return VARNIX_RC_SVC_DEPTH;
+    return validate_call(*r.cxt, r.kind, r.flags);
+}
+
+// A caller's name as the log shows it: empty for none.  Taken in the error
+// branches only, so that a call that logs nothing does not carry it.
+inline const char* shown(const char* name) { return name ? name : ""; }
+
 // Refuses a DBIO call inside an open DBIO call.
-int check_nesting(const PTRC_HASH& e, char kind, const char* name) {
+int check_nesting(const PTRC_HASH& e, char kind, const char* func_nm) {
     const CALL_LVL* open = kind == kDbio ? innermost_call(e) : nullptr;
     if (!open || open->call_kind != kDbio) return kOk;
-    log_printf("<!> log_type error, DBIO_TYPE {%d-%s} can't call in DBIO_TYPE {%d-%s}.", e.total_call_cnt, name,
-               open->call_seq, Name(open->func_nm).s);
+    log_printf("<!> log_type error, DBIO_TYPE {%d-%s} can't call in DBIO_TYPE {%d-%s}.", e.total_call_cnt,
+               shown(func_nm), open->call_seq, Name(open->func_nm).s);
     return VARNIX_RC_DBIO_IN_DBIO;
 }
 
@@ -133,13 +170,14 @@ struct StartArgs {
     const char* func_nm;
 };
 
-int callinfo_start(int32_t tid, const StartArgs& a) {
-    char kind = kBizcall;
-    MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = resolve(tid, a.func_nm, kind, cxt); rc != kOk) return rc;
+int callinfo_start(const ThreadOwn& self, int32_t tid, const StartArgs& a) {
+    Resolved r;
+    if (int rc = resolve(self, tid, a.func_nm, r); rc != kOk) return rc;
+    MTR_CXT_VAR* cxt = r.cxt;
+    const char kind = r.kind;
     PTRC_HASH& e = *cxt->ptrc;
     e.dbio_sts = kind == kDbio ? 1 : 0;
-    if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
+    if (int rc = check_call(r); rc != kOk) return rc;
 
     // Counted before the checks below, which do not take them back.
     e.call_trc_depth = sat_add(e.call_trc_depth, 1);
@@ -150,13 +188,12 @@ int callinfo_start(int32_t tid, const StartArgs& a) {
     e.sql_code = 9999;
     std::memset(e.fetch_last, 0, sizeof e.fetch_last);
 
-    const char* name = a.func_nm ? a.func_nm : "";
     if (e.call_trc_depth < 0) {
-        log_printf("<!> call_trc_depth error, function(%s) call.", name);
+        log_printf("<!> call_trc_depth error, function(%s) call.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
     if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) return kOk;  // too deep to trace
-    if (int rc = check_nesting(e, kind, name); rc != kOk) return rc;
+    if (int rc = check_nesting(e, kind, a.func_nm); rc != kOk) return rc;
     if (e.trc_lvl < 0 || e.trc_lvl > kLastLevel) return VARNIX_RC_CALL_DEPTH;
 
     CALL_LVL& lvl = e.call_lvl[e.trc_lvl];
@@ -165,7 +202,7 @@ int callinfo_start(int32_t tid, const StartArgs& a) {
     keep_name<kSourceMax>(lvl.source_nm, a.source_nm);
     lvl.line_no = a.line_no;
     lvl.call_kind = kind;
-    gettimeofday(&lvl.start_tv, nullptr);
+    lvl.start_tv = r.now;
     lvl.end_tv = timeval{};
     lvl.call_seq = e.total_call_cnt;
     lvl.start_opt = static_cast<uint32_t>(a.start_opt);
@@ -312,19 +349,19 @@ int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h, const timeval& e
 
 // `record` gives the RecordArgs, asked for only when a record goes.
 template <typename Record>
-int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
-    char kind = kBizcall;
-    MTR_CXT_VAR* cxt = nullptr;
-    if (int rc = resolve(tid, a.func_nm, kind, cxt); rc != kOk) return rc;
-    if (int rc = check_call(*cxt, kind); rc != kOk) return rc;
+int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Record& record) {
+    Resolved r;
+    if (int rc = resolve(self, tid, a.func_nm, r); rc != kOk) return rc;
+    if (int rc = check_call(r); rc != kOk) return rc;
+    MTR_CXT_VAR* cxt = r.cxt;
+    const char kind = r.kind;
     PTRC_HASH& e = *cxt->ptrc;
-    const char* name = a.func_nm ? a.func_nm : "";
     if (e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) {
-        log_printf("<!> depth error, function(%s) call does not match the start and end.", name);
+        log_printf("<!> depth error, function(%s) call does not match the start and end.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
     if (e.call_trc_depth < 0) {
-        log_printf("<!> depth error, function(%s) call.", name);
+        log_printf("<!> depth error, function(%s) call.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
     if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) {  // its start was not traced
@@ -335,7 +372,7 @@ int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
     const int depth = e.trc_lvl;
     const int k = depth - 1;
     CALL_LVL& lvl = e.call_lvl[k];
-    gettimeofday(&lvl.end_tv, nullptr);
+    lvl.end_tv = r.now;
     const int64_t elapsed = sat_sub(usec_of(lvl.end_tv), usec_of(lvl.start_tv));
     lvl.rc = a.rc;
     force_on_error(e, k);
@@ -350,7 +387,7 @@ int callinfo_finish(int32_t tid, FinishArgs a, const Record& record) {
         e.sql_rec_cnt = 0;
     }
     e.last_fin_lvl = static_cast<int8_t>(depth);
-    --e.trc_lvl;
+    e.trc_lvl = static_cast<int8_t>(k);  // only this thread moves it
     if (skipped) {
         e.call_trc_depth = sat_sub(e.call_trc_depth, 1);
         return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
@@ -372,8 +409,9 @@ int32_t TRAN_CALLINFO_S(int32_t tid, const char*, int32_t, const char*, int32_t,
                         int32_t, const char*, int32_t, const char*, int32_t, const char*, int32_t, const char* module_nm,
                         int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t start_opt,
                         const char* func_nm) {
-    const varnix::EntryGate gate;
-    return varnix::callinfo_start(tid, {module_nm, source_nm, line_no, start_opt, func_nm});
+    varnix::ThreadOwn& self = varnix::own_block();
+    const varnix::EntryGate gate(self);
+    return varnix::callinfo_start(self, tid, {module_nm, source_nm, line_no, start_opt, func_nm});
 }
 
 int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, const char* dtl_cd, int32_t dtl_cd_len,
@@ -381,14 +419,15 @@ int32_t TRAN_CALLINFO_F(int32_t tid, const char* cls_cd, int32_t cls_cd_len, con
                         const char* date_str, int32_t date_str_len, const char* time_str, int32_t time_str_len,
                         const char* module_nm, int32_t, const char* source_nm, int32_t, int32_t line_no, int32_t rc,
                         const char* func_nm, int32_t, const char* kind_label, int32_t) {
-    const varnix::EntryGate gate;
+    varnix::ThreadOwn& self = varnix::own_block();
+    const varnix::EntryGate gate(self);
     auto record = [&] {
         const varnix::HeaderArgs header{Text{cls_cd, cls_cd_len}, Text{dtl_cd, dtl_cd_len}, Text{},
                                         Text{pid_str, pid_str_len}, Text{date_str, date_str_len},
                                         Text{time_str, time_str_len}};
         return varnix::RecordArgs{header, module_nm, source_nm, line_no, kind_label};
     };
-    return varnix::callinfo_finish(tid, {rc, func_nm}, record);
+    return varnix::callinfo_finish(self, tid, {rc, func_nm}, record);
 }
 
 }  // extern "C"

@@ -328,8 +328,8 @@ namespace {
     } else if (!entry_is_ours(*cxt)) {
         if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
-    __atomic_store_n(&cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
-    if (tid_arg < 0) own_context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
+    touch_context(*cxt, std::time(nullptr));
+    if (tid_arg < 0) thread_own.context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
     // A context made for an id a caller gave, now used by the thread whose
     // handle that id is, takes that thread's liveness.
     if (cxt->ktid == 0) cxt->ktid = caller.ktid;
@@ -343,8 +343,6 @@ namespace {
 }
 
 }  // namespace
-
-constinit thread_local OwnContext own_context;
 
 int get_mtr_cxt_var(int32_t tid_arg, MTR_CXT_VAR** out) {
     // Sequentially consistent: read after the entry gate counted the caller.

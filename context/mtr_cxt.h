@@ -5,9 +5,11 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <ctime>
 
 #include "core/cxt_table.h"
 #include "core/reattach.h"
+#include "core/thread_own.h"
 #include "varnix_collector.h"
 
 namespace varnix {
@@ -36,24 +38,28 @@ inline const CALL_LVL* innermost_call(const PTRC_HASH& e) {
     return lvl >= 1 && lvl <= VARNIX_CALL_LVL_CNT ? &e.call_lvl[lvl - 1] : nullptr;
 }
 
-// The calling thread's own context, found without the bucket: valid while
-// the slot's stamp is the one it had when found.
-struct OwnContext {
-    MTR_CXT_VAR* cxt = nullptr;
-    uint64_t stamp = 0;
-};
-extern constinit thread_local OwnContext own_context;
-
 // The lookup's fast path: the calling thread's own context, when it still
 // holds the slot it was found in and its entry lies in the table attached now
-// and still names its thread (its last access now); else null.  Only after
-// tracing was found on.
-inline MTR_CXT_VAR* own_context_now() {
-    const OwnContext own = own_context;
+// and still names its thread; else null.  Only after tracing was found on.
+// Its user marks the access (touch_context).  `self` is the calling thread's
+// thread_own.
+inline MTR_CXT_VAR* own_context_held(const ThreadOwn& self = thread_own) {
+    const OwnContext own = self.context;
     if (!own.cxt || __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) != own.stamp || !entry_is_ours(*own.cxt))
         return nullptr;
-    __atomic_store_n(&own.cxt->lasted_access, std::time(nullptr), __ATOMIC_RELAXED);
     return own.cxt;
+}
+
+// The context's last access is `now` (seconds since the epoch).
+inline void touch_context(MTR_CXT_VAR& cxt, std::time_t now) {
+    __atomic_store_n(&cxt.lasted_access, now, __ATOMIC_RELAXED);
+}
+
+// own_context_held, its access marked now.
+inline MTR_CXT_VAR* own_context_now() {
+    MTR_CXT_VAR* cxt = own_context_held();
+    if (cxt) touch_context(*cxt, std::time(nullptr));
+    return cxt;
 }
 
 // Finds or creates the context of a thread: 0 with *out set, or 103, 107, 116, 117.

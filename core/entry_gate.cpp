@@ -7,6 +7,12 @@
 namespace varnix {
 
 GateStripe gate_stripes[kGateStripes];
+constinit thread_local ThreadOwn thread_own;
+
+GateStripe& first_gate_stripe() {
+    thread_own.stripe = &gate_stripes[handle_bucket_of(static_cast<uint64_t>(pthread_self())) % kGateStripes];
+    return *thread_own.stripe;
+}
 
 bool wait_callers_out(int budget_ms) {
     const int64_t deadline = monotonic_us() + static_cast<int64_t>(budget_ms) * 1000;

@@ -21,6 +21,7 @@
 #include <cstdint>
 
 #include "core/cxt_table.h"
+#include "core/thread_own.h"
 
 namespace varnix {
 
@@ -33,13 +34,20 @@ extern GateStripe gate_stripes[kGateStripes];
 
 // Spread as the context buckets are, by the bits of the handle that differ
 // between threads.
-inline GateStripe& gate_stripe() {
-    return gate_stripes[handle_bucket_of(static_cast<uint64_t>(pthread_self())) % kGateStripes];
+[[gnu::cold, gnu::noinline]] GateStripe& first_gate_stripe();
+
+// `self` is the calling thread's thread_own.
+inline GateStripe& gate_stripe(ThreadOwn& self = thread_own) {
+    GateStripe* s = self.stripe;
+    return s ? *s : first_gate_stripe();
 }
 
 class EntryGate {
 public:
-    EntryGate() : stripe_(gate_stripe()) { stripe_.inside.fetch_add(1, std::memory_order_seq_cst); }
+    // `self`: the calling thread's thread_own, for an entry that reads it again.
+    explicit EntryGate(ThreadOwn& self = thread_own) : stripe_(gate_stripe(self)) {
+        stripe_.inside.fetch_add(1, std::memory_order_seq_cst);
+    }
     ~EntryGate() { stripe_.inside.fetch_sub(1, std::memory_order_release); }
     EntryGate(const EntryGate&) = delete;
     EntryGate& operator=(const EntryGate&) = delete;

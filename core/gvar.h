@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "core/cxt_table.h"
+#include "core/dbio_signature.h"
 #include "core/record_class.h"
 #include "core/status.h"
 #include "varnix_collector.h"
@@ -55,6 +56,7 @@ struct Gvar {
     char db_sid[11];
     char dbio_func_nm[11];
     int32_t dbio_func_no;
+    DbioSignature dbio_signature;  // of dbio_func_no and dbio_func_nm
     MTR_TID_IDX mtr_tid_idx[kMtrBuckets];
     int32_t idle_thread_release[2];
     int32_t infinite_loop_base_cnt;
@@ -86,16 +88,26 @@ int tran_init();
 // TRAN_INIT has made the library ready and no stop has begun.  Sequentially
 // consistent: read after the entry gate counted the caller.
 inline bool library_ready() { return gvar.init_mark.load() == kInitMarkReady; }
-// check_gvar once the library is ready: the collector's control block.
-inline int check_collector(char log_type) {
-    if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) return VARNIX_RC_BAD_MAGIC;
+// check_gvar once the library is ready: the collector's control block, for
+// records of the class `bit` (0: no class switch); `flags` gets the class
+// switches as read when a class is given.
+inline int check_collector_class(uint8_t bit, uint8_t& flags) {
+    if (shm_load(gvar.magic_code) != VARNIX_MAGIC_CODE) [[unlikely]]
+        return VARNIX_RC_BAD_MAGIC;
     const int32_t qcnt = shm_load(gvar.qcnt);
     if (__atomic_load_n(&gvar.que_info_shmid, __ATOMIC_RELAXED) < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT)
-        return VARNIX_RC_NO_QUE_INFO;
-    if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) return VARNIX_RC_SVC_TIMEOUT;
-    const uint8_t bit = record_class_bit(log_type);
-    if (bit != 0 && (shm_load(gvar.log_flag_set) & bit) == 0) return VARNIX_RC_CLASS_OFF;
+        [[unlikely]] return VARNIX_RC_NO_QUE_INFO;
+    if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) [[unlikely]]
+        return VARNIX_RC_SVC_TIMEOUT;
+    if (bit == 0) return kOk;
+    flags = shm_load(gvar.log_flag_set);
+    if ((flags & bit) == 0) [[unlikely]]
+        return VARNIX_RC_CLASS_OFF;
     return kOk;
+}
+inline int check_collector(char log_type) {
+    uint8_t flags = 0;
+    return check_collector_class(record_class_bit(log_type), flags);
 }
 // 0 when an API producing records of `log_type` may proceed; else 99, 100, 101,
 // 103 or 126.  Inline: every entry runs it first.

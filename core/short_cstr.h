@@ -22,6 +22,11 @@ namespace varnix {
 // The load reads past the NUL, never past the page the string's first byte
 // lies in, so it cannot fault; the sanitizers, which would report the bytes
 // beyond the string's end, are told not to look.
+namespace short_cstr_detail {
+alignas(32) inline constexpr unsigned char kOnesThenZeros[32] = {
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+}  // namespace short_cstr_detail
+
 template <size_t N>
 __attribute__((no_sanitize("address", "thread"))) inline int copy_short_cstr(char (&dst)[N], const char* src) {
     static_assert(N >= 16);
@@ -31,16 +36,27 @@ __attribute__((no_sanitize("address", "thread"))) inline int copy_short_cstr(cha
     const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
     const unsigned nul = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())));
     if (nul == 0) return -1;
-    const int n = __builtin_ctz(nul);
-    const __m128i lane = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-    const __m128i name = _mm_and_si128(bytes, _mm_cmplt_epi8(lane, _mm_set1_epi8(static_cast<char>(n))));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), name);
-    return n;
+    const unsigned n = static_cast<unsigned>(__builtin_ctz(nul));
+    // The 16 bytes that end n bytes into the zeros: n ones, then zeros.
+    const unsigned char* zeros = short_cstr_detail::kOnesThenZeros + 16;
+    const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(zeros - n));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_and_si128(bytes, keep));
+    return static_cast<int>(n);
 #else
     (void)dst;
     (void)src;
     return -1;
 #endif
+}
+
+// The 8 bytes at `src` (little-endian) into `out`, when they lie in the page
+// of its first byte; false, with `out` untouched, when they would not.  They
+// may reach past the string's NUL: the caller looks at bytes before it only.
+__attribute__((no_sanitize("address", "thread"))) inline bool load_8_in_page(const char* src, uint64_t& out) {
+    constexpr uintptr_t kPage = 4096;
+    if ((reinterpret_cast<uintptr_t>(src) & (kPage - 1)) > kPage - 8) return false;
+    __builtin_memcpy(&out, src, 8);
+    return true;
 }
 
 }  // namespace varnix

@@ -252,6 +252,7 @@ int read_service_keys() {
     if (!read_key("DATA_SIGNATURE", "DBIO_FUNC", 2, nm)) return VARNIX_RC_NOT_INIT;
     std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);
     copy_prefix(gvar.dbio_func_nm, nm.text, 10);
+    gvar.dbio_signature = compile_dbio_signature(gvar.dbio_func_no, gvar.dbio_func_nm);
     if (!read_key("SERVICE_HASH", "DEFAULT_TIMEOUT_SEC", 1, t)) return VARNIX_RC_NOT_INIT;
     gvar.default_timeout_sec = static_cast<int32_t>(t.num());
     return kOk;
@@ -302,6 +303,7 @@ int tran_init() {
     }
     cfg_path = std::getenv("TRAN_AGT_CFG_FILE");
     gvar.dbio_func_no = -1;
+    gvar.dbio_signature = {};
     // Queues that are not attached must refuse records, never reach a
     // stranger's queue: id 0 is a valid id.
     __atomic_store_n(&gvar.msgq_cnt, 0, __ATOMIC_RELAXED);

@@ -72,17 +72,23 @@ TEST_F(CallInfo, RecordBytesOfBothKindsAndLevelState) {
 TEST_F(CallInfo, DbioSignatureDecidesTheKind) {
     e_->call_trc_limit = e_->dbio_trc_limit = 3600 * kSecond;  // no records
     // Configured "0 DBIO_": the name starts with the pattern ("DBIO" is shorter than it).  Then "2 DBIO_SELEC":
-    // at offset 2, only 7 characters compared; -1: nothing is DBIO; an empty pattern: every name.
+    // at offset 2, only 7 characters compared; -1: nothing is DBIO; an empty pattern: every name, also one shorter
+    // than the offset.  "1 BI" and "6 BI" end within a name's first 8 bytes, "2 DBIO_SELEC" beyond them; the bytes after a
+    // name's end do not count even where they hold the pattern.
     const std::tuple<int, const char*, const char*, char> cases[] = {
         {0, nullptr, "DBIO_select", 'B'}, {0, nullptr, "xDBIO_select", 'C'},      {0, nullptr, "DBIO", 'C'},
         {0, nullptr, nullptr, 'C'},       {2, "DBIO_SELEC", "xxDBIO_SExyz", 'B'}, {2, nullptr, "xxDBIO_SxLEC", 'C'},
-        {2, nullptr, "xxD", 'C'},         {-1, nullptr, "xxDBIO_SELEC", 'C'},     {0, "", "anything", 'B'}};
+        {2, nullptr, "xxD", 'C'},         {-1, nullptr, "xxDBIO_SELEC", 'C'},     {0, "", "anything", 'B'},
+        {3, nullptr, "ab", 'B'},          {1, "BI", "DBIx", 'B'},                 {1, nullptr, "DB", 'C'},
+        {1, nullptr, "DCI", 'C'},         {6, nullptr, "abcdefBI", 'B'},          {6, nullptr, "abcdeBI", 'C'},
+        {2, nullptr, "a\0BI", 'C'}};
     for (const auto& [no, pattern, func, kind] : cases) {
         gvar.dbio_func_no = no;
         if (pattern) {
             std::memset(gvar.dbio_func_nm, 0, sizeof gvar.dbio_func_nm);
             std::memcpy(gvar.dbio_func_nm, pattern, std::strlen(pattern));
         }
+        gvar.dbio_signature = compile_dbio_signature(no, gvar.dbio_func_nm);
         EXPECT_EQ(kind_of(func), kind) << no << " " << (func ? func : "null");
     }
 }
