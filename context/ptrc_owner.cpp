@@ -57,14 +57,15 @@ bool owner_raised(int semid, uint32_t n) {
 }
 
 void give_back_owner_token(const PTRC_HASH* e) {
-    const PTRC_HASH_TBL* tbl = gvar.ptrc_hash_tbl;
+    // The writer thread publishes a re-created table while callers run.
+    const PTRC_HASH_TBL* tbl = __atomic_load_n(&gvar.ptrc_hash_tbl, __ATOMIC_RELAXED);
     if (!e || !tbl) return;
     // Compared as addresses: the entry may lie in another mapping.
     const uintptr_t first = reinterpret_cast<uintptr_t>(tbl->entry), at = reinterpret_cast<uintptr_t>(e);
     if (at < first || (at - first) % sizeof(PTRC_HASH) != 0) return;
     const uintptr_t n = (at - first) / sizeof(PTRC_HASH);
     if (n >= VARNIX_TBL_ENTRIES) return;
-    const int semid = gvar.ptrc_hash_semid;
+    const int semid = __atomic_load_n(&gvar.ptrc_hash_semid, __ATOMIC_RELAXED);
     auto& entries = held_in(semid);
     if (!entries.test(n)) return;
     entries.reset(n);
