@@ -1,9 +1,15 @@
-// Thin wrappers over System V message queues and semaphores.  The library only
-// attaches to objects the collector created (no create flag).  Every call
-// returns -1 with errno set on failure unless said otherwise.
+// Thin wrappers over System V message queues, semaphores and shared memory.
+// The library only attaches to objects the collector created (no create
+// flag).  Every call returns -1 with errno set on failure unless said
+// otherwise.
 #pragma once
 
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <sys/types.h>
+
+#include <cerrno>
+#include <cstddef>
 
 #include "varnix_collector.h"
 
@@ -11,6 +17,18 @@ namespace varnix {
 
 inline constexpr int kIpcPerm = 0666;
 inline constexpr short kSemUndo = 4096;  // SEM_UNDO: the kernel reverts a dead holder's lock
+
+// Key 0 is IPC_PRIVATE, for which the system makes a new object instead of
+// finding the collector's: the lookups below refuse it (ENOENT) rather than
+// leave a private object behind on every attempt.
+inline bool refuse_private_key(key_t key) {
+    if (key != IPC_PRIVATE) return false;
+    errno = ENOENT;
+    return true;
+}
+
+// The collector's shared-memory block under `key`, of at least `size` bytes.
+inline int find_shm(key_t key, size_t size) { return refuse_private_key(key) ? -1 : shmget(key, size, kIpcPerm); }
 
 int create_msgq(key_t key);
 // msgsnd with IPC_NOWAIT: a full queue fails at once with EAGAIN.

@@ -44,7 +44,7 @@ void look_up_queues() {
     }
 }
 
-int create_msgq(key_t key) { return msgget(key, kIpcPerm); }
+int create_msgq(key_t key) { return refuse_private_key(key) ? -1 : msgget(key, kIpcPerm); }
 
 int send_msgq(int qid, const void* msg, int size) {
 #ifdef SYS_msgsnd

@@ -95,9 +95,9 @@ struct Ids {
 };
 
 Ids look_up() {
-    return Ids{shmget(keys.que_info, sizeof(TRAN_LOGF_QUE_INFO), kIpcPerm),
-               shmget(keys.svc_shm, sizeof(SVC_HASH_TBL), kIpcPerm), create_sem(keys.svc_sem, 1),
-               shmget(keys.ptrc_shm, sizeof(PTRC_HASH_TBL), kIpcPerm), create_sem(keys.ptrc_sem, 1)};
+    return Ids{find_shm(keys.que_info, sizeof(TRAN_LOGF_QUE_INFO)),
+               find_shm(keys.svc_shm, sizeof(SVC_HASH_TBL)), create_sem(keys.svc_sem, 1),
+               find_shm(keys.ptrc_shm, sizeof(PTRC_HASH_TBL)), create_sem(keys.ptrc_sem, 1)};
 }
 
 Ids attached() {

@@ -34,7 +34,7 @@ int sem_lock_for(int semid, int semnum, short flags, int timeout_ms) {
     }
 }
 
-int create_sem(key_t key, int nsems) { return semget(key, nsems, kIpcPerm); }
+int create_sem(key_t key, int nsems) { return refuse_private_key(key) ? -1 : semget(key, nsems, kIpcPerm); }
 
 int sem_lock(int semid, int semnum, short flags) { return sem_op(semid, semnum, -1, flags); }
 

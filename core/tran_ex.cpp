@@ -113,7 +113,7 @@ void point_at_que_info(TRAN_LOGF_QUE_INFO* q) {
 }
 
 int attach_que_info(key_t key) {
-    int id = shmget(key, sizeof(TRAN_LOGF_QUE_INFO), kIpcPerm);
+    int id = find_shm(key, sizeof(TRAN_LOGF_QUE_INFO));
     if (id < 0) {
         log_printf("<!> tran_init fail, shared-memory initialize [TRAN_LOGF_QUE_INFO], errno : %d", errno);
         return VARNIX_RC_NOT_INIT;
@@ -152,7 +152,7 @@ int attach_table(const SharedTable& t) {
     }
     *t.semid = semid;
     int size = static_cast<int>(t.size);
-    int shmid = shmget(t.shm_key, t.size, kIpcPerm);
+    int shmid = find_shm(t.shm_key, t.size);
     if (shmid < 0) {
         log_printf("<!> tran_init fail, shared-memory initialize [%s] ( %d bytes)", t.name, size);
         return VARNIX_RC_NOT_INIT;

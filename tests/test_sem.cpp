@@ -47,6 +47,8 @@ TEST_F(Sem, CreateAttachesOnlyAndInitSetsOrRefuses) {
     EXPECT_EQ(create_sem(ipc_.default_config().keys.ptrc_sem, 1), ptrc());
     // A key of this process's block that names no semaphore: never created.
     EXPECT_EQ(outcome([&] { return create_sem(ipc_.default_config().keys.ptrc_sem + 1, 1); }), failed(ENOENT));
+    // Nor for key 0, IPC_PRIVATE, for which the system would make a new set.
+    EXPECT_EQ(outcome([&] { return create_sem(IPC_PRIVATE, 1); }), failed(ENOENT));
     EXPECT_EQ(outcome([&] { return init_sem_val(svc(), 0, 32767); }), ok(1));
     EXPECT_EQ(value_of(svc()), 32767);
     EXPECT_EQ(outcome([&] { return init_sem_val(-1, 0, 1); }), failed(EINVAL));
