@@ -4,10 +4,9 @@
 # agent_drain.cpp), with JSON output, then with JSON and OTLP export to a
 # local HTTP server on 127.0.0.1 that takes every request and answers 200
 # without decoding it (the tests' receiver decodes).  Builds a Release
-# configuration into
-# build-bench/.  As root it runs in a private IPC namespace whose
-# kernel.msgmnb it raises to 4 MiB, so the queues hold about 5,000 records
-# each without touching the host's setting.
+# configuration into build-bench/.  As root it runs in a private IPC
+# namespace whose kernel.msgmnb it raises to 4 MiB, so the queues hold about
+# 5,000 records each without touching the host's setting.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 dir="$root/build-bench"
