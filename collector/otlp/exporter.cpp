@@ -145,35 +145,39 @@ void OtlpExporter::loop() {
     std::vector<LogData> logs;
     for (size_t taken; (taken = take(spans, logs)) != 0;) {
         const size_t b = config_.batch_items;
+        uint64_t spans_sent = 0, logs_sent = 0;
         for (size_t i = 0; i < spans.size(); i += b) {
             const auto batch = std::span<const SpanData>(spans).subspan(i, std::min(b, spans.size() - i));
-            send("/v1/traces", encode_traces(batch), batch.size(), spans_sent_);
+            if (send("/v1/traces", encode_traces(batch), batch.size())) spans_sent += batch.size();
         }
         for (size_t i = 0; i < logs.size(); i += b) {
             const auto batch = std::span<const LogData>(logs).subspan(i, std::min(b, logs.size() - i));
-            send("/v1/logs", encode_logs(batch), batch.size(), logs_sent_);
+            if (send("/v1/logs", encode_logs(batch), batch.size())) logs_sent += batch.size();
         }
         spans.clear();  // their room serves the next swap
         logs.clear();
-        std::lock_guard<std::mutex> lock(mu_);
-        bytes_ -= taken;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            bytes_ -= taken;
+        }
+        // Counted once their room is free again: whoever sees them sent can
+        // offer as much again.
+        spans_sent_.fetch_add(spans_sent, std::memory_order_release);
+        logs_sent_.fetch_add(logs_sent, std::memory_order_release);
     }
 }
 
-void OtlpExporter::send(const char* path, const std::string& body, size_t items, std::atomic<uint64_t>& sent) {
+bool OtlpExporter::send(const char* path, const std::string& body, size_t items) {
     const std::string url = config_.url + path;
     int64_t backoff = config_.backoff_first_us;
     for (;;) {
         if (stop_time_over()) {
             failed_.fetch_add(items, std::memory_order_relaxed);
-            return;
+            return false;
         }
         std::string why;
         const int rc = post(url, body, why);
-        if (rc == 0) {
-            sent.fetch_add(items, std::memory_order_relaxed);
-            return;
-        }
+        if (rc == 0) return true;
         const int64_t now = monotonic_us();
         if (now - last_complaint_us_ >= kComplainEveryUs) {
             std::fprintf(stderr, "varnix-agent: otlp: %s: %s%s\n", url.c_str(), why.c_str(),
@@ -182,7 +186,7 @@ void OtlpExporter::send(const char* path, const std::string& body, size_t items,
         }
         if (rc < 0 || !pause(backoff)) {
             failed_.fetch_add(items, std::memory_order_relaxed);
-            return;
+            return false;
         }
         retries_.fetch_add(1, std::memory_order_relaxed);
         backoff = std::min(backoff * 2, config_.backoff_max_us);
@@ -230,8 +234,8 @@ bool OtlpExporter::stop_time_over() const {
 
 ExportCounts OtlpExporter::counts() const {
     ExportCounts c;
-    c.spans_sent = spans_sent_.load(std::memory_order_relaxed);
-    c.logs_sent = logs_sent_.load(std::memory_order_relaxed);
+    c.spans_sent = spans_sent_.load(std::memory_order_acquire);
+    c.logs_sent = logs_sent_.load(std::memory_order_acquire);
     c.dropped = dropped_.load(std::memory_order_relaxed);
     c.failed = failed_.load(std::memory_order_relaxed);
     c.retries = retries_.load(std::memory_order_relaxed);

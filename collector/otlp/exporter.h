@@ -73,7 +73,8 @@ private:
     // Takes everything waiting once a batch is due; the bytes then held,
     // or 0 when stopping and nothing is left.
     size_t take(std::vector<SpanData>& spans, std::vector<LogData>& logs);
-    void send(const char* path, const std::string& body, size_t items, std::atomic<uint64_t>& sent);
+    // True once the receiver took the batch; false when it was given up (counted as failed).
+    bool send(const char* path, const std::string& body, size_t items);
     // One POST: 0 sent, 1 worth retrying, -1 refused for good.
     int post(const std::string& url, const std::string& body, std::string& why);
     // Waits up to `us`, or less when stopping; false once the stop's flush time is over.
