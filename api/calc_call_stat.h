@@ -11,13 +11,13 @@ namespace varnix {
 
 // Counts one finished traced call of `kind` ('B' DBIO, anything else
 // BIZCALL) that lasted `elapsed_us`.  The call's level is still open:
-// `trc_lvl` of the process-thread entry numbers it, and the level at that
-// index holds the sums of the calls it made.  The first call of a service
+// `trc_lvl` of the context's process-thread entry `e` numbers it, and the
+// level at that index holds the sums of the calls it made.  The first call of a service
 // beyond INFINITE_LOOP_BASE_CNT sends event 1300 and raises the limits.
 //
 // Inline: every traced call's finish runs it; only the rule's event is out of
 // line.
-inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind);
+inline void calc_call_stat(MTR_CXT_VAR& cxt, const PTRC_HASH& e, int64_t elapsed_us, char kind);
 
 namespace call_stat_detail {
 
@@ -41,9 +41,8 @@ inline int64_t children_elapsed(const PTRC_HASH& e) {
 
 }  // namespace call_stat_detail
 
-inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind) {
+inline void calc_call_stat(MTR_CXT_VAR& cxt, const PTRC_HASH& e, int64_t elapsed_us, char kind) {
     using namespace call_stat_detail;
-    if (!cxt.ptrc) return;
     CallStat& st = cxt.call_stat;
     if (kind == 'B') {
         st.dbio_elapsed_sum = sat_add(st.dbio_elapsed_sum, elapsed_us);
@@ -53,7 +52,7 @@ inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind) {
         st.biz_elapsed_sum = sat_add(st.biz_elapsed_sum, elapsed_us);
         ++st.biz_cnt;
         raise_ms(st.biz_max_ms, elapsed_us);
-        raise_ms(st.biz_self_max_ms, sat_sub(elapsed_us, children_elapsed(*cxt.ptrc)));
+        raise_ms(st.biz_self_max_ms, sat_sub(elapsed_us, children_elapsed(e)));
     }
     const int32_t base_cnt = gvar.infinite_loop_base_cnt;
     if (static_cast<int64_t>(st.biz_cnt) + st.dbio_cnt <= base_cnt || st.excess_call_flag != 0) return;

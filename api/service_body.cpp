@@ -103,7 +103,7 @@ void write_service_body(MTR_CXT_VAR& cxt, const ServiceKind& kind, const Service
     if (timed) take_service_time(*cxt.ptrc, *r.timed, now);
     write_header(b, r.log_type, HeaderArgs{a.cls_cd, a.dtl_cd, r.gid, a.pid_str, a.date_str, a.time_str}, now, timed);
     if (timed && r.since) {
-        put_number<10>(b + kElapsedAt, in_ten_places(sat_sub(usec_of(*timed), usec_of(*r.since))));
+        put_number<10>(b + kElapsedAt, in_ten_places(usec_between(*r.since, *timed)));
         put_number<10>(b + kCallAt, in_ten_places(r.call_us));
     } else {
         std::memcpy(b + kElapsedAt, "0000000000 0000000000 ", 22);

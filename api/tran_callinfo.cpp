@@ -112,10 +112,12 @@ struct Name {
 };
 
 // What a start or finish knows once its checks passed: the call's kind, the
-// context with its entry, the class switches read, and the time now.
+// context with its entry (found naming the thread: `entry_ours`), the class
+// switches read, and the time now.
 struct Resolved {
     char kind;
     uint8_t flags;
+    bool entry_ours;
     MTR_CXT_VAR* cxt;
     timeval now;
 };
@@ -132,7 +134,8 @@ struct Resolved {
     if (int rc = check_collector_class(r.kind == kDbio ? VARNIX_FLAG_B : VARNIX_FLAG_C, r.flags); rc != kOk)
         return rc;
     r.cxt = tid < 0 ? own_context_held(self) : nullptr;
-    if (r.cxt && r.cxt->ptrc) {
+    r.entry_ours = r.cxt != nullptr;
+    if (r.cxt) {
         gettimeofday(&r.now, nullptr);
         touch_context(*r.cxt, r.now.tv_sec);
         return kOk;
@@ -146,7 +149,7 @@ struct Resolved {
 // validation of the record.  Its service id is written when a record goes.
 [[gnu::always_inline]] inline int check_call(const Resolved& r) {
     if (!current_svc_level(*r.cxt)) return VARNIX_RC_SVC_DEPTH;
-    return validate_call(*r.cxt, r.kind, r.flags);
+    return validate_call(*r.cxt, r.kind, r.flags, r.entry_ours);
 }
 
 // A caller's name as the log shows it: empty for none.  Taken in the error
@@ -272,7 +275,7 @@ Plan plan_record(MTR_CXT_VAR& cxt, int k, int64_t elapsed, char kind) {
     const int depth = e.trc_lvl;
     if (last > depth) {  // traced children: their sums are in the level below
         const Sums below = sums_of(e, k + 1);
-        calc_call_stat(cxt, elapsed, kind);
+        calc_call_stat(cxt, e, elapsed, kind);
         const Plan plan{elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kWithChildren, below};
         lvl.elapsed_sum = sat_add(lvl.elapsed_sum, elapsed);
         lvl.dbio_sum = sat_add(lvl.dbio_sum, below.dbio);
@@ -282,12 +285,12 @@ Plan plan_record(MTR_CXT_VAR& cxt, int k, int64_t elapsed, char kind) {
     const bool first = last < depth;
     lvl.elapsed_sum = first ? elapsed : sat_add(lvl.elapsed_sum, elapsed);
     if (kind != kDbio) {
-        calc_call_stat(cxt, elapsed, kind);
+        calc_call_stat(cxt, e, elapsed, kind);
         return {elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kAlone, {}};
     }
     lvl.dbio_sum = first ? elapsed : sat_add(lvl.dbio_sum, elapsed);
     e.call_elapsed_sum = sat_add(e.call_elapsed_sum, elapsed);
-    calc_call_stat(cxt, elapsed, kind);
+    calc_call_stat(cxt, e, elapsed, kind);
     if (e.dbio_skip != 0) return {false, Format::kDbioFirst, {}};
     return {elapsed >= e.dbio_trc_limit || lvl.force_rec != 0, first ? Format::kDbioFirst : Format::kDbioLater, {}};
 }
@@ -373,7 +376,7 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
     const int k = depth - 1;
     CALL_LVL& lvl = e.call_lvl[k];
     lvl.end_tv = r.now;
-    const int64_t elapsed = sat_sub(usec_of(lvl.end_tv), usec_of(lvl.start_tv));
+    const int64_t elapsed = usec_between(lvl.start_tv, lvl.end_tv);
     lvl.rc = a.rc;
     force_on_error(e, k);
     const Plan plan = plan_record(*cxt, k, elapsed, kind);

@@ -24,6 +24,20 @@ constexpr int64_t usec_of(const timeval& tv) {
 }
 static_assert(usec_of(timeval{1'000'000'000'000'000, 5}) == INT64_MAX && usec_of(timeval{-1, 5}) == -999'995);
 
+// Microseconds from `from` to `to`, as usec_of(to) - usec_of(from) saturating.
+// Times of this era (seconds and microseconds non-negative and far below the
+// bounds) take the short way, which cannot overflow.
+constexpr int64_t usec_between(const timeval& from, const timeval& to) {
+    const auto secs = static_cast<uint64_t>(from.tv_sec) | static_cast<uint64_t>(to.tv_sec);
+    const auto usecs = static_cast<uint64_t>(from.tv_usec) | static_cast<uint64_t>(to.tv_usec);
+    if ((secs >> 42 | usecs >> 31) == 0) [[likely]]
+        return (to.tv_sec - from.tv_sec) * 1'000'000 + (to.tv_usec - from.tv_usec);
+    return sat_sub(usec_of(to), usec_of(from));
+}
+static_assert(usec_between(timeval{10, 999'999}, timeval{12, 1}) == 1'000'002 &&
+              usec_between(timeval{-1, 0}, timeval{INT64_MAX, 0}) == INT64_MAX &&
+              usec_between(timeval{0, INT64_MAX}, timeval{0, 0}) == -INT64_MAX);
+
 // Microseconds of the monotonic clock, for deadlines of bounded waits.
 inline int64_t monotonic_us() {
     timespec ts{};

@@ -77,12 +77,15 @@ inline int call_verdict(MTR_CXT_VAR& cxt, Switches sw, char kind) {
 // trace_validate of a call record, 'B' (DBIO) or 'C' (BIZCALL), for the
 // call's start and finish: the service id is not written (the finish writes
 // it when it sends), and an api type makes no difference to these kinds.
-// `flags` are the class switches the collector check read.
-inline int validate_call(MTR_CXT_VAR& cxt, char kind, uint8_t flags) {
+// `flags` are the class switches the collector check read.  `entry_ours`:
+// the caller has just found the context's entry naming its thread
+// (own_context_held), which is all the entry check would find.
+inline int validate_call(MTR_CXT_VAR& cxt, char kind, uint8_t flags, bool entry_ours) {
     using namespace validate_detail;
-    if (int rc = entry_check(cxt, kind); rc != kOk) return rc;
+    if (!entry_ours)
+        if (int rc = entry_check(cxt, kind); rc != kOk) return rc;
     if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
-    return call_verdict(cxt, {shm_load(gvar.svc_filtering), flags}, kind);
+    return call_verdict(cxt, {shm_load(&gvar.que_info->svc_filtering), flags}, kind);
 }
 
 }  // namespace varnix
