@@ -12,8 +12,9 @@ namespace varnix {
 // Counts one finished traced call of `kind` ('B' DBIO, anything else
 // BIZCALL) that lasted `elapsed_us`.  The call's level is still open:
 // `trc_lvl` of the context's process-thread entry `e` numbers it, and the
-// level at that index holds the sums of the calls it made.  The first call of a service
-// beyond INFINITE_LOOP_BASE_CNT sends event 1300 and raises the limits.
+// level at that index holds the sums of the calls it made.  The first call
+// of a service beyond INFINITE_LOOP_BASE_CNT sends event 1300 and raises the
+// limits.
 //
 // Inline: every traced call's finish runs it; only the rule's event is out of
 // line.

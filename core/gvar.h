@@ -90,9 +90,9 @@ int tran_init();
 inline bool library_ready() { return gvar.init_mark.load() == kInitMarkReady; }
 // check_gvar once the library is ready: the collector's control block, for
 // records of the class `bit` (0: no class switch); `flags` gets the class
-// switches as read when a class is given.
-// The fields are read from the block itself (its one pointer) rather than
-// through their own pointers: one load fewer each, on every entry.
+// switches as read when a class is given.  The fields are read through the
+// block's one pointer rather than their own: one load fewer each, on every
+// entry.
 inline int check_collector_class(uint8_t bit, uint8_t& flags) {
     const TRAN_LOGF_QUE_INFO& q = *gvar.que_info;
     if (shm_load(&q.magic_code) != VARNIX_MAGIC_CODE) [[unlikely]]
