@@ -10,15 +10,14 @@
 namespace varnix {
 
 // Counts one finished traced call of `kind` ('B' DBIO, anything else
-// BIZCALL) that lasted `elapsed_us`.  The call's level is still open:
-// `trc_lvl` of the context's process-thread entry `e` numbers it, and the
-// level at that index holds the sums of the calls it made.  The first call
-// of a service beyond INFINITE_LOOP_BASE_CNT sends event 1300 and raises the
-// limits.
+// BIZCALL) that lasted `elapsed_us`, of which `children_us` were spent in the
+// calls it made (the elapsed sum of the level below the call's, which is
+// still open).  The first call of a service beyond INFINITE_LOOP_BASE_CNT
+// sends event 1300 and raises the limits.
 //
 // Inline: every traced call's finish runs it; only the rule's event is out of
 // line.
-inline void calc_call_stat(MTR_CXT_VAR& cxt, const PTRC_HASH& e, int64_t elapsed_us, char kind);
+inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind, int64_t children_us);
 
 namespace call_stat_detail {
 
@@ -29,20 +28,13 @@ inline void raise_ms(int32_t& max_ms, int64_t us) {
     if (us >= (static_cast<int64_t>(max_ms) + 1) * 1000) max_ms = clamp_to<int32_t>(us / 1000);
 }
 
-// Time spent in the calls the finishing call made: the sums of the level
-// below it (none below the last level).
-inline int64_t children_elapsed(const PTRC_HASH& e) {
-    const int below = e.trc_lvl;
-    return below >= 0 && below < VARNIX_CALL_LVL_CNT ? e.call_lvl[below].elapsed_sum : 0;
-}
-
 // The service's calls have gone beyond `base_cnt`: the event, and the limits
 // raised for the rest of the service.
 [[gnu::cold, gnu::noinline]] void excess_calls(MTR_CXT_VAR& cxt, int32_t base_cnt);
 
 }  // namespace call_stat_detail
 
-inline void calc_call_stat(MTR_CXT_VAR& cxt, const PTRC_HASH& e, int64_t elapsed_us, char kind) {
+inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind, int64_t children_us) {
     using namespace call_stat_detail;
     CallStat& st = cxt.call_stat;
     if (kind == 'B') {
@@ -53,7 +45,7 @@ inline void calc_call_stat(MTR_CXT_VAR& cxt, const PTRC_HASH& e, int64_t elapsed
         st.biz_elapsed_sum = sat_add(st.biz_elapsed_sum, elapsed_us);
         ++st.biz_cnt;
         raise_ms(st.biz_max_ms, elapsed_us);
-        raise_ms(st.biz_self_max_ms, sat_sub(elapsed_us, children_elapsed(e)));
+        raise_ms(st.biz_self_max_ms, sat_sub(elapsed_us, children_us));
     }
     const int32_t base_cnt = gvar.infinite_loop_base_cnt;
     if (static_cast<int64_t>(st.biz_cnt) + st.dbio_cnt <= base_cnt || st.excess_call_flag != 0) return;

@@ -112,11 +112,10 @@ struct Name {
 };
 
 // What a start or finish knows once its checks passed: the call's kind, the
-// context with its entry (found naming the thread: `entry_ours`), the class
-// switches read, and the time now.
+// context with its entry (found naming the thread: `entry_ours`), and the
+// time now.
 struct Resolved {
     char kind;
-    uint8_t flags;
     bool entry_ours;
     MTR_CXT_VAR* cxt;
     timeval now;
@@ -130,8 +129,8 @@ struct Resolved {
 [[gnu::always_inline]] inline int resolve(const ThreadOwn& self, int32_t tid, const char* func_nm, Resolved& r) {
     if (!library_ready()) return VARNIX_RC_NOT_INIT;
     r.kind = call_kind(func_nm);
-    r.flags = 0;
-    if (int rc = check_collector_class(r.kind == kDbio ? VARNIX_FLAG_B : VARNIX_FLAG_C, r.flags); rc != kOk)
+    uint8_t flags = 0;
+    if (int rc = check_collector_class(r.kind == kDbio ? VARNIX_FLAG_B : VARNIX_FLAG_C, flags); rc != kOk)
         return rc;
     r.cxt = tid < 0 ? own_context_held(self) : nullptr;
     r.entry_ours = r.cxt != nullptr;
@@ -149,7 +148,7 @@ struct Resolved {
 // validation of the record.  Its service id is written when a record goes.
 [[gnu::always_inline]] inline int check_call(const Resolved& r) {
     if (!current_svc_level(*r.cxt)) return VARNIX_RC_SVC_DEPTH;
-    return validate_call(*r.cxt, r.kind, r.flags, r.entry_ours);
+    return validate_call(*r.cxt, r.kind, r.entry_ours);
 }
 
 // A caller's name as the log shows it: empty for none.  Taken in the error
@@ -266,16 +265,14 @@ void clear_sums(PTRC_HASH& e, int level) {
 }
 
 // Feeds the level sums and the statistics with the finished call at level k
-// and decides whether its record is wanted, and in which form.  The limits
-// are read after the statistics, which may raise them.
-Plan plan_record(MTR_CXT_VAR& cxt, int k, int64_t elapsed, char kind) {
-    PTRC_HASH& e = *cxt.ptrc;
-    CALL_LVL& lvl = e.call_lvl[k];
-    const int last = e.last_fin_lvl;
-    const int depth = e.trc_lvl;
+// (`depth` = k + 1 levels open; `last`: last_fin_lvl) and decides whether its
+// record is wanted, and in which form.  The limits are read after the
+// statistics, which may raise them.
+Plan plan_record(MTR_CXT_VAR& cxt, PTRC_HASH& e, int depth, int last, int64_t elapsed, char kind) {
+    CALL_LVL& lvl = e.call_lvl[depth - 1];
     if (last > depth) {  // traced children: their sums are in the level below
-        const Sums below = sums_of(e, k + 1);
-        calc_call_stat(cxt, e, elapsed, kind);
+        const Sums below = sums_of(e, depth);
+        calc_call_stat(cxt, elapsed, kind, below.elapsed);
         const Plan plan{elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kWithChildren, below};
         lvl.elapsed_sum = sat_add(lvl.elapsed_sum, elapsed);
         lvl.dbio_sum = sat_add(lvl.dbio_sum, below.dbio);
@@ -285,12 +282,12 @@ Plan plan_record(MTR_CXT_VAR& cxt, int k, int64_t elapsed, char kind) {
     const bool first = last < depth;
     lvl.elapsed_sum = first ? elapsed : sat_add(lvl.elapsed_sum, elapsed);
     if (kind != kDbio) {
-        calc_call_stat(cxt, e, elapsed, kind);
+        calc_call_stat(cxt, elapsed, kind, sums_of(e, depth).elapsed);
         return {elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kAlone, {}};
     }
     lvl.dbio_sum = first ? elapsed : sat_add(lvl.dbio_sum, elapsed);
     e.call_elapsed_sum = sat_add(e.call_elapsed_sum, elapsed);
-    calc_call_stat(cxt, e, elapsed, kind);
+    calc_call_stat(cxt, elapsed, kind, 0);
     if (e.dbio_skip != 0) return {false, Format::kDbioFirst, {}};
     return {elapsed >= e.dbio_trc_limit || lvl.force_rec != 0, first ? Format::kDbioFirst : Format::kDbioLater, {}};
 }
@@ -358,28 +355,31 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
     if (int rc = check_call(r); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = r.cxt;
     const char kind = r.kind;
+    // The entry's call state is read once: only this thread's calls change it.
     PTRC_HASH& e = *cxt->ptrc;
-    if (e.trc_lvl < 1 || e.trc_lvl > VARNIX_CALL_LVL_CNT) {
+    const int depth = e.trc_lvl;
+    const int32_t call_depth = e.call_trc_depth;
+    if (depth < 1 || depth > VARNIX_CALL_LVL_CNT) {
         log_printf("<!> depth error, function(%s) call does not match the start and end.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
-    if (e.call_trc_depth < 0) {
+    if (call_depth < 0) {
         log_printf("<!> depth error, function(%s) call.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
-    if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) {  // its start was not traced
-        e.call_trc_depth = sat_sub(e.call_trc_depth, 1);
+    if (kind == kBizcall && call_depth > e.call_trc_depth_max) {  // its start was not traced
+        e.call_trc_depth = call_depth - 1;
         return VARNIX_RC_NOT_TRACED;
     }
 
-    const int depth = e.trc_lvl;
     const int k = depth - 1;
+    const int last = e.last_fin_lvl;
     CALL_LVL& lvl = e.call_lvl[k];
     lvl.end_tv = r.now;
-    const int64_t elapsed = usec_between(lvl.start_tv, lvl.end_tv);
+    const int64_t elapsed = usec_between(lvl.start_tv, r.now);
     lvl.rc = a.rc;
     force_on_error(e, k);
-    const Plan plan = plan_record(*cxt, k, elapsed, kind);
+    const Plan plan = plan_record(*cxt, e, depth, last, elapsed, kind);
     if (plan.wanted) {
         write_text(cxt->log_body, e, lvl, record(), plan, elapsed);
         lvl.force_rec = 0;
@@ -390,15 +390,11 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
         e.sql_rec_cnt = 0;
     }
     e.last_fin_lvl = static_cast<int8_t>(depth);
-    e.trc_lvl = static_cast<int8_t>(k);  // only this thread moves it
-    if (skipped) {
-        e.call_trc_depth = sat_sub(e.call_trc_depth, 1);
-        return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
-    }
-    const int result = plan.wanted ? send_call_record(*cxt, kind, record().header, lvl.end_tv)
-                                   : kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
-    e.call_trc_depth = sat_sub(e.call_trc_depth, 1);
-    return result;
+    e.trc_lvl = static_cast<int8_t>(k);
+    e.call_trc_depth = call_depth - 1;  // not negative, checked above
+    if (skipped) return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
+    if (!plan.wanted) return kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
+    return send_call_record(*cxt, kind, record().header, r.now);
 }
 
 }  // namespace

@@ -28,8 +28,11 @@ inline int filter(const MTR_CXT_VAR& cxt, Switches sw, uint8_t bit) {
 // Records of a class switched off still go while a snapshot runs.
 inline int common_tail(const PTRC_HASH& e) { return e.snapshot_state == 2 ? kOk : VARNIX_RC_CLASS_OFF; }
 
-// A service has started and not yet ended.
-inline bool in_service(const MTR_CXT_VAR& cxt) { return (cxt.log_bit & 3) < 3 && cxt.log_bit != 0; }
+// A service has started and not yet ended: log_bit & 3 below 3 and log_bit
+// not 0, which, for a word holding only START_BIT and END_BIT, is 1 or 2.
+inline bool in_service(const MTR_CXT_VAR& cxt) {
+    return static_cast<uint32_t>(cxt.log_bit) - 1 < 2;
+}
 
 // The entry is another thread's: reported for service records; 127.
 [[gnu::cold, gnu::noinline]] int mismatch(const MTR_CXT_VAR& cxt, char log_type);
@@ -77,15 +80,17 @@ inline int call_verdict(MTR_CXT_VAR& cxt, Switches sw, char kind) {
 // trace_validate of a call record, 'B' (DBIO) or 'C' (BIZCALL), for the
 // call's start and finish: the service id is not written (the finish writes
 // it when it sends), and an api type makes no difference to these kinds.
-// `flags` are the class switches the collector check read.  `entry_ours`:
-// the caller has just found the context's entry naming its thread
-// (own_context_held), which is all the entry check would find.
-inline int validate_call(MTR_CXT_VAR& cxt, char kind, uint8_t flags, bool entry_ours) {
+// The collector check has found the kind's class switched on, so only the
+// service filter can refuse or mark the call.  `entry_ours`: the caller has
+// just found the context's entry naming its thread (own_context_held), which
+// is all the entry check would find.
+inline int validate_call(MTR_CXT_VAR& cxt, char kind, bool entry_ours) {
     using namespace validate_detail;
     if (!entry_ours)
         if (int rc = entry_check(cxt, kind); rc != kOk) return rc;
     if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
-    return call_verdict(cxt, {shm_load(&gvar.que_info->svc_filtering), flags}, kind);
+    const uint8_t class_on = kind == 'B' ? VARNIX_FLAG_B : VARNIX_FLAG_C;
+    return call_verdict(cxt, {shm_load(&gvar.que_info->svc_filtering), class_on}, kind);
 }
 
 }  // namespace varnix

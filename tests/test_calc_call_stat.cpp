@@ -24,22 +24,15 @@ protected:
     }
 };
 
-// The finishing call is numbered by trc_lvl; the level below holds the time
-// of its children, which is not its own.
+// The time of the finishing call's children is not its own.
 TEST_F(CallStatTest, CountsSumsAndMaximaFromInjectedTimes) {
-    e_->trc_lvl = 1;
-    e_->call_lvl[1].elapsed_sum = 500;
-    calc_call_stat(*cxt_, *e_, 1999, 'C');  // 1 ms, 1 ms (1499 us) of its own
-    e_->call_lvl[1].elapsed_sum = 4500;
-    calc_call_stat(*cxt_, *e_, 5000, 'C');  // 500 us of its own do not lower the maximum
-    calc_call_stat(*cxt_, *e_, 2500, 'B');
+    calc_call_stat(*cxt_, 1999, 'C', 500);  // 1 ms, 1 ms (1499 us) of its own
+    calc_call_stat(*cxt_, 5000, 'C', 4500);  // 500 us of its own do not lower the maximum
+    calc_call_stat(*cxt_, 2500, 'B', 0);
+    calc_call_stat(*cxt_, 1000, 'X', 0);  // any kind but 'B' is a BIZCALL
     EXPECT_EQ(fmt("%u %ld %d %d / %u %ld %d", st().biz_cnt, st().biz_elapsed_sum, st().biz_max_ms, st().biz_self_max_ms,
                   st().dbio_cnt, st().dbio_elapsed_sum, st().dbio_max_ms),
-              "2 6999 5 1 / 1 2500 2");
-    // A call at the last level has no level below: all its time is its own.
-    e_->trc_lvl = 51;
-    calc_call_stat(*cxt_, *e_, 7000, 'X');  // any kind but 'B' is a BIZCALL
-    EXPECT_EQ(fmt("%u %d %d", st().biz_cnt, st().biz_self_max_ms, st().excess_call_flag), "3 7 0");
+              "3 7999 5 1 / 1 2500 2");
 }
 
 TEST_F(CallStatTest, TheCallAfterTheBaseCountSendsEvent1300OnceAndRaisesLimits) {
