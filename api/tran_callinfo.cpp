@@ -76,8 +76,9 @@ constexpr size_t kSourceMax = 100;
     if (!func_nm) return kBizcall;
     const DbioSignature& sig = gvar.dbio_signature;
     uint64_t v = 0;
-    if (!sig.fits || !load_8_in_page(func_nm, v)) return kind_by_characters(func_nm);
-    if ((v & sig.care) != sig.want) return kBizcall;
+    if (!load_8_in_page(func_nm, v)) return kind_by_characters(func_nm);
+    if ((v & sig.care) != sig.want) return kBizcall;  // never where it does not fit
+    if (!sig.fits) return kind_by_characters(func_nm);
     // A byte of `live` that is NUL sets its high bit here; a borrow reaches
     // the live bytes above a NUL only, never a live byte below every NUL.
     return ((v - 0x0101010101010101ull) & ~v & sig.live) == 0 ? kDbio : kBizcall;
@@ -87,7 +88,7 @@ constexpr size_t kSourceMax = 100;
 template <size_t Max, size_t N>
 [[gnu::always_inline]] inline void keep_name(char (&dst)[N], const char* src) {
     static_assert(Max < N && Max >= 16);
-    if (src && copy_short_cstr(dst, src) >= 0) return;
+    if (src && copy_short_cstr(dst, src)) return;
     const size_t n = src ? strnlen(src, Max) : 0;
     field_detail::copy_short<Max + 1>(dst, src, n);
     dst[n] = '\0';
@@ -111,22 +112,22 @@ struct Name {
     }
 };
 
-// What a start or finish knows once its checks passed: the call's kind, the
-// context with its entry (found naming the thread: `entry_ours`), and the
-// time now.
+// What a start or finish knows once its checks passed: the call's kind and
+// the context with its entry (found naming the thread: `entry_ours`).  No
+// call sees its address, so that it stays in registers.
 struct Resolved {
     char kind;
     bool entry_ours;
     MTR_CXT_VAR* cxt;
-    timeval now;
 };
 
 // The call's kind and the context of `tid` with its entry, after the library
-// and collector checks; then the time, which also marks the context's access.
-// `self` is the calling thread's thread_own, as its entry gate found it.
-// Every call runs this twice: the calling thread's own context is taken here,
-// without a call, once the checks found tracing on.
-[[gnu::always_inline]] inline int resolve(const ThreadOwn& self, int32_t tid, const char* func_nm, Resolved& r) {
+// and collector checks; then the time `now`, which also marks the context's
+// access.  `self` is the calling thread's thread_own, as its entry gate found
+// it.  Every call runs this twice: the calling thread's own context is taken
+// here, without a call, once the checks found tracing on.
+[[gnu::always_inline]] inline int resolve(const ThreadOwn& self, int32_t tid, const char* func_nm, Resolved& r,
+                                          timeval& now) {
     if (!library_ready()) return VARNIX_RC_NOT_INIT;
     r.kind = call_kind(func_nm);
     uint8_t flags = 0;
@@ -135,12 +136,14 @@ struct Resolved {
     r.cxt = tid < 0 ? own_context_held(self) : nullptr;
     r.entry_ours = r.cxt != nullptr;
     if (r.cxt) {
-        gettimeofday(&r.now, nullptr);
-        touch_context(*r.cxt, r.now.tv_sec);
+        gettimeofday(&now, nullptr);
+        touch_context(*r.cxt, now.tv_sec);
         return kOk;
     }
-    if (int rc = context_with_entry(tid, &r.cxt); rc != kOk) return rc;
-    gettimeofday(&r.now, nullptr);
+    MTR_CXT_VAR* found = nullptr;
+    if (int rc = context_with_entry(tid, &found); rc != kOk) return rc;
+    r.cxt = found;
+    gettimeofday(&now, nullptr);
     return kOk;
 }
 
@@ -174,39 +177,44 @@ struct StartArgs {
 
 int callinfo_start(const ThreadOwn& self, int32_t tid, const StartArgs& a) {
     Resolved r;
-    if (int rc = resolve(self, tid, a.func_nm, r); rc != kOk) return rc;
+    timeval now;
+    if (int rc = resolve(self, tid, a.func_nm, r, now); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = r.cxt;
     const char kind = r.kind;
     PTRC_HASH& e = *cxt->ptrc;
     e.dbio_sts = kind == kDbio ? 1 : 0;
     if (int rc = check_call(r); rc != kOk) return rc;
 
-    // Counted before the checks below, which do not take them back.
-    e.call_trc_depth = sat_add(e.call_trc_depth, 1);
-    if (e.call_trc_depth > static_cast<int64_t>(cxt->call_stat.max_call_depth))
-        cxt->call_stat.max_call_depth = static_cast<uint32_t>(e.call_trc_depth);
-    e.total_call_cnt = sat_add(e.total_call_cnt, 1);
+    // Counted before the checks below, which do not take them back.  Kept in
+    // locals too: only this thread's calls change them.
+    const int32_t call_depth = sat_add(e.call_trc_depth, 1);
+    const int32_t call_seq = sat_add(e.total_call_cnt, 1);
+    e.call_trc_depth = call_depth;
+    if (call_depth > static_cast<int64_t>(cxt->call_stat.max_call_depth))
+        cxt->call_stat.max_call_depth = static_cast<uint32_t>(call_depth);
+    e.total_call_cnt = call_seq;
     e.sql_rec_cnt = 0;
     e.sql_code = 9999;
     std::memset(e.fetch_last, 0, sizeof e.fetch_last);
 
-    if (e.call_trc_depth < 0) {
+    if (call_depth < 0) {
         log_printf("<!> call_trc_depth error, function(%s) call.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
-    if (kind == kBizcall && e.call_trc_depth > e.call_trc_depth_max) return kOk;  // too deep to trace
+    if (kind == kBizcall && call_depth > e.call_trc_depth_max) return kOk;  // too deep to trace
     if (int rc = check_nesting(e, kind, a.func_nm); rc != kOk) return rc;
-    if (e.trc_lvl < 0 || e.trc_lvl > kLastLevel) return VARNIX_RC_CALL_DEPTH;
+    const int depth = e.trc_lvl;
+    if (depth < 0 || depth > kLastLevel) return VARNIX_RC_CALL_DEPTH;
 
-    CALL_LVL& lvl = e.call_lvl[e.trc_lvl];
+    CALL_LVL& lvl = e.call_lvl[depth];
     keep_name<kNameMax>(lvl.func_nm, a.func_nm);
     keep_name<kNameMax>(lvl.module_nm, a.module_nm);
     keep_name<kSourceMax>(lvl.source_nm, a.source_nm);
     lvl.line_no = a.line_no;
     lvl.call_kind = kind;
-    lvl.start_tv = r.now;
+    lvl.start_tv = now;
     lvl.end_tv = timeval{};
-    lvl.call_seq = e.total_call_cnt;
+    lvl.call_seq = call_seq;
     lvl.start_opt = static_cast<uint32_t>(a.start_opt);
     lvl.force_rec = 0;
     ++e.trc_lvl;
@@ -253,9 +261,12 @@ struct Plan {
     Sums below;  // the children's sums, for kWithChildren
 };
 
-Sums sums_of(const PTRC_HASH& e, int level) {
-    if (level < 0 || level > kLastLevel) return {};
-    return {e.call_lvl[level].elapsed_sum, e.call_lvl[level].dbio_sum};
+// The sums of the level below `lvl`, the level of a call with `depth` levels
+// open (none below the last level).
+Sums sums_below(const CALL_LVL& lvl, int depth) {
+    if (depth > kLastLevel) return {};
+    const CALL_LVL& below = (&lvl)[1];
+    return {below.elapsed_sum, below.dbio_sum};
 }
 
 void clear_sums(PTRC_HASH& e, int level) {
@@ -271,7 +282,7 @@ void clear_sums(PTRC_HASH& e, int level) {
 Plan plan_record(MTR_CXT_VAR& cxt, PTRC_HASH& e, int depth, int last, int64_t elapsed, char kind) {
     CALL_LVL& lvl = e.call_lvl[depth - 1];
     if (last > depth) {  // traced children: their sums are in the level below
-        const Sums below = sums_of(e, depth);
+        const Sums below = sums_below(lvl, depth);
         calc_call_stat(cxt, elapsed, kind, below.elapsed);
         const Plan plan{elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kWithChildren, below};
         lvl.elapsed_sum = sat_add(lvl.elapsed_sum, elapsed);
@@ -282,7 +293,7 @@ Plan plan_record(MTR_CXT_VAR& cxt, PTRC_HASH& e, int depth, int last, int64_t el
     const bool first = last < depth;
     lvl.elapsed_sum = first ? elapsed : sat_add(lvl.elapsed_sum, elapsed);
     if (kind != kDbio) {
-        calc_call_stat(cxt, elapsed, kind, sums_of(e, depth).elapsed);
+        calc_call_stat(cxt, elapsed, kind, sums_below(lvl, depth).elapsed);
         return {elapsed >= e.call_trc_limit || lvl.force_rec != 0, Format::kAlone, {}};
     }
     lvl.dbio_sum = first ? elapsed : sat_add(lvl.dbio_sum, elapsed);
@@ -299,7 +310,7 @@ struct Secs {
 Secs secs(int64_t us) { return {static_cast<long>(us / 1000000), static_cast<long>(us % 1000000)}; }
 Secs secs(const timeval& tv) { return {static_cast<long>(tv.tv_sec), static_cast<long>(tv.tv_usec)}; }
 
-void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const RecordArgs& a, const Plan& p,
+void write_text(char* body, const PTRC_HASH& e, const CALL_LVL& lvl, const RecordArgs& a, Plan p,
                 int64_t elapsed) {
     const bool biz_form = p.format == Format::kWithChildren || p.format == Format::kAlone;
     const bool children = p.format == Format::kWithChildren;
@@ -351,7 +362,8 @@ int send_call_record(MTR_CXT_VAR& cxt, char kind, HeaderArgs h, const timeval& e
 template <typename Record>
 int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Record& record) {
     Resolved r;
-    if (int rc = resolve(self, tid, a.func_nm, r); rc != kOk) return rc;
+    timeval now;
+    if (int rc = resolve(self, tid, a.func_nm, r, now); rc != kOk) return rc;
     if (int rc = check_call(r); rc != kOk) return rc;
     MTR_CXT_VAR* cxt = r.cxt;
     const char kind = r.kind;
@@ -375,8 +387,8 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
     const int k = depth - 1;
     const int last = e.last_fin_lvl;
     CALL_LVL& lvl = e.call_lvl[k];
-    lvl.end_tv = r.now;
-    const int64_t elapsed = usec_between(lvl.start_tv, r.now);
+    lvl.end_tv = now;
+    const int64_t elapsed = usec_between(lvl.start_tv, now);
     lvl.rc = a.rc;
     force_on_error(e, k);
     const Plan plan = plan_record(*cxt, e, depth, last, elapsed, kind);
@@ -394,7 +406,7 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
     e.call_trc_depth = call_depth - 1;  // not negative, checked above
     if (skipped) return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
     if (!plan.wanted) return kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
-    return send_call_record(*cxt, kind, record().header, r.now);
+    return send_call_record(*cxt, kind, record().header, now);
 }
 
 }  // namespace

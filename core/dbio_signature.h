@@ -12,7 +12,8 @@ inline constexpr int kDbioSignatureCompared = 7;
 
 // The name's first 8 bytes v (little-endian) carry the signature when no
 // byte of `live` is NUL and v & care == want.  Only where `fits`; else the
-// name is compared character by character.
+// name is compared character by character, and care and want are 0, so that
+// the first test never tells a name apart.
 struct DbioSignature {
     uint64_t care = 0;  // 0xFF at the configured characters
     uint64_t want = 0;  // those characters

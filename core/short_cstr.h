@@ -14,33 +14,31 @@
 namespace varnix {
 
 // Copies the string at `src` into `dst` when it ends (its NUL) within its
-// first 16 bytes: the name and then 16 zeros; its length.  -1,
-// with `dst` untouched, when it is longer, when its first 16 bytes would reach
-// into the next page, or where the processor has no 16-byte compare: the
-// caller measures it then.
+// first 16 bytes: the name and then 16 zeros.  False, with `dst` untouched,
+// when it is longer, when its first 16 bytes would reach into the next page,
+// or where the processor has no 16-byte compare: the caller measures it then.
 //
 // The load reads past the NUL, never past the page the string's first byte
 // lies in, so it cannot fault; the sanitizers, which would report the bytes
 // beyond the string's end, are told not to look.
 template <size_t N>
-__attribute__((no_sanitize("address", "thread"))) inline int copy_short_cstr(char (&dst)[N], const char* src) {
+__attribute__((no_sanitize("address", "thread"))) inline bool copy_short_cstr(char (&dst)[N], const char* src) {
     static_assert(N >= 31);
 #if defined(__SSE2__)
     constexpr uintptr_t kPage = 4096;
-    if ((reinterpret_cast<uintptr_t>(src) & (kPage - 1)) > kPage - 16) return -1;
+    if ((reinterpret_cast<uintptr_t>(src) & (kPage - 1)) > kPage - 16) return false;
     const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
-    const unsigned nul = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())));
-    if (nul == 0) return -1;
-    const size_t n = static_cast<size_t>(__builtin_ctzll(nul));
+    const auto nul = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())));
+    if (nul == 0) return false;
     // The bytes the load took past the NUL are covered by zeros at once:
     // two stores cost less than masking them out.
     _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), bytes);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + n), _mm_setzero_si128());
-    return static_cast<int>(n);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + __builtin_ctz(nul)), _mm_setzero_si128());
+    return true;
 #else
     (void)dst;
     (void)src;
-    return -1;
+    return false;
 #endif
 }
 
