@@ -64,10 +64,10 @@ struct ServiceKind {
     // outermost start resets the fetch sums.
     bool stats_with_fetch;
 };
-extern const ServiceKind kStandardService;
-extern const ServiceKind kProcessTraceService;
-extern const ServiceKind kClientHandlerService;
-extern const ServiceKind kWebService;
+[[gnu::visibility("hidden")]] extern const ServiceKind kStandardService;
+[[gnu::visibility("hidden")]] extern const ServiceKind kProcessTraceService;
+[[gnu::visibility("hidden")]] extern const ServiceKind kClientHandlerService;
+[[gnu::visibility("hidden")]] extern const ServiceKind kWebService;
 
 // Body fields that differ between start, end and error records.
 struct ServiceRecord {

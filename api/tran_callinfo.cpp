@@ -77,7 +77,10 @@ constexpr size_t kSourceMax = 100;
     const DbioSignature& sig = gvar.dbio_signature;
     uint64_t v = 0;
     if (!load_8_in_page(func_nm, v)) return kind_by_characters(func_nm);
-    if ((v & sig.care) != sig.want) return kBizcall;  // never where it does not fit
+    // Never where the signature does not fit.  Most calls of a service are
+    // business calls: theirs is the straight way.
+    if ((v & sig.care) != sig.want) [[likely]]
+        return kBizcall;
     if (!sig.fits) return kind_by_characters(func_nm);
     // A byte of `live` that is NUL sets its high bit here; a borrow reaches
     // the live bytes above a NUL only, never a live byte below every NUL.
@@ -128,7 +131,8 @@ struct Resolved {
 // here, without a call, once the checks found tracing on.
 [[gnu::always_inline]] inline int resolve(const ThreadOwn& self, int32_t tid, const char* func_nm, Resolved& r,
                                           timeval& now) {
-    if (!library_ready()) return VARNIX_RC_NOT_INIT;
+    if (!library_ready()) [[unlikely]]
+        return VARNIX_RC_NOT_INIT;
     r.kind = call_kind(func_nm);
     uint8_t flags = 0;
     if (int rc = check_collector_class(r.kind == kDbio ? VARNIX_FLAG_B : VARNIX_FLAG_C, flags); rc != kOk)
@@ -207,9 +211,6 @@ int callinfo_start(const ThreadOwn& self, int32_t tid, const StartArgs& a) {
     if (depth < 0 || depth > kLastLevel) return VARNIX_RC_CALL_DEPTH;
 
     CALL_LVL& lvl = e.call_lvl[depth];
-    keep_name<kNameMax>(lvl.func_nm, a.func_nm);
-    keep_name<kNameMax>(lvl.module_nm, a.module_nm);
-    keep_name<kSourceMax>(lvl.source_nm, a.source_nm);
     lvl.line_no = a.line_no;
     lvl.call_kind = kind;
     lvl.start_tv = now;
@@ -217,6 +218,9 @@ int callinfo_start(const ThreadOwn& self, int32_t tid, const StartArgs& a) {
     lvl.call_seq = call_seq;
     lvl.start_opt = static_cast<uint32_t>(a.start_opt);
     lvl.force_rec = 0;
+    keep_name<kNameMax>(lvl.func_nm, a.func_nm);
+    keep_name<kNameMax>(lvl.module_nm, a.module_nm);
+    keep_name<kSourceMax>(lvl.source_nm, a.source_nm);
     ++e.trc_lvl;
     return kOk;
 }
@@ -379,13 +383,14 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
         log_printf("<!> depth error, function(%s) call.", shown(a.func_nm));
         return VARNIX_RC_CALL_DEPTH;
     }
-    if (kind == kBizcall && call_depth > e.call_trc_depth_max) {  // its start was not traced
-        e.call_trc_depth = call_depth - 1;
-        return VARNIX_RC_NOT_TRACED;
-    }
+    // The call's nesting ends here, traced or not; the records below do not
+    // show it.
+    e.call_trc_depth = call_depth - 1;
+    if (kind == kBizcall && call_depth > e.call_trc_depth_max) return VARNIX_RC_NOT_TRACED;  // start not traced
 
     const int k = depth - 1;
     const int last = e.last_fin_lvl;
+    e.last_fin_lvl = static_cast<int8_t>(depth);  // nothing below reads it
     CALL_LVL& lvl = e.call_lvl[k];
     lvl.end_tv = now;
     const int64_t elapsed = usec_between(lvl.start_tv, now);
@@ -401,9 +406,7 @@ int callinfo_finish(const ThreadOwn& self, int32_t tid, FinishArgs a, const Reco
         (void)tran_sql_stmt_close(*cxt);
         e.sql_rec_cnt = 0;
     }
-    e.last_fin_lvl = static_cast<int8_t>(depth);
-    e.trc_lvl = static_cast<int8_t>(k);
-    e.call_trc_depth = call_depth - 1;  // not negative, checked above
+    --e.trc_lvl;  // to k: the SQL statements above closed at the finishing level
     if (skipped) return static_cast<unsigned char>(e.dbio_skip);  // 121 or 100
     if (!plan.wanted) return kind == kDbio ? VARNIX_RC_DBIO_FAST : VARNIX_RC_BIZ_FAST;
     return send_call_record(*cxt, kind, record().header, now);

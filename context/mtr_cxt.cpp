@@ -20,6 +20,7 @@
 #include "context/mtr_cxt.h"
 #include "context/ptrc_owner.h"
 #include "context/ptrc_sem.h"
+#include "core/entry_gate.h"
 #include "core/gvar.h"
 #include "core/log_field.h"
 #include "core/log_printf.h"
@@ -329,7 +330,10 @@ namespace {
         if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
     touch_context(*cxt, std::time(nullptr));
-    if (tid_arg < 0) thread_own.context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
+    if (tid_arg < 0) {
+        thread_own.context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
+        settle_gate_stripe(thread_own);
+    }
     // A context made for an id a caller gave, now used by the thread whose
     // handle that id is, takes that thread's liveness.
     if (cxt->ktid == 0) cxt->ktid = caller.ktid;

@@ -45,7 +45,7 @@ inline const CALL_LVL* innermost_call(const PTRC_HASH& e) {
 // thread_own.
 inline MTR_CXT_VAR* own_context_held(const ThreadOwn& self = thread_own) {
     const OwnContext own = self.context;
-    if (!own.cxt || __atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) != own.stamp || !entry_is_ours(*own.cxt))
+    if (__atomic_load_n(&own.cxt->stamp, __ATOMIC_ACQUIRE) != own.stamp || !entry_is_ours(*own.cxt))
         return nullptr;
     return own.cxt;
 }

@@ -3,15 +3,16 @@
 #include <ctime>
 
 #include "core/clock.h"
+#include "core/cxt_table.h"
 
 namespace varnix {
 
 GateStripe gate_stripes[kGateStripes];
-constinit thread_local ThreadOwn thread_own;
+MTR_CXT_VAR no_context;
+constinit thread_local ThreadOwn thread_own{&gate_stripes[0], {}};
 
-GateStripe& first_gate_stripe() {
-    thread_own.stripe = &gate_stripes[handle_bucket_of(static_cast<uint64_t>(pthread_self())) % kGateStripes];
-    return *thread_own.stripe;
+void settle_gate_stripe(ThreadOwn& self) {
+    self.stripe = &gate_stripes[handle_bucket_of(static_cast<uint64_t>(pthread_self())) % kGateStripes];
 }
 
 bool wait_callers_out(int budget_ms) {

@@ -30,22 +30,18 @@ inline constexpr int kGateStripes = 32;
 struct alignas(64) GateStripe {
     std::atomic<int32_t> inside{0};
 };
-extern GateStripe gate_stripes[kGateStripes];
+[[gnu::visibility("hidden")]] extern GateStripe gate_stripes[kGateStripes];
 
-// Spread as the context buckets are, by the bits of the handle that differ
-// between threads.
-[[gnu::cold, gnu::noinline]] GateStripe& first_gate_stripe();
-
-// `self` is the calling thread's thread_own.
-inline GateStripe& gate_stripe(ThreadOwn& self = thread_own) {
-    GateStripe* s = self.stripe;
-    return s ? *s : first_gate_stripe();
-}
+// A thread counts itself in the first stripe until it settles in its own,
+// once it has a context: spread as the context buckets are, by the bits of
+// the handle that differ between threads.  A gate leaves the stripe it
+// entered, whatever the thread settles in meanwhile.
+void settle_gate_stripe(ThreadOwn& self);
 
 class EntryGate {
 public:
     // `self`: the calling thread's thread_own, for an entry that reads it again.
-    explicit EntryGate(ThreadOwn& self = thread_own) : stripe_(gate_stripe(self)) {
+    explicit EntryGate(ThreadOwn& self = thread_own) : stripe_(*self.stripe) {
         stripe_.inside.fetch_add(1, std::memory_order_seq_cst);
     }
     ~EntryGate() { stripe_.inside.fetch_sub(1, std::memory_order_release); }

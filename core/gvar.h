@@ -72,9 +72,11 @@ struct Gvar {
 static_assert(std::is_standard_layout_v<Gvar>);
 inline constexpr size_t kGvarWipeFrom = offsetof(Gvar, qcnt);
 
-extern Gvar gvar;
-extern int32_t write_qidx_idx_gid_rng_pos;
-extern int32_t write_qidx_idx_gid_rng_siz;
+// The library's data are declared hidden, as they are defined: it then reaches
+// them directly rather than through the global offset table.
+[[gnu::visibility("hidden")]] extern Gvar gvar;
+[[gnu::visibility("hidden")]] extern int32_t write_qidx_idx_gid_rng_pos;
+[[gnu::visibility("hidden")]] extern int32_t write_qidx_idx_gid_rng_siz;
 
 // Reads a field of shared memory that another process may be writing.
 template <typename T>
@@ -92,14 +94,16 @@ inline bool library_ready() { return gvar.init_mark.load() == kInitMarkReady; }
 // records of the class `bit` (0: no class switch); `flags` gets the class
 // switches as read when a class is given.  The fields are read through the
 // block's one pointer rather than their own: one load fewer each, on every
-// entry.
+// entry.  The block's id is not looked at: the library is ready only once
+// tran_init attached the block, and a re-attachment stores only an id it
+// attached, so it is never negative here.
 inline int check_collector_class(uint8_t bit, uint8_t& flags) {
     const TRAN_LOGF_QUE_INFO& q = *gvar.que_info;
     if (shm_load(&q.magic_code) != VARNIX_MAGIC_CODE) [[unlikely]]
         return VARNIX_RC_BAD_MAGIC;
     const int32_t qcnt = shm_load(&q.qcnt);
-    if (__atomic_load_n(&gvar.que_info_shmid, __ATOMIC_RELAXED) < 0 || qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT)
-        [[unlikely]] return VARNIX_RC_NO_QUE_INFO;
+    if (qcnt < 1 || qcnt > VARNIX_MAX_QUE_CNT) [[unlikely]]
+        return VARNIX_RC_NO_QUE_INFO;
     if (gvar.svctimeout_mark.load(std::memory_order_relaxed) != 0) [[unlikely]]
         return VARNIX_RC_SVC_TIMEOUT;
     if (bit == 0) return kOk;

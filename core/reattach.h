@@ -35,7 +35,7 @@ void note_attachments(const IpcKeys& keys);
 // The generation of the process-thread table attachment in use, raised by each
 // switch.  Sequentially consistent, like init_mark: read after the entry gate
 // counted the caller.
-extern std::atomic<uint32_t> table_generation;
+[[gnu::visibility("hidden")]] extern std::atomic<uint32_t> table_generation;
 inline uint32_t tables_gen() { return table_generation.load(); }
 // The attachment of the generation in use.  It stays attached while the
 // caller is inside the entry gate or holds the process lock.
@@ -48,7 +48,7 @@ void look_for_new_collector();
 
 // The process lock: TRAN_INIT and TRAN_DONE (start/start_stop.cpp) run under
 // it, and so does retiring a replaced table.
-extern pthread_mutex_t main_lock;
+[[gnu::visibility("hidden")]] extern pthread_mutex_t main_lock;
 
 // The writer thread's share in following a collector that created its
 // objects anew, between records: a look once a second, and the detaching of

@@ -10,18 +10,23 @@ namespace varnix {
 struct GateStripe;
 struct MTR_CXT_VAR;
 
+// A context that no thread ever holds: its stamp stays 0 (core/entry_gate.cpp).
+[[gnu::visibility("hidden")]] extern MTR_CXT_VAR no_context;
+
 // The calling thread's own context, found without the bucket: valid while
-// the slot's stamp is the one it had when found.
+// the slot's stamp is the one it had when found.  Before any is found it is
+// no_context with a stamp that context never has, so that the test needs no
+// null check.
 struct OwnContext {
-    MTR_CXT_VAR* cxt = nullptr;
-    uint64_t stamp = 0;
+    MTR_CXT_VAR* cxt = &no_context;
+    uint64_t stamp = 1;
 };
 
 struct ThreadOwn {
-    GateStripe* stripe = nullptr;  // its entry-gate stripe once it has entered
+    GateStripe* stripe;  // its entry-gate stripe (core/entry_gate.h), never null
     OwnContext context;
 };
-extern constinit thread_local ThreadOwn thread_own;
+[[gnu::visibility("hidden")]] extern constinit thread_local ThreadOwn thread_own;
 
 // The calling thread's block, its address computed here once: the compiler
 // would compute a thread-local address again at each use, which in a shared

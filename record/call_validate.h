@@ -88,7 +88,8 @@ inline int validate_call(MTR_CXT_VAR& cxt, char kind, bool entry_ours) {
     using namespace validate_detail;
     if (!entry_ours)
         if (int rc = entry_check(cxt, kind); rc != kOk) return rc;
-    if (!in_service(cxt)) return VARNIX_RC_NO_SERVICE;
+    if (!in_service(cxt)) [[unlikely]]
+        return VARNIX_RC_NO_SERVICE;
     const uint8_t class_on = kind == 'B' ? VARNIX_FLAG_B : VARNIX_FLAG_C;
     return call_verdict(cxt, {shm_load(&gvar.que_info->svc_filtering), class_on}, kind);
 }

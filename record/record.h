@@ -36,7 +36,7 @@ enum ApiType : char {
     kTranWebStartApi = 'v',
     kTranWebEndApi = 'w',
 };
-extern const char* const api_type_nm[20];
+[[gnu::visibility("hidden")]] extern const char* const api_type_nm[20];
 
 // The caller's header arguments (each blank when its pointer is null; date
 // and time are now when not given).
