@@ -313,6 +313,7 @@ namespace {
 // Every lookup but a thread's own that finds its cached context: under the
 // bucket's mutex.
 [[gnu::noinline]] int look_up(int32_t tid_arg, MTR_CXT_VAR** out) {
+    settle_gate_stripe(thread_own);  // the calling thread's, whichever thread it asks for
     const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
     MTR_TID_IDX& bucket = gvar.mtr_tid_idx[tid_arg < 0 ? handle_bucket_of(caller.tid) : bucket_of(caller.tid)];
     BucketLock lock(bucket);
@@ -330,10 +331,7 @@ namespace {
         if (int rc = register_again(bucket, *cxt); rc != kOk) return rc;
     }
     touch_context(*cxt, std::time(nullptr));
-    if (tid_arg < 0) {
-        thread_own.context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
-        settle_gate_stripe(thread_own);
-    }
+    if (tid_arg < 0) thread_own.context = OwnContext{cxt, __atomic_load_n(&cxt->stamp, __ATOMIC_RELAXED)};
     // A context made for an id a caller gave, now used by the thread whose
     // handle that id is, takes that thread's liveness.
     if (cxt->ktid == 0) cxt->ktid = caller.ktid;

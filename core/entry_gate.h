@@ -33,9 +33,9 @@ struct alignas(64) GateStripe {
 [[gnu::visibility("hidden")]] extern GateStripe gate_stripes[kGateStripes];
 
 // A thread counts itself in the first stripe until it settles in its own,
-// once it has a context: spread as the context buckets are, by the bits of
-// the handle that differ between threads.  A gate leaves the stripe it
-// entered, whatever the thread settles in meanwhile.
+// when it first looks a context up: spread as the context buckets are, by the
+// bits of the handle that differ between threads.  A gate leaves the stripe
+// it entered, whatever the thread settles in meanwhile.
 void settle_gate_stripe(ThreadOwn& self);
 
 class EntryGate {
