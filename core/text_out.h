@@ -19,11 +19,17 @@ using namespace std::string_view_literals;
 // Longest text write_zero_padded writes: a sign, 19 digits, or the width.
 inline constexpr int kNumberMax = 20;
 
-// Decimal digits of u.
+// Decimal digits of u: the bit length gives the count or one more, and one
+// comparison with a power of ten settles which.
 inline int digit_count(uint64_t u) {
-    int n = 1;
-    for (; u >= 10000; u /= 10000) n += 4;
-    return u >= 1000 ? n + 3 : u >= 100 ? n + 2 : u >= 10 ? n + 1 : n;
+    static constexpr uint64_t kPow10[20] = {
+        1ull, 10ull, 100ull, 1000ull, 10000ull, 100000ull, 1000000ull, 10000000ull, 100000000ull,
+        1000000000ull, 10000000000ull, 100000000000ull, 1000000000000ull, 10000000000000ull,
+        100000000000000ull, 1000000000000000ull, 10000000000000000ull, 100000000000000000ull,
+        1000000000000000000ull, 10000000000000000000ull};
+    u |= 1;
+    const int t = ((64 - __builtin_clzll(u)) * 1233) >> 12;  // 1233 / 4096 just above log10(2)
+    return t + 1 - (u < kPow10[t]);
 }
 
 // "%0*lld" of v: the sign, then the digits zero-padded so that the whole is
@@ -42,14 +48,21 @@ inline int write_zero_padded(char* out, int64_t v, int width) {
 // A text of at most N characters, built piece by piece; what does not fit is
 // cut off.  Pieces are literals ("..."sv, whose lengths the compiler knows),
 // views, C strings (cstr) and numbers.
+//
+// The buffer reaches kSlack bytes past N, so that a short piece (a number, a
+// literal, a character) is written whole without asking whether it fits and
+// only the length is then held to N: the record texts are written piece by
+// piece on every traced call, and most pieces are short.
 template <int N>
 class TextOut {
 public:
     TextOut& text(std::string_view s) {
-        // The size of a literal is a constant of the copy when it fits.
+        if (s.size() <= kShort) {  // constant for a literal: one move of its size
+            field_detail::copy_short<kShort + 1>(s_ + n_, s.data(), s.size());
+            return grow(static_cast<int>(s.size()));
+        }
         const size_t n = s.size() <= room() ? s.size() : room();
-        if (n == s.size()) std::memcpy(s_ + n_, s.data(), s.size());
-        else std::memcpy(s_ + n_, s.data(), n);
+        std::memcpy(s_ + n_, s.data(), n);
         n_ += static_cast<int>(n);
         return *this;
     }
@@ -59,31 +72,19 @@ public:
     // for null.
     TextOut& cstr(const char* s) { return s ? text(std::string_view(s, strnlen(s, room()))) : *this; }
     TextOut& ch(char c) {
-        if (n_ < N) s_[n_++] = c;
-        return *this;
+        s_[n_] = c;
+        return grow(1);
     }
-    TextOut& number(int64_t v, int width = 0) {
-        if (room() >= static_cast<size_t>(kNumberMax)) {
-            n_ += write_zero_padded(s_ + n_, v, width);
-            return *this;
-        }
-        char buf[kNumberMax];
-        return text(std::string_view(buf, static_cast<size_t>(write_zero_padded(buf, v, width))));
-    }
+    TextOut& number(int64_t v, int width = 0) { return grow(write_zero_padded(s_ + n_, v, width)); }
     // "%ld.%06ld"
     TextOut& secs(int64_t s, int64_t us) {
-        if (us < 0 || us >= 1'000'000 || room() < static_cast<size_t>(kNumberMax + 7))
-            return number(s).ch('.').number(us, 6);
-        if (s == 0) {
-            s_[n_] = '0';
-            n_ += 1;
-        } else {
-            n_ += write_zero_padded(s_ + n_, s, 0);
-        }
-        s_[n_] = '.';
-        write_digits(s_ + n_ + 1, static_cast<uint64_t>(us), 6);
-        n_ += 7;
-        return *this;
+        if (us < 0 || us >= 1'000'000) return number(s).ch('.').number(us, 6);
+        int n = 1;
+        if (s == 0) s_[n_] = '0';
+        else n = write_zero_padded(s_ + n_, s, 0);
+        s_[n_ + n] = '.';
+        write_digits(s_ + n_ + n + 1, static_cast<uint64_t>(us), 6);
+        return grow(n + 7);
     }
     // "%*.2f" of a float, with a '.' whatever the host's locale.  A float
     // has 24 significant bits, so v x 100 is exact in a double, and rounding
@@ -117,8 +118,18 @@ public:
     int size() const { return n_; }
 
 private:
+    // The longest piece written before the length is held to N: a number's
+    // seconds and microseconds ("%ld.%06ld": 20 + 1 + 6), or a literal.
+    static constexpr size_t kShort = 32;
+    static constexpr size_t kSlack = 32;
+    static_assert(kSlack >= kNumberMax + 7 && kSlack >= kShort);
+
     size_t room() const { return static_cast<size_t>(N - n_); }
-    char s_[N];
+    TextOut& grow(int written) {
+        n_ = n_ + written < N ? n_ + written : N;
+        return *this;
+    }
+    char s_[N + kSlack];
     int n_ = 0;
 };
 

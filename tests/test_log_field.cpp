@@ -68,6 +68,10 @@ TEST(TextOut, CutAtItsSize) {
     TextOut<3> u;
     u.cstr(unterminated);  // read no further than fits
     EXPECT_EQ(std::string(u.data(), static_cast<size_t>(u.size())), "abc");
+    // Pieces written whole past the end are cut as well.
+    TextOut<10> v;
+    v.text("abcdefgh"sv).secs(12, 345).ch('x').number(INT64_MIN, 20).text("more"sv);
+    EXPECT_EQ(std::string(v.data(), static_cast<size_t>(v.size())), "abcdefgh12");
 }
 
 }  // namespace
