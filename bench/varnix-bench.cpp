@@ -7,13 +7,20 @@
 //                                           nothing else, for callgrind
 //   varnix-bench --list                     the scenario names
 //
-// Besides the time per step, each benchmark reports
+// Each scenario but the floor runs twice: first as NAME/no_send, whose
+// records are built and dispatched as ever but whose msgsnd system calls are
+// switched off (send_switch.h), then as NAME.  Besides the time per step, the
+// table reports
 //   records  records the drainer received per step,
 //   fail     steps' sends the queues refused (105): such a step is cheaper
 //            than a real one, so a figure with fail > 0 is too low,
 //   ratio    time per step over the floor's (a bare msgsnd of one record),
-//   own_ns   time per step minus records x the floor: the library's own work.
-// ratio and own_ns need the floor measured earlier in the same run.
+//   own_ns   the library's own time per record: NAME/no_send's time per step
+//            over the records a step sends (per step when it sends none),
+//   send_ns  the rest of NAME's time per step, per record: what sending one
+//            cost in that step (the floor's whole time; none for no_send).
+// ratio needs the floor, and own_ns and send_ns the no_send run, measured
+// earlier in the same run.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -21,9 +28,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <utility>
+#include <string>
+#include <string_view>
 
 #include "bench/drainer.h"
 #include "bench/scenarios.h"
+#include "bench/send_switch.h"
 #include "kit/session.h"
 #include "varnix.h"
 
@@ -72,7 +84,10 @@ void report_step_errors(benchmark::State& state, const Caller& c) {
     state.SkipWithError(msg);
 }
 
-void run_scenario(benchmark::State& state, const Rig& rig, const Scenario& sc) {
+// Runs the scenario's steps; with `sends` off, the library's sends do not
+// reach the kernel, and no record may arrive.
+void run_scenario(benchmark::State& state, const Rig& rig, const Scenario& sc, bool sends) {
+    varnix::bench::set_sends(sends);
     Caller c(state.thread_index(), rig.collector->msgq_id(0));
     const int rc = begin_scenario(sc, c, *rig.collector->que_info());
     if (rc != 0) state.SkipWithError("the scenario's service did not start");
@@ -86,16 +101,22 @@ void run_scenario(benchmark::State& state, const Rig& rig, const Scenario& sc) {
     for (auto _ : state) sc.step(c);
     if (counts) {
         rig.drainer->settle();
+        const uint64_t received = rig.drainer->received() - n.before;
         const double steps = static_cast<double>(state.iterations()) * state.threads();
-        state.counters["records"] = static_cast<double>(rig.drainer->received() - n.before) / steps;
+        state.counters["records"] = static_cast<double>(received) / steps;
+        if (!sends && received != 0) state.SkipWithError("records arrived while sends were off");
     }
     state.counters["fail"] = static_cast<double>(c.tally.fails);
     state.SetItemsProcessed(state.iterations());
     report_step_errors(state, c);
     if (end_scenario(sc, c) != 0 && !state.error_occurred()) state.SkipWithError("the scenario's service did not end");
+    varnix::bench::set_sends(true);
 }
 
-// The console table with ratio and own_ns added, from the figures it prints.
+constexpr std::string_view kNoSend = "/no_send";
+
+// The console table with ratio, own_ns and send_ns added, from the figures
+// it prints.
 class Reporter : public benchmark::ConsoleReporter {
 public:
     // One column per counter; colours only on a terminal.
@@ -108,25 +129,50 @@ public:
     }
 
 private:
+    // Every row gets every column: the console starts a new table wherever
+    // the columns change.  The floor is all send; a no_send run has none.
     void derive(Run& r) {
         if (r.error_occurred || r.run_type != Run::RT_Iteration) return;
         const double ns = r.GetAdjustedRealTime();
-        if (r.run_name.function_name == "floor") floor_ns_ = ns;
-        if (floor_ns_ <= 0) return;
-        r.counters["ratio"] = ns / floor_ns_;
-        r.counters["own_ns"] = ns - r.counters["records"].value * floor_ns_;
+        std::string name = r.run_name.function_name;
+        if (name == "floor") floor_ns_ = ns;
+        if (floor_ns_ > 0) r.counters["ratio"] = ns / floor_ns_;
+        const bool no_send = name.ends_with(kNoSend);
+        if (no_send) name.resize(name.size() - kNoSend.size());
+        const Scenario* sc = varnix::bench::find_scenario(name.c_str());
+        const double records = sc && sc->records > 0 ? sc->records : 1;
+        if (name == "floor") {
+            r.counters["own_ns"] = 0;
+            r.counters["send_ns"] = ns;
+        } else if (no_send) {
+            own_ns_[{name, r.threads}] = ns;
+            r.counters["own_ns"] = ns / records;
+            r.counters["send_ns"] = 0;
+        } else if (const auto own = own_ns_.find({name, r.threads}); own != own_ns_.end()) {
+            r.counters["own_ns"] = own->second / records;
+            r.counters["send_ns"] = sc->records > 0 ? (ns - own->second) / records : 0;
+        }
     }
 
     double floor_ns_ = 0;
+    std::map<std::pair<std::string, int64_t>, double> own_ns_;  // no_send time by scenario and threads
 };
 
+void register_run(const Rig& rig, const Scenario& sc, const std::string& name, bool sends) {
+    auto* b = benchmark::RegisterBenchmark(name.c_str(), [&rig, &sc, sends](benchmark::State& st) {
+        run_scenario(st, rig, sc, sends);
+    });
+    b->Unit(benchmark::kNanosecond)->UseRealTime();
+    // Information records are what many threads of a server send at once:
+    // their throughput with 1, 2 and 8 threads.
+    if (std::strcmp(sc.name, "info") == 0) b->Threads(1)->Threads(2)->Threads(8);
+}
+
+// The floor is a send and nothing else: it has no run without sends.
 void register_all(const Rig& rig) {
     for (const Scenario& sc : varnix::bench::scenarios()) {
-        auto* b = benchmark::RegisterBenchmark(sc.name, [&rig, &sc](benchmark::State& st) { run_scenario(st, rig, sc); });
-        b->Unit(benchmark::kNanosecond)->UseRealTime();
-        // Information records are what many threads of a server send at
-        // once: their throughput with 1, 2 and 8 threads.
-        if (std::strcmp(sc.name, "info") == 0) b->Threads(1)->Threads(2)->Threads(8);
+        if (std::strcmp(sc.name, "floor") != 0) register_run(rig, sc, std::string(sc.name) + std::string(kNoSend), false);
+        register_run(rig, sc, sc.name, true);
     }
 }
 
