@@ -4,14 +4,12 @@
 // sends are off, a msgsnd succeeds without reaching the kernel; every other
 // call, and every call while sends are on, goes on to the C library's.  The
 // switch is the calling thread's own: the library sends from the thread
-// whose entry made the record.  The
-// benchmark's own msgsnd (the floor) and the drainer's msgrcv go through the
-// C library's functions and never pass here.
+// whose entry made the record.  The benchmark's own msgsnd (the floor) and
+// the drainer's msgrcv go through the C library's functions and never pass
+// here.
 #include "bench/send_switch.h"
 
 #include <sys/syscall.h>
-
-#include <cstdarg>
 
 extern "C" long __real_syscall(long number, ...);
 
@@ -27,14 +25,11 @@ void set_sends(bool on) { sends_off = !on; }
 
 }  // namespace varnix::bench
 
-// The C library's syscall() takes up to six arguments and hands on six
-// registers whatever the call passed; so does this one.
-extern "C" long __wrap_syscall(long number, ...) {
+// Called as the variadic syscall() is called: the x86-64 and AArch64 calling
+// conventions pass its number and six integer arguments where a function of
+// seven longs finds them, and the C library's syscall() hands on six
+// arguments whatever the call passed.
+extern "C" long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
     if (number == SYS_msgsnd && sends_off) return 0;
-    va_list ap;
-    va_start(ap, number);
-    long a[6];
-    for (long& x : a) x = va_arg(ap, long);
-    va_end(ap);
-    return __real_syscall(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+    return __real_syscall(number, a, b, c, d, e, f);  // a jump: the arguments stay where they are
 }
