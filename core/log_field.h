@@ -107,6 +107,9 @@ template <size_t W>
 inline void put_bytes(char* dst, const char* src, size_t n) {
     if (n >= W) {
         std::memcpy(dst, src, W);
+    } else if constexpr (W > 64) {  // a text column: blanking it whole would cost more than the copy
+        std::memcpy(dst, src, n);
+        std::memset(dst + n, ' ', W - n);
     } else {
         std::memset(dst, ' ', W);
         field_detail::copy_short<W>(dst, src, n);

@@ -75,10 +75,17 @@ public:
         s_[n_] = c;
         return grow(1);
     }
-    TextOut& number(int64_t v, int width = 0) { return grow(write_zero_padded(s_ + n_, v, width)); }
+    TextOut& number(int64_t v, int width = 0) {
+        if (static_cast<uint64_t>(v) < 10 && width <= 1) {  // levels, counts, most codes
+            s_[n_] = static_cast<char>('0' + v);
+            return grow(1);
+        }
+        return grow(write_zero_padded(s_ + n_, v, width));
+    }
     // "%ld.%06ld"
     TextOut& secs(int64_t s, int64_t us) {
         if (us < 0 || us >= 1'000'000) return number(s).ch('.').number(us, 6);
+        if ((s | us) == 0) return text("0.000000"sv);  // the times of what did not happen
         int n = 1;
         if (s == 0) s_[n_] = '0';
         else n = write_zero_padded(s_ + n_, s, 0);
@@ -86,45 +93,46 @@ public:
         write_digits(s_ + n_ + n + 1, static_cast<uint64_t>(us), 6);
         return grow(n + 7);
     }
-    // "%*.2f" of a float, with a '.' whatever the host's locale.  A float
-    // has 24 significant bits, so v x 100 is exact in a double, and rounding
-    // that to the nearest integer (ties to even, as printf rounds) gives
-    // printf's digits without a floating-point formatter, which would tie
-    // the library to libm.
+    // "%*.2f" of a float (width at most kNumberMax), with a '.' whatever the
+    // host's locale.  A float has 24 significant bits, so v x 100 is exact
+    // in a double, and rounding that to the nearest integer (ties to even,
+    // as printf rounds) gives printf's digits without a floating-point
+    // formatter, which would tie the library to libm.
     TextOut& fixed2(float v, int width) {
-        char buf[kNumberMax + 8];
+        if (width > kNumberMax) width = kNumberMax;
         const double x = static_cast<double>(v) * 100.0;
-        std::string_view s;
-        if (x != x) {
-            s = std::string_view("nan");
-        } else if (x >= 9e18 || x <= -9e18) {
-            s = std::string_view(x > 0 ? "inf" : "-inf");  // inf; no average reaches such sizes
-        } else {
-            const double ax = x < 0 ? -x : x;
-            auto cents = static_cast<uint64_t>(ax);
-            const double frac = ax - static_cast<double>(cents);
-            if (frac > 0.5 || (frac == 0.5 && (cents & 1))) ++cents;
-            int n = 0;
-            if (__builtin_signbit(v)) buf[n++] = '-';
-            n += write_zero_padded(buf + n, static_cast<int64_t>(cents / 100), 1);
-            buf[n++] = '.';
-            n += write_zero_padded(buf + n, static_cast<int64_t>(cents % 100), 2);
-            s = std::string_view(buf, static_cast<size_t>(n));
-        }
-        for (int pad = width - static_cast<int>(s.size()); pad > 0; --pad) ch(' ');
-        return text(s);
+        if (!(x > -9e18 && x < 9e18)) return padded(x != x ? "nan"sv : x > 0 ? "inf"sv : "-inf"sv, width);
+        const double ax = x < 0 ? -x : x;
+        auto cents = static_cast<uint64_t>(ax);
+        const double frac = ax - static_cast<double>(cents);
+        if (frac > 0.5 || (frac == 0.5 && (cents & 1))) ++cents;
+        const int sign = __builtin_signbit(v) ? 1 : 0;
+        const int digits = digit_count(cents / 100);
+        const int pad = width - (sign + digits + 3) > 0 ? width - (sign + digits + 3) : 0;
+        char* at = s_ + n_;
+        std::memset(at, ' ', static_cast<size_t>(pad));
+        at[pad] = '-';  // overwritten by the first digit when positive
+        write_digits(at + pad + sign, cents / 100, digits);
+        at[pad + sign + digits] = '.';
+        write_digits(at + pad + sign + digits + 1, cents % 100, 2);
+        return grow(pad + sign + digits + 3);
     }
     const char* data() const { return s_; }
     int size() const { return n_; }
 
 private:
     // The longest piece written before the length is held to N: a number's
-    // seconds and microseconds ("%ld.%06ld": 20 + 1 + 6), or a literal.
+    // seconds and microseconds ("%ld.%06ld": 20 + 1 + 6), an average (its
+    // width, or a sign, 17 digits and 3), or a literal.
     static constexpr size_t kShort = 32;
     static constexpr size_t kSlack = 32;
     static_assert(kSlack >= kNumberMax + 7 && kSlack >= kShort);
 
     size_t room() const { return static_cast<size_t>(N - n_); }
+    TextOut& padded(std::string_view s, int width) {
+        for (int pad = width - static_cast<int>(s.size()); pad > 0; --pad) ch(' ');
+        return text(s);
+    }
     TextOut& grow(int written) {
         n_ = n_ + written < N ? n_ + written : N;
         return *this;
