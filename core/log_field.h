@@ -107,7 +107,7 @@ template <size_t W>
 inline void put_bytes(char* dst, const char* src, size_t n) {
     if (n >= W) {
         std::memcpy(dst, src, W);
-    } else if constexpr (W > 64) {  // a text column: blanking it whole would cost more than the copy
+    } else if (W > 64 && n > 32) {  // a long text in a text column: blanked only past it
         std::memcpy(dst, src, n);
         std::memset(dst + n, ' ', W - n);
     } else {

@@ -3,8 +3,9 @@
 # configuration into build-bench/ and runs varnix-bench, which prints one table:
 # time per call of each tracing entry against a collector of its own whose
 # queues a drainer thread keeps empty, the records per call, the refused sends
-# ("fail": such a figure is too low), the ratio to a bare msgsnd and the
-# library's own time.  Instructions per call: scripts/callgrind.sh.
+# ("fail": such a figure is too low), the ratio to a bare msgsnd, and per
+# record the library's own time (measured with its msgsnd switched off) beside
+# what the send cost.  Instructions per call: scripts/callgrind.sh.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 dir="$root/build-bench"
