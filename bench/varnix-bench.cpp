@@ -29,9 +29,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <utility>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "bench/drainer.h"
 #include "bench/scenarios.h"
@@ -140,7 +140,8 @@ private:
         const bool no_send = name.ends_with(kNoSend);
         if (no_send) name.resize(name.size() - kNoSend.size());
         const Scenario* sc = varnix::bench::find_scenario(name.c_str());
-        const double records = sc && sc->records > 0 ? sc->records : 1;
+        if (!sc) return;
+        const double records = sc->records > 0 ? sc->records : 1;  // per step for a pair that sends none
         if (name == "floor") {
             r.counters["own_ns"] = 0;
             r.counters["send_ns"] = ns;
