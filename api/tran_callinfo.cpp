@@ -51,10 +51,10 @@ constexpr size_t kSourceMax = 100;
 // call_kind character by character: each of the pattern's first characters
 // is NUL or equals the name's character at the configured position onwards;
 // no name character lies where the name has ended.  The name is read no
-// further than its NUL.
+// further than its NUL.  No name is a BIZCALL.
 [[gnu::noinline]] char kind_by_characters(const char* func_nm) {
     const int32_t pos = gvar.dbio_func_no;
-    if (pos < 0) return kBizcall;
+    if (!func_nm || pos < 0) return kBizcall;
     const char* pattern = gvar.dbio_func_nm;
     for (int32_t i = 0; i < pos; ++i)
         if (func_nm[i] == '\0') return kind_of_short_name(pattern, 0);
@@ -73,7 +73,6 @@ constexpr size_t kSourceMax = 100;
 // signature is configuration, published together with init_mark: read once
 // the library was found ready.
 [[gnu::always_inline]] inline char call_kind(const char* func_nm) {
-    if (!func_nm) return kBizcall;
     const DbioSignature& sig = gvar.dbio_signature;
     uint64_t v = 0;
     if (!load_8_in_page(func_nm, v)) return kind_by_characters(func_nm);
@@ -91,7 +90,7 @@ constexpr size_t kSourceMax = 100;
 template <size_t Max, size_t N>
 [[gnu::always_inline]] inline void keep_name(char (&dst)[N], const char* src) {
     static_assert(Max < N && Max >= 16);
-    if (src && copy_short_cstr(dst, src)) return;
+    if (copy_short_cstr(dst, src)) return;
     const size_t n = src ? strnlen(src, Max) : 0;
     field_detail::copy_short<Max + 1>(dst, src, n);
     dst[n] = '\0';
