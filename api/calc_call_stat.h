@@ -1,6 +1,7 @@
 // Per-service call statistics of a thread, and the excessive-call rule.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "context/mtr_cxt.h"
@@ -21,11 +22,14 @@ inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind, int6
 
 namespace call_stat_detail {
 
-// A maximum in milliseconds raised to `us`, in whole milliseconds.  The
-// maxima start at 0, and us / 1000 exceeds a maximum m >= 0 exactly when us
-// reaches (m + 1) ms: a product rather than a division per call.
-inline void raise_ms(int32_t& max_ms, int64_t us) {
-    if (us >= (static_cast<int64_t>(max_ms) + 1) * 1000) max_ms = clamp_to<int32_t>(us / 1000);
+// A maximum in milliseconds raised to `us`, in whole milliseconds.  us / 1000
+// can exceed a maximum m only once us reaches (m + 1) ms, kept in `next_us`:
+// one compare per call, and the division only for a new maximum.
+inline void raise_ms(int32_t& max_ms, int64_t& next_us, int64_t us) {
+    if (us < next_us) [[likely]]
+        return;
+    max_ms = std::max(max_ms, clamp_to<int32_t>(us / 1000));
+    next_us = (static_cast<int64_t>(max_ms) + 1) * 1000;
 }
 
 // The service's calls have gone beyond `base_cnt`: the event, and the limits
@@ -40,12 +44,12 @@ inline void calc_call_stat(MTR_CXT_VAR& cxt, int64_t elapsed_us, char kind, int6
     if (kind == 'B') {
         st.dbio_elapsed_sum = sat_add(st.dbio_elapsed_sum, elapsed_us);
         ++st.dbio_cnt;
-        raise_ms(st.dbio_max_ms, elapsed_us);
+        raise_ms(st.dbio_max_ms, st.dbio_next_us, elapsed_us);
     } else {
-        st.biz_elapsed_sum = sat_add(st.biz_elapsed_sum, elapsed_us);
         ++st.biz_cnt;
-        raise_ms(st.biz_max_ms, elapsed_us);
-        raise_ms(st.biz_self_max_ms, sat_sub(elapsed_us, children_us));
+        st.biz_elapsed_sum = sat_add(st.biz_elapsed_sum, elapsed_us);
+        raise_ms(st.biz_max_ms, st.biz_next_us, elapsed_us);
+        raise_ms(st.biz_self_max_ms, st.biz_self_next_us, sat_sub(elapsed_us, children_us));
     }
     const int32_t base_cnt = gvar.infinite_loop_base_cnt;
     if (static_cast<int64_t>(st.biz_cnt) + st.dbio_cnt <= base_cnt || st.excess_call_flag != 0) return;

@@ -39,9 +39,13 @@ struct CallStat {
     int32_t dbio_max_ms;
     uint32_t max_call_depth;
     uint8_t excess_call_flag;
-    char spare[23];
+    // Where the next millisecond of each maximum begins, in microseconds: a
+    // call that stays below compares once.
+    int64_t biz_next_us = 1000;
+    int64_t biz_self_next_us = 1000;
+    int64_t dbio_next_us = 1000;
 };
-static_assert(sizeof(CallStat) == 64);
+static_assert(sizeof(CallStat) == 72);
 
 struct MTR_CXT_VAR {
     int32_t pid;

@@ -58,7 +58,7 @@ TEST_F(TranService, OutermostStartEndAndCallStatistics) {
               "1 1 1 f C RECV-SVC-000");
     // The outermost end reports the statistics first: counts 3/2, sums 4500/3000 us, maxima 2 (own 1)/2 ms, depth 3.
     e_->call_elapsed_sum = 1234, e_->total_call_cnt = 5, e_->fetch_rows_sum = 42, e_->fetch_time_sum = 12345;
-    cxt_->call_stat = CallStat{3, 2, 4500, 3000, 2, 1, 2, 3, 0, {}};
+    cxt_->call_stat = CallStat{3, 2, 4500, 3000, 2, 1, 2, 3, 0};
     std::memcpy(e_->db_user, "SCOTT", 6), std::memcpy(e_->db_sid, "ORCL", 5);
     EXPECT_EQ(call(TRAN_END, svc(kGid, "OTHER-ARG")), 0);  // the records take the started service
     m = next();
