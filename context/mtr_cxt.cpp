@@ -313,8 +313,9 @@ namespace {
 // Every lookup but a thread's own that finds its cached context: under the
 // bucket's mutex.
 [[gnu::noinline]] int look_up(int32_t tid_arg, MTR_CXT_VAR** out) {
-    settle_gate_stripe(thread_own);  // the calling thread's, whichever thread it asks for
-    const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? current_ktid() : 0};
+    const pid_t ktid = current_ktid();
+    settle_gate(thread_own, ktid);  // the calling thread's, whichever thread it asks for
+    const ThreadKey caller{get_tid(tid_arg), tid_arg < 0 ? ktid : 0};
     MTR_TID_IDX& bucket = gvar.mtr_tid_idx[tid_arg < 0 ? handle_bucket_of(caller.tid) : bucket_of(caller.tid)];
     BucketLock lock(bucket);
     if (int rc = lock.status(); rc != kOk) return rc;

@@ -32,11 +32,11 @@
 //
 // Retiring.  A caller that read the generation before the switch may still
 // use the old table, and it is inside the entry gate until it leaves.
-// Callers count themselves in their stripe before they read the generation,
-// and it is raised before the stripes are read, all sequentially consistent:
-// a stripe seen at zero after the switch holds no caller of the old
-// generation, and whoever enters it later sees the new one.  Once every
-// stripe has been seen at zero (the writer thread looks between records), or
+// Callers count themselves at the gate before they read the generation, and
+// it is raised before the gate's counts are swept (core/entry_gate.h): a
+// count seen at zero after the switch holds no caller of the old generation,
+// and whoever enters it later sees the new one.  Once every count has been
+// seen at zero (the writer thread looks between records), or
 // when the stop has seen every caller out, the old table is detached and its
 // slot emptied.  Nobody waits for that: a thread that never leaves keeps the
 // old table attached, and the process takes up no further re-creation
@@ -73,15 +73,13 @@ namespace {
 enum State : int { kIdle, kSwitching, kRetiring };
 
 constexpr int64_t kLookEveryUs = 100'000;
-static_assert(kGateStripes == 32, "one bit per stripe");
-constexpr uint32_t kEveryStripe = ~0u;
 
 constexpr PtrcAttach kNoTable{nullptr, -1, -1, 0};
 
 IpcKeys keys;
 PtrcAttach slots[2] = {kNoTable, kNoTable};  // slots[table_generation & 1] is in use
 std::atomic<int> state{kIdle};
-uint32_t stripes_seen_idle;  // since the switch; kRetiring only
+GateSweep retire_sweep;  // started at the switch; kRetiring only
 Throttle look_throttle{kLookEveryUs};
 // The ids last refused, so that each refusal is reported once; switcher only.
 int32_t refused_que_info = -1, refused_svc = -1, refused_ptrc = -1;
@@ -187,7 +185,7 @@ void look_for_new_collector() {
     if (!state.compare_exchange_strong(idle, kSwitching, std::memory_order_acquire)) return;
     const Ids was = attached(), now = look_up();
     const bool retiring = now.complete() && now != was && switch_over(was, now);
-    if (retiring) stripes_seen_idle = 0;
+    if (retiring) (void)retire_sweep.start();  // a failed barrier keeps the old table attached
     state.store(retiring ? kRetiring : kIdle, std::memory_order_release);
 }
 
@@ -206,9 +204,7 @@ bool old_table_pending() { return state.load(std::memory_order_acquire) == kReti
 
 void retire_old_table() {
     if (!old_table_pending()) return;
-    for (int s = 0; s < kGateStripes; ++s)
-        if (gate_stripes[s].inside.load() == 0) stripes_seen_idle |= 1u << s;
-    if (stripes_seen_idle != kEveryStripe) return;
+    if (!retire_sweep.done()) return;
     detach_old(slots[(table_generation.load(std::memory_order_relaxed) + 1) & 1]);
     state.store(kIdle, std::memory_order_release);
 }

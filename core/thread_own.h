@@ -1,13 +1,14 @@
 // What a thread keeps for itself between entries, in one thread-local block
 // so that an entry finds all of it from one address: only the thread itself
-// reads and writes it.  A forked child's thread keeps its parent thread's.
+// reads and writes it.  A forked child's thread keeps its parent thread's
+// context and settles at the gate again.
 #pragma once
 
 #include <cstdint>
 
 namespace varnix {
 
-struct GateStripe;
+struct GateCount;
 struct MTR_CXT_VAR;
 
 // A context that no thread ever holds: its stamp stays 0 (core/entry_gate.cpp).
@@ -23,7 +24,11 @@ struct OwnContext {
 };
 
 struct ThreadOwn {
-    GateStripe* stripe;  // its entry-gate stripe (core/entry_gate.h), never null
+    // Its entry-gate counts (core/entry_gate.h): its own once it has settled
+    // and got one, else null and a stripe, the first one until it settles.
+    GateCount* own_gate;
+    GateCount* stripe;
+    bool gate_settled;
     OwnContext context;
 };
 [[gnu::visibility("hidden")]] extern constinit thread_local ThreadOwn thread_own;

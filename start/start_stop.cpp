@@ -129,6 +129,7 @@ int init_locked() {
         gvar.init_mark.store(kInitMarkFailed, std::memory_order_release);
         return rc;
     }
+    prepare_gate_barrier();
     gvar.init_mark.store(kInitMarkReady, std::memory_order_release);
     MTR_CXT_VAR* cxt = nullptr;
     if (int rc = get_mtr_cxt_var(0, &cxt); rc != kOk) {
