@@ -35,7 +35,7 @@ long membarrier(int cmd) { return syscall(SYS_membarrier, cmd, 0u, 0); }
 std::span<GateCount> own_counts() { return {gate_counts + kGateStripes, kOwnGateCounts}; }
 
 std::atomic_ref<pid_t> holder_of(GateCount& c) { return std::atomic_ref<pid_t>(c.holder); }
-int32_t inside(GateCount& c) { return std::atomic_ref<int32_t>(c.inside).load(std::memory_order_seq_cst); }
+int32_t inside(GateCount& c) { return gate_detail::inside_of(c).load(std::memory_order_seq_cst); }
 
 bool take_free(GateCount& c, pid_t ktid) {
     pid_t free = 0;

@@ -74,6 +74,9 @@ void settle_gate(ThreadOwn& self, pid_t ktid);
 
 namespace gate_detail {
 
+// The count as an atomic: for the stripes' locked changes and every reader.
+inline std::atomic_ref<int32_t> inside_of(GateCount& c) { return std::atomic_ref<int32_t>(c.inside); }
+
 // The owner's change of its own count: one plain read-modify-write, as
 // nobody else writes it, and a compiler barrier, so that the raise comes
 // before the caller reads the mark and the lower after all it did inside.
@@ -85,14 +88,11 @@ inline void change_own(GateCount& c, int32_t by) {
 #if defined(__x86_64__) && !defined(VARNIX_GATE_SANITIZED)
     asm volatile("addl %1, %0" : "+m"(c.inside) : "ri"(by) : "memory");
 #else
-    std::atomic_ref<int32_t> inside(c.inside);
+    const std::atomic_ref<int32_t> inside = inside_of(c);
     inside.store(inside.load(std::memory_order_relaxed) + by, std::memory_order_release);
     std::atomic_signal_fence(std::memory_order_seq_cst);
 #endif
 }
-
-// A stripe's count, which threads share.
-inline std::atomic_ref<int32_t> shared(GateCount& c) { return std::atomic_ref<int32_t>(c.inside); }
 
 }  // namespace gate_detail
 
@@ -104,13 +104,13 @@ public:
         if (own_) [[likely]]
             gate_detail::change_own(count_, 1);
         else
-            gate_detail::shared(count_).fetch_add(1, std::memory_order_seq_cst);
+            gate_detail::inside_of(count_).fetch_add(1, std::memory_order_seq_cst);
     }
     ~EntryGate() {
         if (own_) [[likely]]
             gate_detail::change_own(count_, -1);
         else
-            gate_detail::shared(count_).fetch_sub(1, std::memory_order_release);
+            gate_detail::inside_of(count_).fetch_sub(1, std::memory_order_release);
     }
     EntryGate(const EntryGate&) = delete;
     EntryGate& operator=(const EntryGate&) = delete;
